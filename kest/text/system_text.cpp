@@ -1,0 +1,17 @@
+#include <kest/text/system_text.h>
+
+namespace Kest::System {
+
+std::string UTF8ToSystem(const std::string& text) {
+    return text;
+}
+
+std::string SystemToUTF8(const std::string& text) {
+    return text;
+}
+
+bool IsUTF8SystemRepresentable(const std::string& text) {
+    return SystemToUTF8(UTF8ToSystem(text)) == text;
+}
+
+} // namespace Kest::System
