@@ -1,0 +1,38 @@
+#ifndef KEST_FOUNDATION_TIME_H
+#define KEST_FOUNDATION_TIME_H
+
+#include <kest/export.h>
+
+/// Points in time and intervals, both in seconds as a double. A point in time counts from 1970-01-01 00:00:00 UTC and is negative
+/// before it; read from the clock it has microseconds.
+///
+/// All operations may be called from any thread; none blocks.
+namespace Kest::System {
+
+/// 0.0. Wherever the library takes an interval, one that equals this (0.0 or -0.0) means that there is no limit: such a wait ends
+/// by its event alone, such a sleep never. It is never an immediate return. Set before any code of a program runs.
+extern KEST_EXPORT const double EndlessTimeInterval;
+
+/// The current time by the system's settable clock, to the microsecond.
+/// @throw EException  the system's description alone, when the clock cannot be read.
+KEST_EXPORT double GetCurrentTime();
+
+/// UTC minus local time in seconds at the instant @p time (whole seconds, UTC), daylight saving time included: -3600 for a zone one
+/// hour east of Greenwich. 0 where the system cannot break the instant down. Never throws.
+///
+/// The zone is the process's: TZ as the C library last read it. After changing TZ call tzset, a conversion need not look again.
+KEST_EXPORT long _UTCLocalTimeDifference(long time);
+
+/// @p time plus the difference (UTC minus local time) at the instant @p time, truncated toward zero; the fraction is kept. In a zone
+/// one hour east of Greenwich this is @p time - 3600.
+/// The instant is cut to the range of long where it does not fit (on 32 bits: before 1901 and from 2038 on); for NaN it is 0 and the
+/// result NaN. Never throws.
+KEST_EXPORT double UTCToLocal(const double& time);
+
+/// @p time minus that difference, looked up at the same instant: @p time is taken for a UTC instant here as well. The two
+/// conversions undo each other wherever the difference is the same at both instants. Never throws.
+KEST_EXPORT double LocalToUTC(const double& time);
+
+} // namespace Kest::System
+
+#endif
