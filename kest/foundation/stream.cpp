@@ -1,0 +1,164 @@
+#include <kest/foundation/stream.h>
+
+#include <kest/foundation/cancellation.h>
+
+#include <cassert>
+#include <cstddef>
+#include <cstring>
+#include <cxxabi.h>
+#include <memory>
+
+namespace Kest::_Gadgets {
+
+TStream::TStream(TInterface& transport, unsigned int bufferSize)
+    : std::basic_iostream<char>(static_cast<std::basic_streambuf<char>*>(this)), Transport(transport) {
+    TStream::allocate(static_cast<int>(bufferSize));
+}
+
+TStream::~TStream() {
+    const System::_TCancellationOff off; // acted on in the final flush, a cancellation would leave through this destructor
+    DestroyBuffer();
+}
+
+int TStream::doallocate() {
+    if (BufferSize != 0)
+        return 0;
+    allocate(1);
+    return 1;
+}
+
+void TStream::allocate(int size) {
+    DestroyBuffer();
+    if (size <= 1) {
+        BufferSize = 1;
+        return;
+    }
+    const auto bytes = static_cast<std::size_t>(size);
+    std::unique_ptr<char[]> input(new char[bytes]); // owned here until both are there
+    std::unique_ptr<char[]> output(new char[bytes]);
+    InputBuffer = input.release();
+    OutputBuffer = output.release();
+    BufferSize = size;
+    clear();
+    ResetAreas();
+}
+
+void TStream::DestroyBuffer() {
+    exceptions(std::ios_base::goodbit);
+    if (BufferSize != 0) {
+        try {
+            (void)sync();
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (...) { // releasing never reports
+        }
+    }
+    delete[] InputBuffer;
+    delete[] OutputBuffer;
+    InputBuffer = nullptr;
+    OutputBuffer = nullptr;
+    BufferSize = 0;
+    ResetAreas();
+    clear();
+}
+
+int TStream::underflow() {
+    if (IsUnbuffered()) {
+        char byte = 0;
+        const int result = Transport.Read(&byte, 1);
+        return Record(result) && result != 0 ? traits_type::to_int_type(byte) : traits_type::eof();
+    }
+    if (BufferSize == 0)
+        return traits_type::eof();
+    if (gptr() == egptr()) {
+        const int result = Transport.Read(InputBuffer, static_cast<unsigned int>(BufferSize));
+        assert(result <= BufferSize);
+        if (!Record(result) || result == 0)
+            return traits_type::eof();
+        setg(InputBuffer, InputBuffer, InputBuffer + result);
+    }
+    return traits_type::to_int_type(*gptr());
+}
+
+int TStream::uflow() {
+    const int character = underflow();
+    if (character != traits_type::eof() && !IsUnbuffered())
+        gbump(1);
+    return character;
+}
+
+int TStream::overflow(int c) {
+    const bool flushOnly = c == traits_type::eof();
+    if (IsUnbuffered()) {
+        if (flushOnly)
+            return 0;
+        const char byte = traits_type::to_char_type(c);
+        const int result = Transport.Write(&byte, 1);
+        return Record(result) && result != 0 ? c : traits_type::eof();
+    }
+    if (BufferSize == 0 || !WritePending())
+        return traits_type::eof();
+    if (flushOnly)
+        return 0;
+    *pptr() = traits_type::to_char_type(c); // there is room: a full buffer was flushed by a write that took at least one byte
+    pbump(1);
+    return c;
+}
+
+int TStream::sync() {
+    if ((flags() & std::ios_base::unitbuf) != 0)
+        FlushFromSentry();
+    else
+        (void)overflow(traits_type::eof());
+    if (InputBuffer != nullptr)
+        setg(InputBuffer, InputBuffer + BufferSize, InputBuffer + BufferSize);
+    return 0;
+}
+
+/// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave.
+void TStream::FlushFromSentry() {
+    const System::_TCancellationOff off;
+    try {
+        (void)overflow(traits_type::eof());
+    } catch (const std::ios_base::failure&) { // the state that it reports is set already
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        try {
+            setstate(std::ios_base::badbit);
+        } catch (const std::ios_base::failure&) { // the bit is set before this is thrown
+        }
+    }
+}
+
+/// Both areas empty: input to be read by the next refill, the whole output buffer free.
+void TStream::ResetAreas() noexcept {
+    setg(InputBuffer, InputBuffer + BufferSize, InputBuffer + BufferSize);
+    setp(OutputBuffer, OutputBuffer + BufferSize);
+}
+
+/// Takes note of a transport call's result; false, with failbit set, when it failed.
+bool TStream::Record(int result) {
+    LastResult = result < 0 ? result : 0;
+    if (result < 0)
+        setstate(std::ios_base::failbit);
+    return result >= 0;
+}
+
+/// Offers the pending bytes once and moves what was not taken to the front; false when nothing was taken of something.
+bool TStream::WritePending() {
+    const auto pending = static_cast<int>(pptr() - pbase());
+    if (pending == 0)
+        return true;
+    const int result = Transport.Write(OutputBuffer, static_cast<unsigned int>(pending));
+    assert(result <= pending);
+    if (!Record(result) || result == 0)
+        return false;
+    const int remaining = pending - result;
+    std::memmove(OutputBuffer, OutputBuffer + result, static_cast<std::size_t>(remaining));
+    setp(OutputBuffer, OutputBuffer + BufferSize);
+    pbump(remaining);
+    return true;
+}
+
+} // namespace Kest::_Gadgets

@@ -1,0 +1,115 @@
+#ifndef KEST_FOUNDATION_STREAM_H
+#define KEST_FOUNDATION_STREAM_H
+
+#include <kest/export.h>
+
+#include <iostream>
+#include <streambuf>
+
+namespace Kest::_Gadgets {
+
+/// A standard input and output stream whose bytes come from and go to a transport. It is its own stream buffer, with one buffer for
+/// input and one for output, both of one size, or with none (unbuffered mode: every character is a transport call of its own).
+///
+/// | BufferSize  | state                                                                                       |
+/// |-------------|---------------------------------------------------------------------------------------------|
+/// | 2 and more  | buffered: one transport call for a refill or a flush                                        |
+/// | 1           | unbuffered                                                                                  |
+/// | 0           | no buffers, after DestroyBuffer(): reading and writing fail at once without transport calls |
+///
+/// The transport is borrowed and must outlive the stream. Streams are not copied. A stream and its transport belong to one thread at
+/// a time. Transport calls block as long as the transport does and are cancellation points if it is.
+///
+/// No positioning, and no putting back beyond what the input buffer still holds.
+class KEST_EXPORT TStream : private std::basic_streambuf<char>, public std::basic_iostream<char> {
+public:
+    /// Where the bytes come from and go to.
+    class KEST_EXPORT TInterface {
+    public:
+        /// Reads at most @p size bytes (at least one) into @p buffer. Returns their number; 0 at the end of the data; or a negative
+        /// reason code of the transport's own. Requires of the implementer: never a result above @p size.
+        virtual int Read(void* buffer, unsigned int size) = 0;
+
+        /// Writes at most @p size bytes from @p buffer. Returns how many were taken, fewer than @p size being fine; 0 when nothing
+        /// could be written; or a negative reason code. Requires of the implementer: never a result above @p size.
+        virtual int Write(const void* buffer, unsigned int size) = 0;
+
+    protected:
+        ~TInterface() = default;
+    };
+
+    /// @param transport   borrowed; must outlive the stream.
+    /// @param bufferSize  bytes of each of the two buffers; 0, 1 and everything from 2^31 on mean unbuffered.
+    /// The stream's state is good and its exception mask empty.
+    /// @throw std::bad_alloc  there is no memory for the buffers.
+    TStream(TInterface& transport, unsigned int bufferSize);
+    TStream(const TStream&) = delete;
+    TStream& operator=(const TStream&) = delete;
+
+    /// Writes what is pending with one transport call, whatever comes of it, and releases the buffers. Cancellation is off meanwhile:
+    /// it waits as long as the transport waits, so give a transport that may hang a limit of its own.
+    ~TStream() override;
+
+    /// Result of the last transport call: 0 when it succeeded (or none was made), the transport's negative reason code when it failed.
+    int GetLastResult() const noexcept { return LastResult; }
+
+    /// Sets up unbuffered mode if there are no buffers and returns 1; returns 0 and changes nothing otherwise.
+    virtual int doallocate();
+
+    /// Replaces the buffers by new ones of @p size bytes each; 1 or less means unbuffered. May be called at any time. What is pending
+    /// is written first (see DestroyBuffer), input read ahead is lost, the state becomes good and the exception mask empty: a caller
+    /// who wants state exceptions sets them again.
+    /// @throw std::bad_alloc  there is no memory; the stream then has no buffers until the next call.
+    virtual void allocate(int size);
+
+    /// Empties the exception mask, writes what is pending with one transport call, dropping any exception of it, and releases the
+    /// buffers; the state is good afterwards. A cancellation in the transport call passes, and the buffers are then still there.
+    void DestroyBuffer();
+
+    /// The next input character, 0 to 255, or -1. Buffered: it stays the next one, and an empty buffer is refilled with one transport
+    /// call for as much as it holds. Unbuffered: one transport call for one byte, which is thereby consumed.
+    /// A negative transport result sets failbit; a result of 0 sets no bit here (the reading operation sets eofbit).
+    int underflow() override;
+
+    /// The same, and the character is consumed.
+    int uflow() override;
+
+    /// Buffered: offers everything pending to the transport in one call, keeps what it did not take in front, then appends @p c.
+    /// With -1 it only flushes. Returns -1, everything still pending, when the transport took nothing: with failbit when its result
+    /// was negative, without a bit when it was 0. Unbuffered: one transport call for @p c; nothing to do for -1.
+    int overflow(int c) override;
+
+    /// Offers what is pending to the transport in one call and drops input that was read ahead but not consumed. Always returns 0:
+    /// a failure shows in the state and in GetLastResult(). std::flush, std::endl and flush() come here.
+    ///
+    /// While std::unitbuf is set the standard library flushes from a destructor, where an exception or a cancellation would end the
+    /// process. Then no state exception leaves this call (the next operation reports the state), an exception of the transport becomes
+    /// badbit, and a cancellation waits until the call is over.
+    int sync() override;
+
+    // Both bases have these names; a stream's caller means the stream's.
+    using std::basic_iostream<char>::char_type;
+    using std::basic_iostream<char>::int_type;
+    using std::basic_iostream<char>::pos_type;
+    using std::basic_iostream<char>::off_type;
+    using std::basic_iostream<char>::traits_type;
+    using std::basic_iostream<char>::imbue;
+    using std::basic_iostream<char>::getloc;
+
+private:
+    bool IsUnbuffered() const noexcept { return BufferSize == 1; }
+    void ResetAreas() noexcept;
+    bool Record(int result);
+    bool WritePending();
+    void FlushFromSentry();
+
+    TInterface& Transport;
+    int LastResult = 0;
+    int BufferSize = 0;
+    char* InputBuffer = nullptr;
+    char* OutputBuffer = nullptr;
+};
+
+} // namespace Kest::_Gadgets
+
+#endif
