@@ -1,0 +1,58 @@
+#ifndef KEST_INTERFACE_FILE_H
+#define KEST_INTERFACE_FILE_H
+
+#include <kest/export.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Kest::System::Interface {
+
+/// What the system offers on files. Paths are UTF-8. No objects: a namespace for the operations and for TState.
+class KEST_EXPORT TFile {
+public:
+    /// What a file is, seen through symbolic links.
+    enum TType : int {
+        Other,     ///< anything not listed below, a socket for instance
+        Regular,   ///< a regular file
+        Directory, ///< a directory
+        Fifo,      ///< a named pipe
+        Device     ///< a character or block device
+    };
+
+    /// The status of one file as it was when the object was made. Times are seconds since 1970-01-01 00:00:00 UTC.
+    class KEST_EXPORT TState {
+    public:
+        virtual ~TState() = default;
+        virtual TType GetType() const = 0;
+        virtual std::int64_t GetSize() const = 0; ///< in bytes
+        virtual double GetLastChangeTime() const = 0;
+        virtual double GetLastAccessTime() const = 0;
+        virtual double GetLastModificationTime() const = 0;
+
+        /// Set one time of the file and keep the other as this object holds it.
+        virtual void SetLastModificationTime(double time) = 0;
+        virtual void SetLastAccessTime(double time) = 0;
+
+    protected:
+        TState() = default;
+        TState(const TState&) = default;
+        TState& operator=(const TState&) = default;
+    };
+
+    /// The directory that holds @p path, which must exist: absolute, without symbolic links, "." or "..", and without a separator at its
+    /// end. A path right under the root directory gives the empty string. A backslash counts as a separator like a slash: the existing
+    /// file "/tmp/a\b" gives "/tmp/a".
+    /// @throw EException  "realpath() failed": the path does not exist or cannot be resolved.
+    /// Any thread may call it.
+    static std::string GetPathName(const std::string& path);
+
+    /// Removes the file @p path, or the directory if it is empty. A symbolic link is removed itself.
+    /// @throw EException  "unable to remove file '" + @p path + "': " + the system's description.
+    /// Any thread may call it.
+    static void Remove(const std::string& path);
+};
+
+} // namespace Kest::System::Interface
+
+#endif

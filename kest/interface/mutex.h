@@ -1,0 +1,34 @@
+#ifndef KEST_INTERFACE_MUTEX_H
+#define KEST_INTERFACE_MUTEX_H
+
+#include <kest/export.h>
+
+namespace Kest::System::Interface {
+
+/// A lock: at most one thread is inside at a time. Any thread may call any operation.
+class KEST_EXPORT TProtectionGuard {
+public:
+    virtual ~TProtectionGuard() = default;
+
+    /// Waits until the calling thread is inside.
+    virtual void Enter() = 0;
+
+    /// Enters if that is possible without waiting; true when the calling thread is inside now.
+    virtual bool TryEnter() = 0;
+
+    /// Gives up one entry. Requires: the calling thread is inside.
+    virtual void Leave() = 0;
+
+protected:
+    TProtectionGuard() = default;
+    TProtectionGuard(const TProtectionGuard&) = default;
+    TProtectionGuard& operator=(const TProtectionGuard&) = default;
+};
+
+/// A mutex, written against the lock interface @p TGuard and adding nothing to it.
+template <class TGuard>
+class KEST_EXPORT TMutex : public TGuard {};
+
+} // namespace Kest::System::Interface
+
+#endif

@@ -1,0 +1,74 @@
+#ifndef KEST_INTERFACE_SOCKET_H
+#define KEST_INTERFACE_SOCKET_H
+
+#include <kest/export.h>
+
+#include <string>
+
+namespace Kest::System::Interface {
+
+/// A socket. @p TImplementation is the class that implements this one, so that Accept can return it by value.
+/// Time limits are seconds; EndlessTimeInterval (0.0) means that there is no limit.
+template <class TImplementation>
+class KEST_EXPORT TSocket {
+public:
+    /// The address of a socket.
+    class KEST_EXPORT TAddress {
+    public:
+        virtual ~TAddress() = default;
+
+        /// The address as text, with a name in place of the number where @p resolve asks for it.
+        virtual std::string Get(bool resolve) const = 0;
+
+    protected:
+        TAddress() = default;
+        TAddress(const TAddress&) = default;
+        TAddress& operator=(const TAddress&) = default;
+    };
+
+    /// How a socket carries data.
+    enum TType : int {
+        Stream,           ///< a stream of bytes over a connection
+        Datagram,         ///< messages, each on its own
+        Raw,              ///< the network's own packets; needs a privilege
+        ReliableDatagram, ///< messages that arrive, in any order
+        SequencedPacket   ///< messages that arrive in order, over a connection
+    };
+
+    /// What a socket is made from.
+    struct TProtocolInfo {
+        std::string Domain;   ///< name of the address family: "inet" or "fs"
+        TType Type;           ///< how it carries data
+        std::string Protocol; ///< name in the system's protocol database: "tcp", "udp", "ip" for a family's own
+    };
+
+    virtual ~TSocket() noexcept(false) {}
+    virtual void SetBlocking(bool blocking) = 0;
+    virtual void SetBroadcast(bool on) = 0;
+    virtual void SetReuseAddress(bool on) = 0;
+    virtual double SetReceiveTimeout(const double& limit) = 0;
+    virtual double SetSendTimeout(const double& limit) = 0;
+    virtual int Receive(void* buffer, unsigned size) = 0;
+    virtual int Send(const void* data, unsigned size) = 0;
+    virtual int ReceiveFrom(void* buffer, unsigned size, TAddress& address) = 0;
+    virtual int SendTo(const void* data, unsigned size, const TAddress& address) = 0;
+    virtual void Bind(const TAddress& address) = 0;
+    virtual void Connect(const TAddress& address) = 0;
+    virtual void Listen(unsigned backlog) = 0;
+    virtual TImplementation Accept(TAddress& address) = 0;
+    virtual bool SelectRead(const double& limit) = 0;
+    virtual bool SelectWrite(const double& limit) = 0;
+    virtual void Shutdown(bool read, bool write) = 0;
+    virtual unsigned SetSendBufferSize(unsigned size) = 0;
+    virtual unsigned SetReceiveBufferSize(unsigned size) = 0;
+    virtual void SetNoDelay(bool on) = 0;
+
+protected:
+    TSocket() = default;
+    TSocket(const TSocket&) = default;
+    TSocket& operator=(const TSocket&) = default;
+};
+
+} // namespace Kest::System::Interface
+
+#endif

@@ -1,0 +1,46 @@
+#ifndef KEST_INTERFACE_THREAD_H
+#define KEST_INTERFACE_THREAD_H
+
+#include <kest/export.h>
+
+namespace Kest::System::Interface {
+
+/// A handle to a thread. @p THandle is the platform's handle, @p TInstance the class that implements this one. Handles are values
+/// and are never deleted through this class: there is no virtual destructor.
+template <class THandle, class TInstance>
+class KEST_EXPORT TThreadInstance {
+public:
+    virtual void SetPriority(int priority) = 0;
+    virtual int GetPriority() = 0;
+    virtual int WaitFor() = 0; ///< waits until the thread has ended; its exit value
+    virtual void Cancel() = 0;
+    virtual THandle GetId() = 0;
+    virtual bool Equals(const TInstance& other) const = 0;
+
+protected:
+    TThreadInstance() = default;
+    TThreadInstance(const TThreadInstance&) = default;
+    TThreadInstance& operator=(const TThreadInstance&) = default;
+    ~TThreadInstance() = default;
+};
+
+/// A thread with a body, over the handle class @p TInstance. It is created suspended; its body runs after Start().
+template <class TInstance>
+class KEST_EXPORT TThread : public TInstance {
+public:
+    virtual void Start() = 0;
+
+    /// The body, written by the derived class; its result is the thread's exit value.
+    virtual int Run() = 0;
+
+    virtual ~TThread() = default;
+
+protected:
+    TThread() = default;
+    TThread(const TThread&) = default;
+    TThread& operator=(const TThread&) = default;
+};
+
+} // namespace Kest::System::Interface
+
+#endif
