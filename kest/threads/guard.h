@@ -1,0 +1,23 @@
+// Internal header: used by everything that holds a lock for a scope.
+#ifndef KEST_THREADS_GUARD_H
+#define KEST_THREADS_GUARD_H
+
+#include <kest/interface/mutex.h>
+
+namespace Kest::System {
+
+/// Holds a lock while the object lives; an exception or a cancellation that leaves the scope releases it.
+class _TScopedEntry {
+public:
+    explicit _TScopedEntry(Interface::TProtectionGuard& guard) : Guard(guard) { Guard.Enter(); }
+    _TScopedEntry(const _TScopedEntry&) = delete;
+    _TScopedEntry& operator=(const _TScopedEntry&) = delete;
+    ~_TScopedEntry() { Guard.Leave(); }
+
+private:
+    Interface::TProtectionGuard& Guard;
+};
+
+} // namespace Kest::System
+
+#endif

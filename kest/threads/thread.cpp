@@ -1,0 +1,180 @@
+#include <kest/threads/thread.h>
+
+#include <kest/foundation/cancellation.h>
+#include <kest/foundation/exception.h>
+#include <kest/foundation/interval.h>
+#include <kest/foundation/time.h>
+#include <kest/threads/guard.h>
+#include <kest/threads/mutex.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <type_traits>
+#include <utility>
+
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+
+namespace Kest::System {
+
+static_assert(std::is_same_v<pthread_t, unsigned long>, "a handle of the interface is the system's handle");
+
+namespace {
+
+/// Takes the handle out for a wait. Unless the wait took place it is put back, by an unwinding too.
+class THandleForWait {
+public:
+    explicit THandleForWait(unsigned long& handle) : Place(handle), Handle(std::exchange(handle, 0)) {}
+    THandleForWait(const THandleForWait&) = delete;
+    THandleForWait& operator=(const THandleForWait&) = delete;
+    ~THandleForWait() {
+        if (!Waited)
+            Place = Handle;
+    }
+
+    int Join(void** exitValue) {
+        const int code = ::pthread_join(Handle, exitValue);
+        Waited = true;
+        return code;
+    }
+
+private:
+    unsigned long& Place;
+    const unsigned long Handle;
+    bool Waited = false;
+};
+
+} // namespace
+
+unsigned long TThreadInstance::GetCurrentHandle() {
+    return ::pthread_self();
+}
+
+void TThreadInstance::SetPriority(int) {}
+
+int TThreadInstance::GetPriority() {
+    return 0;
+}
+
+int TThreadInstance::WaitFor() {
+    if (Handle == 0)
+        return 0;
+    void* exitValue = nullptr;
+    if (THandleForWait(Handle).Join(&exitValue) != 0)
+        return 0;
+    return static_cast<int>(reinterpret_cast<std::intptr_t>(exitValue));
+}
+
+void TThreadInstance::Cancel() {
+    if (Handle == 0 || ::pthread_cancel(Handle) != 0)
+        throw EException("thread cancelation failed");
+}
+
+unsigned long TThreadInstance::GetId() {
+    return Handle;
+}
+
+bool TThreadInstance::Equals(const TThreadInstance& other) const {
+    return ::pthread_equal(Handle, other.Handle) != 0;
+}
+
+void TThreadInstance::Sleep(const double& seconds) {
+    if (seconds == EndlessTimeInterval) {
+        const timespec aWhile{100, 0};
+        for (;;)
+            (void)::nanosleep(&aWhile, nullptr);
+    }
+    const timespec interval = _Interval::ToTimeSpec(seconds);
+    (void)::nanosleep(&interval, nullptr); // refuses what is negative, and an interruption just ends the sleep
+}
+
+void TThreadInstance::Yield() {
+    ::pthread_testcancel();
+}
+
+/// The mutex that a new thread waits at. It is made held and opened once. A lock alone does not tell its owner whether the thread was
+/// started: the thread may not have reached the gate yet, or hold it for a moment on its way through. So the gate also knows whether it
+/// was opened and whether the thread is past it.
+class _TStartGate : public TMutex {
+public:
+    _TStartGate() : TMutex(false) { TMutex::Enter(); }
+    ~_TStartGate() override {
+        Open(); // a system mutex is never destroyed while it is held
+    }
+
+    bool IsOpen() const { return Opened.load(std::memory_order_relaxed); }
+
+    /// Lets the thread through; done once, a second call finds it done.
+    void Open() {
+        if (!Opened.exchange(true, std::memory_order_relaxed))
+            TMutex::Leave();
+    }
+
+    bool IsPassed = false; ///< read and written inside
+
+private:
+    std::atomic<bool> Opened{false}; ///< what it announces is ordered by the mutex
+};
+
+TThread::TThread() : StartGate(new _TStartGate) {
+    if (::pthread_create(&Handle, nullptr, &TThread::ThreadFunc, this) != 0) {
+        delete StartGate;
+        throw EException("thread creation error");
+    }
+}
+
+void TThread::Start() {
+    StartGate->Open();
+}
+
+TThread::~TThread() {
+    const _TCancellationOff off; // the wait for an abandoned thread must come to its end
+    const bool started = StartGate->IsOpen();
+    bool isPast = false;
+    if (started) {
+        const _TScopedEntry entry(*StartGate);
+        isPast = StartGate->IsPassed;
+        Abandoned = !isPast;
+    } else {
+        Abandoned = true;
+        StartGate->Open();
+    }
+    if (!isPast)
+        (void)TThreadInstance::WaitFor();
+    delete StartGate;
+    if (Handle != 0)
+        (void)::pthread_detach(Handle);
+}
+
+void* TThread::ThreadFunc(void* thread) {
+    sigset_t blocked;
+    (void)::sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGIO, SIGALRM, SIGPIPE})
+        (void)::sigaddset(&blocked, signal);
+    (void)::sigprocmask(SIG_BLOCK, &blocked, nullptr); // on this platform the mask of the calling thread alone
+    return reinterpret_cast<void*>(static_cast<std::intptr_t>(static_cast<TThread*>(thread)->ThreadFunc()));
+}
+
+// The new thread never reads the handle: pthread_create may store it only after the thread has begun.
+int TThread::ThreadFunc() {
+    bool isAbandoned = false;
+    {
+        const _TScopedEntry entry(*StartGate); // waits here until the gate is opened
+        isAbandoned = Abandoned;
+        StartGate->IsPassed = true;
+    }
+    if (isAbandoned)
+        return 0;
+    try {
+        return Run();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        std::abort();
+    }
+}
+
+} // namespace Kest::System

@@ -1,0 +1,110 @@
+#ifndef KEST_THREADS_THREAD_H
+#define KEST_THREADS_THREAD_H
+
+#include <kest/export.h>
+#include <kest/interface/thread.h>
+
+namespace Kest::System {
+
+/// A handle to a thread of the process, and operations on the calling thread. A plain value: copies name the same thread, and none of
+/// them owns it. 0 names no thread. One object is used by one thread at a time.
+class KEST_EXPORT TThreadInstance : public Interface::TThreadInstance<unsigned long, TThreadInstance> {
+public:
+    /// Names the thread with the system's handle @p handle, for instance one from GetCurrentHandle().
+    explicit TThreadInstance(unsigned long handle = 0) noexcept : Handle(handle) {}
+
+    /// The system's handle of the calling thread.
+    static unsigned long GetCurrentHandle();
+
+    /// Thread priorities are not supported: does nothing, whatever @p priority is.
+    void SetPriority(int priority) override;
+
+    /// Returns 0.
+    int GetPriority() override;
+
+    /// Waits until the thread has ended and returns its exit value, which is what its body returned and -1 for a cancelled thread.
+    /// Returns 0 at once when there is no thread or somebody waited for it through this object before, and 0 when the system refuses
+    /// the wait. A thread is waited for once: afterwards the handle is 0.
+    /// Cancellation point; a wait that is cancelled puts the handle back, so that the thread can still be waited for.
+    int WaitFor() override;
+
+    /// Asks the thread to end at its next cancellation point. It unwinds like an exception, destructors run, and it is waited for like
+    /// any other. Does not wait.
+    /// @throw EException  "thread cancelation failed": there is no thread, or the system refuses.
+    void Cancel() override;
+
+    /// The handle this object holds; 0 when there is no thread or it has been waited for.
+    unsigned long GetId() override;
+
+    /// True when both name the same thread.
+    bool Equals(const TThreadInstance& other) const override;
+
+    /// Suspends the calling thread for @p seconds; EndlessTimeInterval (0.0) suspends it for ever. A negative interval and NaN return
+    /// at once, one that is too large for the system is cut to its largest value. A signal ends the sleep early, and the rest is not
+    /// slept. Never throws. Cancellation point.
+    static void Sleep(const double& seconds);
+
+    /// A cancellation point, and nothing else: it does not give up the processor.
+    static void Yield();
+
+private:
+    friend class TThread;
+
+    unsigned long Handle;
+};
+
+class _TStartGate;
+
+/// A thread with a body. The constructor creates the system thread, which waits at its start gate; the body runs after Start().
+///
+/// | State     | Entered by                          | The system's thread                                                   |
+/// |-----------|-------------------------------------|-----------------------------------------------------------------------|
+/// | Created   | constructor                         | waits at the gate                                                     |
+/// | Running   | Start()                             | passes the gate and runs Run()                                        |
+/// | Finished  | Run() returned, or was cancelled    | ended; its exit value is kept                                         |
+/// | Joined    | WaitFor()                           | gone; the handle is 0                                                 |
+/// | Abandoned | destructor of a thread not past the | ends with exit value 0 without running Run(), and is waited for by the|
+/// |           | gate                                | destructor                                                            |
+///
+/// As its first action the new thread blocks SIGINT, SIGTERM, SIGHUP, SIGIO, SIGALRM and SIGPIPE for itself: they reach the
+/// application's own threads. Its nice value is that of the thread that created it.
+///
+/// The constructor, Start(), WaitFor(), Cancel() and the destructor are for the owner of the object, one thread at a time. Objects are
+/// neither copied nor moved.
+///
+/// Requires: a derived class waits for a started thread in its own destructor at the latest, before anything that Run() uses is gone.
+/// The library's own part of an object is safe without that, the derived part cannot be.
+class KEST_EXPORT TThread : public Interface::TThread<TThreadInstance> {
+public:
+    /// Creates the thread, suspended before its body.
+    /// @throw EException      "thread creation error": the system has no more threads to give.
+    /// @throw std::bad_alloc  there is no memory for the gate.
+    TThread();
+    TThread(const TThread&) = delete;
+    TThread& operator=(const TThread&) = delete;
+
+    /// Lets the thread run its body. Called once, by any thread; another call does nothing.
+    void Start() override;
+
+    /// The body. Its result is the exit value. A cancellation unwinds through it and ends the thread; any other exception that leaves
+    /// it ends the process with abort().
+    int Run() override = 0;
+
+    /// A thread that has not begun its body never will; the destructor waits until it has ended. A thread that has is detached if
+    /// nobody waited for it. Not a cancellation point.
+    ~TThread() override;
+
+    /// The system thread's start routine; @p thread is the TThread. Not for callers.
+    static void* ThreadFunc(void* thread);
+
+    /// What the new thread runs: gate, flag, body. Returns the exit value. Not for callers.
+    int ThreadFunc();
+
+private:
+    _TStartGate* StartGate;
+    bool Abandoned = false;
+};
+
+} // namespace Kest::System
+
+#endif
