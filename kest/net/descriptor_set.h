@@ -1,0 +1,47 @@
+// Internal header: used by the readiness waits of sockets.
+#ifndef KEST_NET_DESCRIPTOR_SET_H
+#define KEST_NET_DESCRIPTOR_SET_H
+
+#include <algorithm>
+#include <climits>
+#include <memory>
+
+#include <sys/select.h>
+
+namespace Kest::System {
+
+/// The set of one descriptor, as large as that descriptor needs. An fd_set ends at FD_SETSIZE (1024), and with fortified headers its
+/// macros abort there even over a larger array; the system call itself takes words of any number.
+class _TDescriptorSet {
+public:
+    /// Requires: @p descriptor is not negative.
+    /// @throw std::bad_alloc  there is no memory for the set of a large descriptor.
+    explicit _TDescriptorSet(int descriptor) {
+        const auto bit = static_cast<unsigned>(descriptor);
+        const unsigned words = bit / WordBits + 1;
+        if (words > FewWords) {
+            Many.reset(new TWord[words]);
+            Words = Many.get();
+        }
+        std::fill_n(Words, words, 0);
+        Words[bit / WordBits] = TWord{1} << bit % WordBits;
+    }
+    _TDescriptorSet(const _TDescriptorSet&) = delete;
+    _TDescriptorSet& operator=(const _TDescriptorSet&) = delete;
+
+    /// For select, which is told to look no further than the descriptor.
+    fd_set* Get() { return reinterpret_cast<fd_set*>(Words); }
+
+private:
+    using TWord = unsigned long;
+    static constexpr unsigned WordBits = CHAR_BIT * sizeof(TWord);
+    static constexpr unsigned FewWords = FD_SETSIZE / WordBits;
+
+    TWord Few[FewWords]; // cleared only as far as the descriptor needs
+    std::unique_ptr<TWord[]> Many;
+    TWord* Words = Few;
+};
+
+} // namespace Kest::System
+
+#endif

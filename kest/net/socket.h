@@ -1,0 +1,223 @@
+#ifndef KEST_NET_SOCKET_H
+#define KEST_NET_SOCKET_H
+
+#include <kest/export.h>
+#include <kest/interface/socket.h>
+#include <kest/net/socket_errors.h>
+
+#include <string>
+
+namespace Kest::System {
+
+/// A BSD socket. An object always has a descriptor, and owns it unless it handed it over.
+///
+/// Time limits and other intervals are seconds. EndlessTimeInterval (0.0) means that there is no limit, never an immediate return.
+/// The two limits of a socket apply while it is in blocking mode, which a new socket is. The one for receiving is a wait for readiness
+/// before the call; the one for sending and connecting runs over the whole operation, on the settable clock, in steps of up to a
+/// second: a time-out comes up to a second late, and setting the clock moves it. A limit that is negative or NaN never fits: sending
+/// and connecting time out as soon as they would block; for receiving see SelectRead().
+///
+/// Failures are the classes of socket_errors.h. Unless an operation says otherwise, each may throw
+///
+/// | errno                        | class                                                                              |
+/// |------------------------------|------------------------------------------------------------------------------------|
+/// | EINTR                        | EShutdown "interrupted system call": a signal ends a call, nothing is retried      |
+/// | EAGAIN, EINPROGRESS          | EWouldBlock                                                                        |
+/// | EINVAL, ENOTCONN             | ENotConnected                                                                      |
+/// | EPIPE                        | EShutdown "when send" after Shutdown() of the sending side, else EIOError          |
+/// |                              | "broken pipe"                                                                      |
+/// | ENETRESET, ECONNRESET        | EReset                                                                             |
+/// | ECONNABORTED                 | EAbort                                                                             |
+/// | ETIMEDOUT                    | ETimeout                                                                           |
+/// | any other                    | EException, the system's description alone                                         |
+///
+/// and leaves the socket usable. No operation raises SIGPIPE.
+///
+/// Ownership. A socket made by Accept() is marked for hand-over: its first copy takes the descriptor itself, and the socket copied from
+/// stays usable but no longer closes it. `TSocket s = server.Accept(a)` is that socket, so its own first copy takes the descriptor away
+/// from it. Any other copy gets a duplicate descriptor of the same system socket: options, blocking mode and the connection are shared,
+/// the limits are not. Destroying an owner shuts the connection down for all copies. Hence a container of sockets that copies when it
+/// grows cuts its connections; keep sockets in objects that stay where they are, for instance behind a unique_ptr.
+/// Descriptors are inherited over exec, as the system's own calls leave them; GetDescriptor() lets a caller change that.
+///
+/// An object is used by one thread at a time, waits included. Bind to Shutdown, the waits and the destructor make system calls that may
+/// block; those that do are cancellation points, and a cancelled operation leaves the object as it was.
+class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
+public:
+    class TAddress; // address.h
+    class TMutex;   // address.h
+    class TStream;  // socket_stream.h
+
+    /// Makes a new system socket, unconnected, in blocking mode and without limits.
+    /// @throw EUnsupportedDomain    @p info names no known family; the detail is the name.
+    /// @throw EUnsupportedProtocol  the protocol is not in the system's database.
+    /// @throw EUnsupportedType      the type is none of TType. The three are tested in this order.
+    /// @throw EException            "socket creation error": the system refuses.
+    /// The protocol is looked up under the process's resolver lock (TMutex); a cancellation waits for that look-up.
+    explicit TSocket(const TProtocolInfo& info);
+
+    /// Adopts @p descriptor, taken to be in blocking mode, of the family number @p domain. No limits; marked for hand-over. Makes no
+    /// system call.
+    TSocket(int descriptor, int domain);
+
+    /// Takes over the descriptor of a socket marked for hand-over, duplicates that of any other. The copy has the limits and the
+    /// blocking mode of @p other and may be taken for one whose sending side was never shut down.
+    /// @throw by the table above  the descriptor cannot be duplicated; @p other is as before.
+    TSocket(const TSocket& other);
+
+    TSocket& operator=(const TSocket&) = delete;
+
+    /// If the socket owns its descriptor: shuts the connection down in both directions and closes the descriptor. Closing with unread
+    /// input makes the system reset the connection, and the peer may lose what was sent last: shut down sending and receive to the end
+    /// first where that matters. Cancellation is off meanwhile.
+    /// @throw EException  "socket closing failed"; the descriptor is gone all the same. Dropped while another exception propagates.
+    /// A failure ends the process where nothing may leave a destructor: in a unique_ptr, and while a cancelled thread unwinds, which the
+    /// standard library does not count as an exception.
+    ~TSocket() noexcept(false) override;
+
+    /// The system's family number for a family's name: "inet" 2, "ipx" 4, "fs" 1, "" 0, matched exactly. Any thread may call it.
+    /// @throw EUnsupportedDomain  the detail is @p name.
+    static int MapDomain(const std::string& name);
+
+    /// The system's number for a type of sockets. Any thread may call it.
+    /// @throw EUnsupportedType  @p type is none of TType, or the platform has none such.
+    static int MapType(TType type);
+
+    /// The descriptor, for a caller's own poll, options or exec rules. Still this object's to close.
+    int GetDescriptor() const noexcept { return Descriptor; }
+
+    /// Switches between blocking mode (@p blocking true) and non-blocking mode. The mode belongs to the system socket: it changes for
+    /// all copies, but only this object knows.
+    /// @throw EException  "socket blocking setup failure"; the mode is as before.
+    void SetBlocking(bool blocking) override;
+
+    /// Allows or forbids sending to broadcast addresses.
+    /// @throw EException  "socket broadcast setup failure".
+    void SetBroadcast(bool on) override;
+
+    /// Allows or forbids binding to an address that an ended connection still occupies.
+    /// @throw EException  "socket reuseaddr setup failure".
+    void SetReuseAddress(bool on) override;
+
+    /// Sets the limit in seconds for waits before receiving and accepting and returns the one before. Never throws.
+    double SetReceiveTimeout(const double& limit) override;
+
+    /// Sets the limit in seconds for sending and connecting and returns the one before. Never throws.
+    double SetSendTimeout(const double& limit) override;
+
+    /// Waits for input up to the receive limit if the socket is blocking, then receives once.
+    /// @return bytes received, 1 to @p size: what the system has, not necessarily all that was sent.
+    /// @throw EShutdown  "when receive": the peer closed its side, or @p size is 0.
+    /// @throw ETimeout   nothing arrived within the limit.
+    /// A socket may be announced readable and then have nothing (a datagram whose checksum is wrong): the call then waits past its
+    /// limit. A non-blocking socket does not. Cancellation point.
+    int Receive(void* buffer, unsigned size) override;
+
+    /// Non-blocking, or without a send limit: sends once, and the result may be less than @p size. Blocking and with a limit: sends all
+    /// of @p size, or throws.
+    /// @param size  at most the largest int, since that is what a count fits.
+    /// @return bytes sent.
+    /// @throw ETimeout   it would still block when the limit was over. How many bytes went out is not told. Sending that makes progress
+    ///                   is not cut off.
+    /// @throw EShutdown  "when receive": @p size is 0.
+    /// Cancellation point.
+    int Send(const void* data, unsigned size) override;
+
+    /// Like Receive(), and @p address becomes the sender's: the system's bytes whole, its domain field untouched. A datagram longer than
+    /// @p size is cut by the system. If the call fails the address is as before.
+    /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
+    /// @throw std::bad_alloc  there is no memory for the address; nothing was received.
+    int ReceiveFrom(void* buffer, unsigned size, Interface::TSocket<TSocket>::TAddress& address) override;
+
+    /// Like Send(), to @p address.
+    /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
+    int SendTo(const void* data, unsigned size, const Interface::TSocket<TSocket>::TAddress& address) override;
+
+    /// Gives the socket its own address.
+    /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason. That text
+    ///                       takes a reverse look-up, which may last seconds.
+    /// @throw EBadAddress    binding failed and no name is registered for the address.
+    /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
+    void Bind(const Interface::TSocket<TSocket>::TAddress& address) override;
+
+    /// Connects to @p address. Non-blocking: starts connecting, EWouldBlock being the usual answer. Blocking without a send limit: waits
+    /// as long as the system does. Blocking with one: switches to non-blocking mode (for every copy of the socket), repeats until
+    /// connected or the limit is over, and switches back on every way out.
+    /// @throw ETimeout       the limit was over; the attempt itself goes on in the system.
+    /// @throw EException     "socket blocking setup failure": the mode could not be switched, or not back; dropped during a cancellation.
+    /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
+    /// Cancellation point.
+    void Connect(const Interface::TSocket<TSocket>::TAddress& address) override;
+
+    /// Makes the socket accept connections, @p backlog of them waiting at most; 0 means 128.
+    /// @throw EException  "socket listen failed".
+    void Listen(unsigned backlog) override;
+
+    /// Waits for a connection, up to the receive limit if the socket is blocking and has one, and accepts it. @p address becomes the
+    /// peer's: the system's bytes whole, its domain field untouched. If the call fails the address is as before.
+    /// @return a socket in blocking mode, without limits, of the family of the peer's address, marked for hand-over.
+    /// @throw ETimeout        nobody connected within the limit.
+    /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
+    /// @throw std::bad_alloc  there is no memory for the address; nothing was accepted.
+    /// A connection that is announced and aborted before it is accepted makes the call wait past its limit, unless the socket is
+    /// non-blocking. Cancellation point.
+    TSocket Accept(Interface::TSocket<TSocket>::TAddress& address) override;
+
+    /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.
+    /// EndlessTimeInterval waits without limit. A negative limit goes to the system as it is, which refuses it (ENotConnected); one of
+    /// less than a microsecond, either way, is a poll; NaN counts as negative; what is too large is cut to the largest value.
+    /// Works for every descriptor the process can hold. Cancellation point.
+    bool SelectRead(const double& limit) override;
+
+    /// The same for writing. False also when the socket is writable and has an exceptional condition at the same time.
+    bool SelectWrite(const double& limit) override;
+
+    /// On a blocking socket, waits until it can be read, for at most the receive limit. Does nothing on a non-blocking one.
+    /// @throw ETimeout  the limit ran out.
+    void ValidateReceive();
+
+    /// Ends the connection's @p read or @p write direction, or both. After the latter a broken pipe counts as a shutdown.
+    /// @throw EException  "nonsense shutdown": neither direction; nothing was changed.
+    void Shutdown(bool read, bool write) override;
+
+    /// Sets the size in bytes of the system's buffer and returns the one before, as the system reported it. The system doubles what it
+    /// is given for its own needs, reports the doubled size, and caps it silently.
+    /// @throw EException  "getsockopt failed" or "setsockopt failed".
+    unsigned SetSendBufferSize(unsigned size) override;
+    unsigned SetReceiveBufferSize(unsigned size) override;
+
+    /// What both do, for the option @p option of the socket level (SO_SNDBUF, SO_RCVBUF).
+    unsigned SetBufferSize(int option, unsigned size);
+
+    /// Does nothing on this platform.
+    void SetNoDelay(bool on) override;
+
+    /// Returns @p result unless it is -1, and throws by the table above for -1. Called right after the system call: it reads errno.
+    int CheckResult(int result) const;
+
+    /// The same for transfers, where 0 throws too: EShutdown "when receive".
+    int CheckIOResult(int result) const;
+
+private:
+    void SetFlag(int option, bool on, const char* failure);
+    int CountReady(const double& limit, bool forWriting) const;
+    void ConnectWithin(double limit, const TAddress& target);
+    long SendOnce(const char* data, unsigned size, int flags, const TAddress* target) const;
+    int Transmit(const void* data, unsigned size, const TAddress* target);
+
+    mutable bool HandOver;
+    mutable bool OwnsDescriptor;
+    int Domain;
+    int Descriptor;
+    double ReceiveTimeout;
+    double SendTimeout;
+    bool Blocking;
+    bool SendShutdown;
+};
+
+} // namespace Kest::System
+
+// The address is nested in the class above and no socket is of use without one.
+#include <kest/net/address.h>
+
+#endif

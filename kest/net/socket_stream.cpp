@@ -1,0 +1,44 @@
+#include <kest/net/socket_stream.h>
+
+#include <cxxabi.h>
+
+namespace Kest::System {
+
+using namespace Interface::_Socket;
+
+namespace {
+
+enum TFailure : int { TimedOut = -1, WasShutDown = -2, OtherFailure = -3 };
+
+/// Makes one call of the socket and turns its exceptions into codes.
+template <class TCall>
+int ResultOf(const TCall& call) {
+    try {
+        return call();
+    } catch (const ETimeout&) {
+        return TimedOut;
+    } catch (const EShutdown&) {
+        return WasShutDown;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        return OtherFailure;
+    }
+}
+
+} // namespace
+
+int _TSocketStreamInterface::Read(void* buffer, unsigned int size) {
+    return ResultOf([&] { return Socket->Receive(buffer, size); });
+}
+
+int _TSocketStreamInterface::Write(const void* buffer, unsigned int size) {
+    return ResultOf([&] { return Socket->Send(buffer, size); });
+}
+
+TSocket::TStream::TStream(TSocket& socket, unsigned int bufferSize)
+    : _TSocketStreamInterface(socket), _Gadgets::TStream(static_cast<_TSocketStreamInterface&>(*this), bufferSize) {}
+
+TSocket::TStream::~TStream() = default;
+
+} // namespace Kest::System

@@ -1,0 +1,57 @@
+#ifndef KEST_NET_SOCKET_STREAM_H
+#define KEST_NET_SOCKET_STREAM_H
+
+#include <kest/export.h>
+#include <kest/foundation/stream.h>
+#include <kest/net/socket.h>
+
+namespace Kest::System {
+
+/// A socket as the transport of a stream: each transport call is one call of the socket, and its exceptions become the codes below.
+/// The socket is borrowed and must outlive the adapter.
+class KEST_EXPORT _TSocketStreamInterface : public _Gadgets::TStream::TInterface {
+public:
+    explicit _TSocketStreamInterface(TSocket& socket) noexcept : Socket(&socket) {}
+
+    /// What the socket's Receive returns; -1 for ETimeout, -2 for EShutdown, -3 for any other exception. No exception leaves it; a
+    /// cancellation does.
+    int Read(void* buffer, unsigned int size) override;
+
+    /// What the socket's Send returns, or one of the same codes.
+    int Write(const void* buffer, unsigned int size) override;
+
+private:
+    TSocket* Socket;
+};
+
+/// A standard stream over a connected socket. The socket is borrowed: it must outlive the stream, and destroying the stream neither
+/// shuts it down nor closes it.
+///
+/// A failed operation sets failbit, and GetLastResult() tells why:
+///
+/// | code | meaning                                                                                                          |
+/// |------|------------------------------------------------------------------------------------------------------------------|
+/// | -1   | a time limit of the socket ran out                                                                               |
+/// | -2   | the connection was shut down: the peer closed its side, the sending side was shut down, or a signal interrupted  |
+/// | -3   | any other failure, a reset or a would-block answer of a non-blocking socket among them                           |
+///
+/// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call. With a send limit a
+/// flush is all or nothing; without one the system may take part of it, and the rest goes out with the next flush. A flush also drops
+/// input that was read ahead: read an answer to its end before the next flush. Reading and writing are cancellation points, the final
+/// flush of the destructor is not.
+///
+/// A stream and its socket belong to one thread at a time.
+class KEST_EXPORT TSocket::TStream : private _TSocketStreamInterface, public _Gadgets::TStream {
+public:
+    /// @param socket      borrowed; must outlive the stream.
+    /// @param bufferSize  bytes of each of the two buffers; 0 and 1 mean unbuffered: a call for each character.
+    /// @throw std::bad_alloc  there is no memory for the buffers.
+    TStream(TSocket& socket, unsigned int bufferSize);
+
+    /// Sends what is pending, whatever comes of it, and releases the buffers.
+    ~TStream() override;
+};
+
+} // namespace Kest::System
+
+#endif
