@@ -1,0 +1,17 @@
+#ifndef KEST_TESTS_SUPPORT_DESCRIPTORS_H
+#define KEST_TESTS_SUPPORT_DESCRIPTORS_H
+
+#include <filesystem>
+#include <iterator>
+
+namespace Kest::Test {
+
+/// How many descriptors the process has open. The one that counts them is not among them.
+inline int OpenDescriptors() {
+    using std::filesystem::directory_iterator;
+    return static_cast<int>(std::distance(directory_iterator("/proc/self/fd"), directory_iterator())) - 1;
+}
+
+} // namespace Kest::Test
+
+#endif

@@ -1,0 +1,89 @@
+#ifndef KEST_TESTS_SUPPORT_HELPER_THREAD_H
+#define KEST_TESTS_SUPPORT_HELPER_THREAD_H
+
+#include <kest/threads/thread.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+namespace Kest::Test {
+
+/// Far more than anything in a test takes: only a test that fails gets there.
+constexpr std::chrono::seconds Patience{20};
+
+/// The result of @p action, run on a thread of its own; so are its exceptions.
+template <class TAction>
+auto OnAnotherThread(TAction action) {
+    return std::async(std::launch::async, std::move(action)).get();
+}
+
+/// Closed until opened once. Threads that wait here pass afterwards. Waiting is no cancellation point.
+class TGate {
+public:
+    void Open() {
+        const std::lock_guard<std::mutex> lock(Mutex);
+        IsOpen = true;
+        Opened.notify_all();
+    }
+
+    /// Throws when nobody opens it.
+    void Wait() {
+        if (!WaitFor(Patience))
+            throw std::runtime_error("a gate of the test was never opened");
+    }
+
+    /// False when it stayed closed for that long.
+    bool WaitFor(std::chrono::milliseconds limit) {
+        std::unique_lock<std::mutex> lock(Mutex);
+        return Opened.wait_for(lock, limit, [this] { return IsOpen; });
+    }
+
+private:
+    std::mutex Mutex;
+    std::condition_variable Opened;
+    bool IsOpen = false;
+};
+
+/// A thread of the library whose body is a function; one without a result gives 0. It has to be started, and is waited for at the
+/// latest by the destructor.
+class TFunctionThread : public System::TThread {
+public:
+    template <class TBody>
+    explicit TFunctionThread(TBody body) : Body(Adapt(std::move(body))) {}
+    ~TFunctionThread() override {
+        if (IsStarted)
+            (void)WaitFor();
+    }
+
+    void Start() override {
+        IsStarted = true;
+        TThread::Start();
+    }
+
+    int Run() override { return Body(); }
+
+private:
+    template <class TBody>
+    static std::function<int()> Adapt(TBody body) {
+        if constexpr (std::is_void_v<decltype(body())>)
+            return [body = std::move(body)]() mutable {
+                body();
+                return 0;
+            };
+        else
+            return body;
+    }
+
+    std::function<int()> Body;
+    bool IsStarted = false;
+};
+
+} // namespace Kest::Test
+
+#endif
