@@ -1,0 +1,31 @@
+#!/bin/bash
+# Looks at what the shared library exports and needs.
+# Usage: symbols.sh LIBRARY
+set -euo pipefail
+library=$1
+failures=0
+complain() { echo "$*"; failures=$((failures + 1)); }
+
+# Names as the language writes them, address and kind removed.
+exported=$(nm -DC --defined-only "$library" | sed -E 's/^[0-9a-f]* +[A-Za-z] //')
+
+kinds='(typeinfo( name)? for |vtable for |VTT for |guard variable for |(non-virtual|virtual|covariant return) thunk to )?'
+foreign=$(grep -vE "^${kinds}Kest::" <<<"$exported" || true)
+[[ -z $foreign ]] || complain "exported, though not of Kest:"$'\n'"$foreign"
+
+# Each singleton of the library is one object in the process, so the object and its guard are the library's.
+for class in 'Kest::System::TSocket::TMutex' 'Kest::System::_TSystemLocaleDetector'; do
+    object="Kest::_Gadgets::TSingleton<$class>::GetObject()::Object"
+    for name in "$object" "guard variable for $object"; do
+        grep -qxF "$name" <<<"$exported" || complain "not exported: $name"
+    done
+done
+
+# A unique symbol keeps a library in the process for ever.
+unique=$(nm -DC --defined-only "$library" | grep -E '^[0-9a-f]* +u ' || true)
+[[ -z $unique ]] || complain "unique symbols:"$'\n'"$unique"
+
+dynamic=$(readelf -dW "$library")
+grep -q 'SONAME.*\[libkest\.so\.1\]' <<<"$dynamic" || complain "the SONAME is not libkest.so.1"
+grep -q 'NEEDED.*\[libgcc_s\.so\.1\]' <<<"$dynamic" || complain "libgcc_s.so.1 is not linked"
+exit $((failures > 0))
