@@ -1,0 +1,203 @@
+#include <kest/filesystem/file.h>
+
+#include <kest/filesystem/file_state.h>
+#include <kest/foundation/cancellation.h>
+#include <kest/foundation/failure.h>
+#include <kest/text/system_text.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string_view>
+#include <utility>
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Kest::System {
+
+namespace {
+
+bool IsSameFile(const struct stat& left, const struct stat& right) {
+    return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+/// Closes both streams of a copy whichever way it ends. Left to their own destructors, a cancellation that arrives while the output is
+/// written out would be swallowed there, and the process ended for it.
+class TStreamCloser {
+public:
+    TStreamCloser(std::ofstream& out, std::ifstream& in) : Out(out), In(in) {}
+    TStreamCloser(const TStreamCloser&) = delete;
+    TStreamCloser& operator=(const TStreamCloser&) = delete;
+    ~TStreamCloser() {
+        const _TCancellationOff off;
+        Out.close();
+        In.close();
+    }
+
+private:
+    std::ofstream& Out;
+    std::ifstream& In;
+};
+
+/// Inserts everything that @p in has into @p out; true when all of it went out.
+bool InsertAll(std::ifstream& in, std::ofstream& out) {
+    constexpr int end = std::ifstream::traits_type::eof();
+    if (in.peek() != end) { // inserting nothing would count as a failure
+        out << in.rdbuf();
+        // The insertion sets no bit when writing fails after the first byte, so the source must turn out to be at its end.
+        (void)in.peek();
+    }
+    out.flush(); // what still waits in the buffer may find a full disk
+    return in.eof() && !in.fail() && !out.fail();
+}
+
+/// The destination of a move over file systems, removed again unless the move came to its end.
+class TUnfinishedDestination {
+public:
+    TUnfinishedDestination(const std::string& from, const std::string& to) : From(UTF8ToSystem(from)), To(UTF8ToSystem(to)) {}
+    TUnfinishedDestination(const TUnfinishedDestination&) = delete;
+    TUnfinishedDestination& operator=(const TUnfinishedDestination&) = delete;
+    ~TUnfinishedDestination() {
+        if (IsOpenedForWriting && !IsFinished && !HasSourceVanished())
+            (void)std::remove(To.c_str());
+    }
+
+    bool IsOpenedForWriting = false;
+    bool IsCopied = false;
+    bool IsFinished = false;
+
+private:
+    /// True when the copy is all that is left.
+    bool HasSourceVanished() const {
+        struct stat source {};
+        return IsCopied && ::lstat(From.c_str(), &source) != 0 && errno == ENOENT;
+    }
+
+    const std::string From;
+    const std::string To;
+};
+
+/// Folder and last component of a path in the system's encoding; separators at its end do not count.
+std::pair<std::string, std::string_view> SplitEntry(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/')
+        path.remove_suffix(1);
+    const std::size_t separator = path.rfind('/');
+    if (separator == std::string_view::npos)
+        return {".", path};
+    return {std::string(path.substr(0, separator + 1)), path.substr(separator + 1)};
+}
+
+/// Whether two paths are names of one directory entry: one folder by device and inode, and one name in it.
+bool IsSameEntry(const std::string& left, const std::string& right) {
+    const auto [leftFolder, leftName] = SplitEntry(left);
+    const auto [rightFolder, rightName] = SplitEntry(right);
+    struct stat leftState {};
+    struct stat rightState {};
+    if (::stat(leftFolder.c_str(), &leftState) != 0 || ::stat(rightFolder.c_str(), &rightState) != 0)
+        return true; // not to be told: nothing is removed
+    return leftName == rightName && IsSameFile(leftState, rightState);
+}
+
+/// After a rename that succeeded: true when the source is still there because it and the destination are two hard links of one file, for
+/// which the system does nothing.
+bool IsLeftHardLink(const std::string& from, const std::string& to) {
+    struct stat source {};
+    struct stat destination {};
+    return ::lstat(from.c_str(), &source) == 0 && ::lstat(to.c_str(), &destination) == 0 && IsSameFile(source, destination) &&
+           !S_ISDIR(source.st_mode) && source.st_nlink >= 2 && !IsSameEntry(from, to);
+}
+
+} // namespace
+
+std::string Interface::TFile::GetPathName(const std::string& path) {
+    const std::string fullName = GetFullPathName(path);
+    const std::size_t separator = fullName.find_last_of("/\\");
+    if (separator == std::string::npos)
+        return ".";
+    return fullName.substr(0, separator);
+}
+
+void Interface::TFile::Remove(const std::string& path) {
+    const std::string systemPath = UTF8ToSystem(path);
+    if (std::remove(systemPath.c_str()) != 0)
+        _ThrowLastError("unable to remove file '", path, "': ");
+}
+
+void TFile::Copy(const std::string& from, const std::string& to) {
+    bool isOpenedForWriting = false;
+    Copy(from, to, isOpenedForWriting);
+}
+
+/// Tells, also when it throws, whether the destination was opened, and so created or truncated.
+void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting) {
+    const TState source(from);
+    bool isComplete = false;
+    {
+        std::ifstream in(UTF8ToSystem(from), std::ios_base::in | std::ios_base::binary);
+        std::ofstream out;
+        const TStreamCloser closer(out, in);
+        const std::string systemTo = UTF8ToSystem(to);
+        struct stat old {};
+        if (::stat(systemTo.c_str(), &old) != 0 || !IsSameFile(source.Status, old)) {
+            out.open(systemTo, std::ios_base::out | std::ios_base::binary);
+            isOpenedForWriting = out.is_open();
+            isComplete = isOpenedForWriting && InsertAll(in, out);
+        }
+    }
+    if (!isComplete)
+        throw EException(_JoinMessage({"file copy error: from ", from, " to ", to}));
+    TState(to).SetLastModificationTime(source.GetLastModificationTime());
+}
+
+void _RenameHelper(const std::string& from, const std::string& to) {
+    const std::string systemFrom = UTF8ToSystem(from);
+    const std::string systemTo = UTF8ToSystem(to);
+    bool isRenamed = ::rename(systemFrom.c_str(), systemTo.c_str()) == 0;
+    if (isRenamed && IsLeftHardLink(systemFrom, systemTo))
+        isRenamed = ::unlink(systemFrom.c_str()) == 0;
+    if (isRenamed)
+        return;
+    if (errno != EXDEV)
+        _ThrowLastError("rename failed: from '", from, "' to '", to, "': ");
+
+    TUnfinishedDestination destination(from, to);
+    try {
+        TFile::Copy(from, to, destination.IsOpenedForWriting);
+        destination.IsCopied = true;
+        TFile::Remove(from);
+        destination.IsFinished = true;
+    } catch (const EException&) {
+        throw EException(
+            _JoinMessage({"cross device link: tryed to copy and remove: ", destination.IsCopied ? "remove" : "copy", " failed"}));
+    }
+}
+
+void TFile::Rename(const std::string& from, const std::string& to) {
+    constexpr int retries = 10;
+    for (int attempt = 0;; ++attempt) {
+        try {
+            _RenameHelper(from, to);
+            return;
+        } catch (const EException&) {
+            if (attempt == retries)
+                throw;
+        }
+    }
+}
+
+bool GetFileNameMatch(const std::string& name, const std::string& pattern) {
+    return ::fnmatch(pattern.c_str(), name.c_str(), FNM_NOESCAPE) == 0;
+}
+
+std::string GetFullPathName(const std::string& path) {
+    const std::string systemPath = UTF8ToSystem(path);
+    char result[4096] = {}; // PATH_MAX, the most that realpath writes
+    if (::realpath(systemPath.c_str(), result) == nullptr)
+        throw EException("realpath() failed");
+    return SystemToUTF8(result);
+}
+
+} // namespace Kest::System
