@@ -1,0 +1,64 @@
+#ifndef KEST_TEXT_LOCALE_H
+#define KEST_TEXT_LOCALE_H
+
+#include <kest/export.h>
+#include <kest/foundation/singleton.h>
+
+#include <string>
+
+/// The user's language, country and text encoding, and conversion to and from named encodings, which this platform does not offer. Any
+/// thread may call anything.
+namespace Kest::System {
+
+/// What the locale environment says, found out once, by the constructor. The queries below use one object of this class, made at the
+/// first of them: later changes of the environment are not seen.
+///
+/// The name of the locale is the value of LANG, or of LC_ALL where that gives nothing: language, "_", country, ".", encoding, of which
+/// "_" and the country may be absent. The encoding is then tried with UTF8ToEncoding; if anything is amiss, and on this platform
+/// therefore always, the encoding is "UTF-8" and the others are empty.
+class KEST_EXPORT _TSystemLocaleDetector {
+public:
+    /// Detects. The environment must not be changed by another thread meanwhile.
+    /// @throw std::bad_alloc  there is no memory for a copy of the environment's value. Everything else gives the defaults.
+    _TSystemLocaleDetector();
+
+    /// Changes every byte from 'a' to 'z' into its capital and no other byte, in any locale.
+    static void UpperCase(std::string& text);
+
+    std::string Encoding; ///< upper-case where detected
+    std::string Language; ///< upper-case where detected, empty when unknown
+    std::string Country;  ///< upper-case where detected, empty when unknown
+
+private:
+    void Detect(const std::string& name);
+};
+
+/// The user's language, "" when unknown: on this platform always.
+KEST_EXPORT std::string GetDefaultLanguage();
+
+/// The user's country, "" when unknown: on this platform always.
+KEST_EXPORT std::string GetDefaultCountry();
+
+/// The encoding of the system's texts: on this platform always "UTF-8".
+KEST_EXPORT std::string GetSystemEncoding();
+
+/// @throw EException  "UTF8ToEncoding not implemented", whatever the arguments.
+KEST_EXPORT std::string UTF8ToEncoding(const std::string& encoding, const std::string& text);
+
+/// @throw EException  "EncodingToUTF8 not implemented", whatever the arguments.
+KEST_EXPORT std::string EncodingToUTF8(const std::string& encoding, const std::string& text);
+
+class KEST_EXPORT _TSystemLocaleDetectorPlace {};
+
+/// An object without content, for programs that link against the name. Nothing reads it.
+extern KEST_EXPORT _TSystemLocaleDetectorPlace _SystemLocaleDetector;
+
+} // namespace Kest::System
+
+namespace Kest::_Gadgets {
+
+extern template class TSingleton<System::_TSystemLocaleDetector>;
+
+} // namespace Kest::_Gadgets
+
+#endif
