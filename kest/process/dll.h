@@ -1,0 +1,51 @@
+#ifndef KEST_PROCESS_DLL_H
+#define KEST_PROCESS_DLL_H
+
+#include <kest/export.h>
+#include <kest/interface/dll.h>
+
+#include <string>
+
+namespace Kest::System {
+
+namespace _Template {
+
+template <class THandle>
+class TDLL;
+
+/// The layer between the interface and the platform's class: it holds the loader's handle.
+template <>
+class KEST_EXPORT TDLL<void*> : public Interface::TDLL {
+protected:
+    explicit TDLL(void* handle) noexcept : Handle(handle) {}
+    TDLL(const TDLL&) = delete;
+    TDLL& operator=(const TDLL&) = delete;
+    ~TDLL() override = default;
+
+    void* Handle; ///< never null in a constructed object of the derived class
+};
+
+} // namespace _Template
+
+/// A dynamic library, loaded by the constructor and unloaded by the destructor. The system counts: two objects for one library keep it
+/// loaded until both are gone. Functions of the library are bound when they are first called, and its symbols are not offered to
+/// libraries that are loaded later. Objects are neither copied nor moved. Different objects may be used by different threads.
+class KEST_EXPORT TDLL : public _Template::TDLL<void*> {
+public:
+    /// Loads the library @p name (UTF-8): a path, or a name that the system looks for in its own places. If that fails, ".so" is
+    /// appended and it is tried once more, whatever the name ends in.
+    /// The library's own start code runs meanwhile, with cancellation off.
+    /// @throw EException  the loader's text on the second attempt, alone.
+    explicit TDLL(const std::string& name);
+
+    /// Unloads the library; its own end code runs meanwhile, with cancellation off. Nothing is reported.
+    ~TDLL() override;
+
+    /// The address of the symbol @p name, passed as it is, or null when the library has none of that name. Valid as long as this object
+    /// lives. Never throws.
+    void* GetSymbolAddress(const std::string& name) override;
+};
+
+} // namespace Kest::System
+
+#endif
