@@ -69,8 +69,7 @@ inline timespec ToDeadline(const timeval& now, double seconds) noexcept {
         return result;
     const std::int64_t whole = Truncate(seconds, 0);
     const double fraction = seconds < PastHighest64 ? seconds - static_cast<double>(whole) : 0.0;
-    const auto nanoseconds =
-        static_cast<std::int64_t>((fraction * MicrosecondsPerSecond + static_cast<double>(now.tv_usec)) * 1000.0);
+    const auto nanoseconds = static_cast<std::int64_t>((fraction * MicrosecondsPerSecond + static_cast<double>(now.tv_usec)) * 1000.0);
     constexpr std::int64_t carry = 1000000000;
     const std::int64_t base = static_cast<std::int64_t>(now.tv_sec) + nanoseconds / carry;
     if (whole > std::numeric_limits<std::int64_t>::max() - base) {

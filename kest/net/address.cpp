@@ -63,8 +63,7 @@ in_addr ResolveHost(const std::string& host, const std::string& address) {
         LookUp([&] { return ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work, sizeof work, &found, &error); });
         if (found != nullptr && found->h_addr_list[0] != nullptr) {
             in_addr result{};
-            std::memcpy(&result, found->h_addr_list[0],
-                        std::min(sizeof result, static_cast<std::size_t>(found->h_length)));
+            std::memcpy(&result, found->h_addr_list[0], std::min(sizeof result, static_cast<std::size_t>(found->h_length)));
             return result;
         }
     }
@@ -124,8 +123,7 @@ TSocket::TAddress::TAddress(const std::string& domain, const std::string& addres
 }
 
 TSocket::TAddress::TAddress(const TAddress& other)
-    : Interface::TSocket<TSocket>::TAddress(other), Domain(other.Domain), Data(new char[other.Length]),
-      Length(other.Length) {
+    : Interface::TSocket<TSocket>::TAddress(other), Domain(other.Domain), Data(new char[other.Length]), Length(other.Length) {
     std::copy_n(other.Data, Length, Data);
 }
 

@@ -30,8 +30,8 @@ int ProtocolNumber(const std::string& name) {
 } // namespace
 
 TSocket::TSocket(const TProtocolInfo& info)
-    : HandOver(false), OwnsDescriptor(true), Domain(MapDomain(info.Domain)), Descriptor(-1),
-      ReceiveTimeout(EndlessTimeInterval), SendTimeout(EndlessTimeInterval), Blocking(true), SendShutdown(false) {
+    : HandOver(false), OwnsDescriptor(true), Domain(MapDomain(info.Domain)), Descriptor(-1), ReceiveTimeout(EndlessTimeInterval),
+      SendTimeout(EndlessTimeInterval), Blocking(true), SendShutdown(false) {
     const int protocol = ProtocolNumber(info.Protocol);
     Descriptor = ::socket(Domain, MapType(info.Type), protocol);
     if (Descriptor == -1)
@@ -43,9 +43,8 @@ TSocket::TSocket(int descriptor, int domain)
       SendTimeout(EndlessTimeInterval), Blocking(true), SendShutdown(false) {}
 
 TSocket::TSocket(const TSocket& other)
-    : Interface::TSocket<TSocket>(other), HandOver(false), OwnsDescriptor(true), Domain(other.Domain),
-      Descriptor(other.Descriptor), ReceiveTimeout(other.ReceiveTimeout), SendTimeout(other.SendTimeout),
-      Blocking(other.Blocking), SendShutdown(false) {
+    : Interface::TSocket<TSocket>(other), HandOver(false), OwnsDescriptor(true), Domain(other.Domain), Descriptor(other.Descriptor),
+      ReceiveTimeout(other.ReceiveTimeout), SendTimeout(other.SendTimeout), Blocking(other.Blocking), SendShutdown(false) {
     if (other.HandOver) {
         other.OwnsDescriptor = false;
         other.HandOver = false;

@@ -130,8 +130,7 @@ int TSocket::ReceiveFrom(void* buffer, unsigned size, Interface::TSocket<TSocket
     std::unique_ptr<char[]> bytes = MakeAddressRoom();
     ValidateReceive();
     socklen_t length = AddressRoom;
-    const auto received = static_cast<int>(
-        ::recvfrom(Descriptor, buffer, size, MSG_NOSIGNAL, AsSystemAddress(bytes.get()), &length));
+    const auto received = static_cast<int>(::recvfrom(Descriptor, buffer, size, MSG_NOSIGNAL, AsSystemAddress(bytes.get()), &length));
     if (received != -1)
         sender.Assume(std::move(bytes), std::min(length, AddressRoom));
     return CheckIOResult(received);

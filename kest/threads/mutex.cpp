@@ -12,8 +12,7 @@ TMutex::TMutex(bool recursive) : Mutex(), Recursive(recursive) {
 }
 
 TMutex::_TBookkeepingAside::_TBookkeepingAside(TMutex& mutex)
-    : Mutex(mutex), Count(mutex.Count.exchange(0, std::memory_order_relaxed)),
-      Owner(mutex.Owner.exchange(0, std::memory_order_relaxed)) {}
+    : Mutex(mutex), Count(mutex.Count.exchange(0, std::memory_order_relaxed)), Owner(mutex.Owner.exchange(0, std::memory_order_relaxed)) {}
 
 TMutex::_TBookkeepingAside::~_TBookkeepingAside() {
     Mutex.Owner.store(Owner, std::memory_order_relaxed);
@@ -26,8 +25,7 @@ TMutex::~TMutex() {
 
 /// For a recursive mutex: whether the calling thread is inside.
 bool TMutex::IsMine() const {
-    return Count.load(std::memory_order_relaxed) != 0 &&
-           Owner.load(std::memory_order_relaxed) == ::pthread_self();
+    return Count.load(std::memory_order_relaxed) != 0 && Owner.load(std::memory_order_relaxed) == ::pthread_self();
 }
 
 /// Of a recursive mutex, with the system mutex just taken.
