@@ -16,10 +16,12 @@ class TDLL;
 /// The layer between the interface and the platform's class: it holds the loader's handle.
 template <>
 class KEST_EXPORT TDLL<void*> : public Interface::TDLL {
-protected:
-    explicit TDLL(void* handle) noexcept : Handle(handle) {}
+public:
     TDLL(const TDLL&) = delete;
     TDLL& operator=(const TDLL&) = delete;
+
+protected:
+    explicit TDLL(void* handle) noexcept : Handle(handle) {}
     ~TDLL() override = default;
 
     void* Handle; ///< never null in a constructed object of the derived class

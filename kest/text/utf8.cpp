@@ -14,6 +14,7 @@ constexpr std::uint32_t Replacement = 0xFFFD;
 std::size_t CountBytes(const wchar_t* text, std::size_t length) noexcept {
     std::size_t bytes = 0;
     for (std::size_t index = 0; index < length && text[index] != 0; ++index) {
+        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
         const auto unit = static_cast<std::uint32_t>(text[index]);
         bytes += unit <= 0x7F ? 1 : unit <= 0x7FF ? 2 : 3;
     }
@@ -31,6 +32,7 @@ std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
 
 void Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
     for (std::size_t index = 0; index < length && text[index] != 0; ++index) {
+        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
         const auto unit = static_cast<std::uint32_t>(text[index]);
         if (unit <= 0x7F) {
             *out++ = static_cast<char>(unit);
