@@ -1,0 +1,38 @@
+#!/bin/bash
+# Installs what the build, the tests and the lint need on a Debian system, and does nothing when all of it is there.
+set -euo pipefail
+
+packages=(
+    cmake ninja-build g++ g++-multilib clang libclang-rt-dev # the builds; multilib brings 32 bits for both compilers
+    clang-format clang-tidy                                  # the lint; clang-tidy brings run-clang-tidy
+    googletest                                               # its sources are built with each preset's flags
+    netbase                                                  # /etc/protocols, which sockets are made with
+    pkg-config binutils                                      # the tests of the package
+    netcat-openbsd socat                                     # programs that are not ours to talk to
+    python3 git
+)
+
+if ! command -v dpkg-query >/dev/null; then
+    echo "setup: not a Debian system; these packages, or what they are called here, must be there: ${packages[*]}" >&2
+    exit 0
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${db:Status-Status} ' "$package" 2>/dev/null || true)
+    [[ $status == *"installed "* && $status != *"not-installed "* ]] || missing+=("$package")
+done
+((${#missing[@]} > 0)) || exit 0
+
+as_root=()
+if ((EUID != 0)); then
+    if ! command -v sudo >/dev/null; then
+        echo "setup: not root, and no sudo. Please install: apt-get install --no-install-recommends ${missing[*]}" >&2
+        exit 1
+    fi
+    as_root=(sudo)
+fi
+
+echo "setup: installing ${missing[*]}"
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
