@@ -73,7 +73,8 @@ class _TStartGate;
 /// neither copied nor moved.
 ///
 /// Requires: a derived class waits for a started thread in its own destructor at the latest, before anything that Run() uses is gone.
-/// The library's own part of an object is safe without that, the derived part cannot be.
+/// The library's own part of an object is safe without that, the derived part cannot be. A thread that was never started is not waited
+/// for: it waits for its start, and ends in the destructor of this class.
 class KEST_EXPORT TThread : public Interface::TThread<TThreadInstance> {
 public:
     /// Creates the thread, suspended before its body.
