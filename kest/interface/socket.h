@@ -8,7 +8,8 @@
 namespace Kest::System::Interface {
 
 /// A socket. @p TImplementation is the class that implements this one, so that Accept can return it by value.
-/// Time limits are seconds; EndlessTimeInterval (0.0) means that there is no limit.
+/// Time limits are seconds; EndlessTimeInterval (0.0) means that there is no limit. Failures are exceptions derived from EException. The
+/// implementing class says for each operation which, and everything else that callers need to know.
 template <class TImplementation>
 class KEST_EXPORT TSocket {
 public:
@@ -44,25 +45,36 @@ public:
 
     // A defaulted one may not have another exception specification in C++17: NOLINTNEXTLINE(modernize-use-equals-default)
     virtual ~TSocket() noexcept(false) {}
-    virtual void SetBlocking(bool blocking) = 0;
-    virtual void SetBroadcast(bool on) = 0;
-    virtual void SetReuseAddress(bool on) = 0;
-    virtual double SetReceiveTimeout(const double& limit) = 0;
-    virtual double SetSendTimeout(const double& limit) = 0;
+    virtual void SetBlocking(bool blocking) = 0;               ///< switches between blocking and non-blocking mode
+    virtual void SetBroadcast(bool on) = 0;                    ///< allows sending to broadcast addresses
+    virtual void SetReuseAddress(bool on) = 0;                 ///< allows binding to an address still occupied
+    virtual double SetReceiveTimeout(const double& limit) = 0; ///< limit of receiving and accepting; the one before
+    virtual double SetSendTimeout(const double& limit) = 0;    ///< limit of sending and connecting; the one before
+
+    /// Receives once; bytes received, 1 to @p size. A peer that closed its side is an exception.
     virtual int Receive(void* buffer, unsigned size) = 0;
+
+    /// Sends; bytes sent, which are all with a send limit.
     virtual int Send(const void* data, unsigned size) = 0;
+
+    /// The same with the sender's address, which @p address becomes, and to the address @p address.
     virtual int ReceiveFrom(void* buffer, unsigned size, TAddress& address) = 0;
     virtual int SendTo(const void* data, unsigned size, const TAddress& address) = 0;
-    virtual void Bind(const TAddress& address) = 0;
-    virtual void Connect(const TAddress& address) = 0;
-    virtual void Listen(unsigned backlog) = 0;
+
+    virtual void Bind(const TAddress& address) = 0;    ///< gives the socket its own address
+    virtual void Connect(const TAddress& address) = 0; ///< connects, within the send limit
+    virtual void Listen(unsigned backlog) = 0;         ///< accepts connections, @p backlog of them waiting; 0 for the usual
+
+    /// Waits for a connection, within the receive limit, and returns it; @p address becomes the peer's.
     virtual TImplementation Accept(TAddress& address) = 0;
-    virtual bool SelectRead(const double& limit) = 0;
-    virtual bool SelectWrite(const double& limit) = 0;
-    virtual void Shutdown(bool read, bool write) = 0;
-    virtual unsigned SetSendBufferSize(unsigned size) = 0;
-    virtual unsigned SetReceiveBufferSize(unsigned size) = 0;
-    virtual void SetNoDelay(bool on) = 0;
+
+    virtual bool SelectRead(const double& limit) = 0;  ///< waits until it can be read; false when @p limit ran out
+    virtual bool SelectWrite(const double& limit) = 0; ///< waits until it can be written; false when @p limit ran out
+    virtual void Shutdown(bool read, bool write) = 0;  ///< ends one direction or both
+
+    virtual unsigned SetSendBufferSize(unsigned size) = 0;    ///< in bytes; the one before
+    virtual unsigned SetReceiveBufferSize(unsigned size) = 0; ///< in bytes; the one before
+    virtual void SetNoDelay(bool on) = 0;                     ///< sends small pieces at once, where the platform does that
 
 protected:
     TSocket() = default;
