@@ -1,0 +1,88 @@
+#include <kest/foundation/exception.h>
+
+#include "support/failing_new.h"
+#include "support/message.h"
+
+#include <kest/foundation/failure.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+using namespace Kest;
+using namespace Kest::Test;
+using Kest::System::_GetLastErrorDescription;
+
+namespace {
+
+class ESpecial : public EException {
+public:
+    explicit ESpecial(const std::string& text) noexcept : EException("special " + text) {}
+};
+
+static_assert(sizeof(EException) == sizeof(std::string) && !std::is_polymorphic_v<EException>);
+static_assert(std::is_nothrow_constructible_v<EException, const std::string&> && !std::is_convertible_v<std::string, EException>);
+static_assert(noexcept(_GetLastErrorDescription()));
+
+TEST(Exception, MessageIsThePrefixAndTheTextAndCopiesKeepIt) {
+    for (const std::string& text : {std::string(), std::string("bad priority value"), std::string("Kest: "), std::string("a\0b", 3)}) {
+        SCOPED_TRACE(text);
+        const EException original(text);
+        EXPECT_EQ(original.GetMessage(), "Kest: " + text);
+        const EException copy(original);
+        EXPECT_EQ(copy.GetMessage(), "Kest: " + text);
+        EException assigned("something else");
+        assigned = original;
+        EXPECT_EQ(assigned.GetMessage(), "Kest: " + text);
+    }
+}
+
+TEST(Exception, SubclassIsCaughtAsTheRootWithOnePrefix) {
+    try {
+        throw ESpecial("case");
+    } catch (const EException& exception) {
+        EXPECT_EQ(exception.GetMessage(), "Kest: special case");
+    }
+}
+
+TEST(Exception, DescriptionIsThatOfErrnoWhichKeepsItsValue) {
+    for (const int code : {ENOENT, EACCES, 0, 12345, -1}) { // strerror sets errno itself for the last two
+        SCOPED_TRACE(code);
+        const std::string expected = std::strerror(code);
+        errno = code;
+        const std::string description = _GetLastErrorDescription();
+        EXPECT_EQ(errno, code);
+        EXPECT_EQ(description, expected);
+    }
+}
+
+TEST(Exception, SystemFailureIsThePiecesAndTheDescription) {
+    const std::string path = "/a/path/that/does/not/fit/into/a/short/string";
+    errno = ENOENT;
+    EXPECT_KEST_THROW(System::_ThrowLastError("unable to open '", path, "': "), EException,
+                      "Kest: unable to open '" + path + "': " + std::strerror(ENOENT));
+    errno = ENOENT;
+    EXPECT_KEST_THROW(System::_ThrowLastError(), EException, std::string("Kest: ") + std::strerror(ENOENT));
+    EXPECT_KEST_THROW(System::_ThrowError(ETIMEDOUT, "wait failed: "), EException,
+                      std::string("Kest: wait failed: ") + std::strerror(ETIMEDOUT));
+}
+
+TEST(ExceptionDeathTest, MemoryRunningOutWhileAMessageIsComposedEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string text(100, 'x');
+    const auto withoutMemory = [](const auto& compose) {
+        const TFailingNew failing;
+        compose();
+    };
+    // Were an exception to come out, the process would be alive and the check fail.
+    EXPECT_EXIT(withoutMemory([&] { EException exception(text); }), testing::KilledBySignal(SIGABRT), "terminate called");
+    EXPECT_EXIT(withoutMemory([&] { (void)System::_JoinMessage({text, text}); }), testing::KilledBySignal(SIGABRT), "terminate called");
+    errno = ENOENT;
+    EXPECT_EXIT(withoutMemory([&] { (void)_GetLastErrorDescription(); }), testing::KilledBySignal(SIGABRT), "terminate called");
+}
+
+} // namespace

@@ -1,0 +1,99 @@
+#include <kest/foundation/time.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include <sys/time.h>
+#include <time.h>
+
+using namespace Kest::System;
+
+namespace {
+
+constexpr double Infinity = std::numeric_limits<double>::infinity();
+
+/// Puts the process into a time zone and back.
+class TZone {
+public:
+    explicit TZone(const char* zone) {
+        if (const char* previous = std::getenv("TZ"))
+            Previous = previous;
+        ::setenv("TZ", zone, 1);
+        ::tzset();
+    }
+    TZone(const TZone&) = delete;
+    TZone& operator=(const TZone&) = delete;
+    ~TZone() {
+        if (Previous)
+            ::setenv("TZ", Previous->c_str(), 1);
+        else
+            ::unsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    std::optional<std::string> Previous;
+};
+
+double Clock() {
+    timeval now{};
+    ::gettimeofday(&now, nullptr);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+}
+
+TEST(Time, CurrentTimeIsThatOfTheSystemToTheMicrosecond) {
+    EXPECT_EQ(EndlessTimeInterval, 0.0);
+    for (int i = 0; i != 1000; ++i) {
+        const double before = Clock();
+        const double now = GetCurrentTime();
+        ASSERT_LE(before, now);
+        ASSERT_LE(now, Clock());
+    }
+}
+
+TEST(Time, ConversionsAddAndSubtractTheDifferenceAtTheInstant) {
+    // Half a year of summer time that begins at instant 0: the lookup of -0.5 is one at 0 and not at -1.
+    const char* const summerFromInstant0 = "XXX0YYY,0/0,J182/0";
+    const struct {
+        const char* Zone;
+        double Time, Difference;
+    } cases[] = {{"UTC0", 1.75, 0},
+                 {"UTC0", -1.75, 0},
+                 {"XXX-1", 1000000.5, -3600},
+                 {"XXX-1", 996400.5, -3600},
+                 {"XXX5", -12.9, 18000},
+                 {"XXX-1", -5e9, -3600},
+                 {"XXX-1", 5e9, -3600}, // past both ends of a 32-bit long
+                 {"XXX-1", 1e11, -3600},
+                 {"XXX5", 2147483648.25, 18000},
+                 {summerFromInstant0, -1.0, 0},
+                 {summerFromInstant0, -1800.0, 0},
+                 {summerFromInstant0, -0.5, -3600},
+                 {summerFromInstant0, 0.0, -3600},
+                 {summerFromInstant0, 1800.5, -3600},
+                 {"XXX-1", 1e300, 0},
+                 {"XXX-1", -1e300, 0},
+                 {"XXX-1", Infinity, 0},
+                 {"XXX-1", -Infinity, 0}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(std::string(each.Zone) + " " + std::to_string(each.Time));
+        const TZone zone(each.Zone);
+        EXPECT_EQ(UTCToLocal(each.Time), each.Time + each.Difference);
+        EXPECT_EQ(LocalToUTC(each.Time), each.Time - each.Difference);
+    }
+}
+
+TEST(Time, DifferenceIsUTCLessLocalTimeAndZeroWhereThereIsNone) {
+    const TZone zone("XXX-1");
+    EXPECT_EQ(_UTCLocalTimeDifference(0), -3600);
+    EXPECT_EQ(_UTCLocalTimeDifference(std::numeric_limits<long>::max()), sizeof(long) == 4 ? -3600 : 0); // the year does not fit an int
+    EXPECT_TRUE(std::isnan(UTCToLocal(std::nan(""))));
+    EXPECT_TRUE(std::isnan(LocalToUTC(std::nan(""))));
+}
+
+} // namespace
