@@ -61,8 +61,9 @@ protected:
     ~TPriorityRangeMapper() = default;
 };
 
+// Exported here too: Clang gives an instance the visibility of the primary template, GCC that of the specialization.
 template <class T, T A, T B>
-class TMetaPriorityRangeMapper;
+class KEST_EXPORT TMetaPriorityRangeMapper;
 
 /// The same with the platform's ends as template arguments. The library itself uses the one for the nice value, 20 to -20, with 20
 /// as the least favourable end: Forward(-100) is 20, Forward(1) is 0, Forward(100) is -20, Forward(150) is -30.
