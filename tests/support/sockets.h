@@ -1,0 +1,183 @@
+#ifndef KEST_TESTS_SUPPORT_SOCKETS_H
+#define KEST_TESTS_SUPPORT_SOCKETS_H
+
+#include <kest/net/socket.h>
+#include <support/temporary_directory.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Kest::Test {
+
+using System::TSocket;
+using TAnyAddress = System::Interface::TSocket<TSocket>::TAddress;
+
+/// The message of an error of the system that has no class of its own.
+inline std::string SystemMessage(int code) {
+    return std::string("Kest: ") + std::strerror(code);
+}
+
+inline TSocket::TProtocolInfo StreamOf(const std::string& domain) {
+    return {domain, TSocket::Stream, domain == "inet" ? "tcp" : "ip"};
+}
+
+inline TSocket::TProtocolInfo DatagramOf(const std::string& domain) {
+    return {domain, TSocket::Datagram, domain == "inet" ? "udp" : "ip"};
+}
+
+/// An address to bind a socket of the domain to: a port of the system's choice, or @p name in @p directory.
+inline TSocket::TAddress PlaceFor(const std::string& domain, const TTemporaryDirectory& directory, const std::string& name = "socket") {
+    return {domain, domain == "inet" ? "127.0.0.1:0" : directory / name, false};
+}
+
+/// The address that the system says a bound socket has, as text; what it says without this library's help.
+inline std::string NameOf(const TSocket& socket) {
+    union {
+        sockaddr General;
+        sockaddr_in Inet;
+        sockaddr_un FS;
+    } name{};
+    socklen_t length = sizeof name;
+    if (::getsockname(socket.GetDescriptor(), &name.General, &length) != 0)
+        throw std::runtime_error("a socket of the test has no name");
+    if (name.General.sa_family == AF_UNIX)
+        return {name.FS.sun_path, length - offsetof(sockaddr_un, sun_path) - 1};
+    char host[INET_ADDRSTRLEN];
+    ::inet_ntop(AF_INET, &name.Inet.sin_addr, host, sizeof host);
+    return host + (':' + std::to_string(ntohs(name.Inet.sin_port)));
+}
+
+template <class TValue = int>
+TValue OptionOf(const TSocket& socket, int level, int option) {
+    TValue value{};
+    socklen_t length = sizeof value;
+    if (::getsockopt(socket.GetDescriptor(), level, option, &value, &length) != 0)
+        throw std::runtime_error("an option of a test's socket cannot be read");
+    return value;
+}
+
+/// What the system says, not what the object believes.
+inline bool IsInBlockingMode(const TSocket& socket) {
+    return (::fcntl(socket.GetDescriptor(), F_GETFL) & O_NONBLOCK) == 0;
+}
+
+/// Puts something in place of the socket's descriptor with which every call but close fails with EBADF.
+inline void Break(const TSocket& socket) {
+    const int nothing = ::open("/", O_PATH);
+    (void)::dup2(nothing, socket.GetDescriptor());
+    (void)::close(nothing);
+}
+
+/// A bound socket that listens, and where.
+struct TListener {
+    explicit TListener(const std::string& domain, unsigned backlog = 0) : Socket(StreamOf(domain)), Address(domain) {
+        Socket.Bind(PlaceFor(domain, Directory));
+        Address = TSocket::TAddress(domain, NameOf(Socket), false);
+        Socket.Listen(backlog);
+    }
+
+    TTemporaryDirectory Directory;
+    TSocket Socket;
+    TSocket::TAddress Address;
+};
+
+/// Both ends of a connection.
+struct TConnection {
+    explicit TConnection(const std::string& domain) : Listener(domain), Client(StreamOf(domain)), Server(Establish(domain)) {}
+
+    TListener Listener;
+    TSocket Client;
+    TSocket Server;
+
+private:
+    TSocket Establish(const std::string& domain) {
+        Client.Connect(Listener.Address);
+        TSocket::TAddress peer(domain);
+        return Listener.Socket.Accept(peer);
+    }
+};
+
+/// A listener that leaves further connections hanging: its queue, which holds one more than it says, is full.
+struct TFullListener : TListener {
+    explicit TFullListener(const std::string& domain) : TListener(domain, 1), First(StreamOf(domain)), Second(StreamOf(domain)) {
+        First.Connect(Address);
+        Second.Connect(Address);
+        while (domain == "inet" && OptionOf<tcp_info>(Socket, IPPROTO_TCP, TCP_INFO).tcpi_unacked < 2)
+            std::this_thread::yield(); // of a listener, that is how many are in the queue; the last handshake may still be on its way
+    }
+
+    TSocket First;
+    TSocket Second;
+};
+
+/// Fills the way to the peer, so that further sending would block.
+inline void FillUp(TSocket& socket) {
+    static const std::string block(65536, 'x');
+    for (std::size_t size = block.size(); size != 0; size /= 2)
+        while (::send(socket.GetDescriptor(), block.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+        }
+}
+
+/// Where a thread says that its next call is the one it blocks in, and others wait until it does.
+class TBlockingPoint {
+public:
+    void Enter() { Thread = ::gettid(); }
+
+    /// Whether the thread came to sleep in the system, within far more time than it needs.
+    bool WaitUntilBlocked() const {
+        for (int round = 0; round < 10000; ++round) {
+            if (Thread != 0 && IsAsleep(Thread))
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
+    }
+
+private:
+    static bool IsAsleep(pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string line;
+        std::getline(file, line);
+        const std::size_t name = line.rfind(") ");
+        return name != std::string::npos && line[name + 2] == 'S';
+    }
+
+    std::atomic<pid_t> Thread{0};
+};
+
+/// The seconds that an action took, on the clock and of the calling thread's processor time.
+struct TCost {
+    double Elapsed;
+    double Processor;
+};
+
+template <class TAction>
+TCost CostOf(const TAction& action) {
+    const auto processor = [] {
+        rusage usage{};
+        ::getrusage(RUSAGE_THREAD, &usage);
+        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    const auto start = std::chrono::steady_clock::now();
+    const double before = processor();
+    action();
+    return {std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), processor() - before};
+}
+
+} // namespace Kest::Test
+
+#endif
