@@ -1,10 +1,11 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Builds and runs the program in consumer/ the way a user of the library does.
-# Usage: consumer.sh find_package|pkg-config|add_subdirectory SOURCE_DIR PREFIX WORK_DIR; CXX and CXXFLAGS are those of
-# the build.
+# Usage: consumer.sh find_package|pkg-config|add_subdirectory shared|static SOURCE_DIR PREFIX WORK_DIR
+# CXX and CXXFLAGS are those of the build; PREFIX is where the library of that kind is installed.
 set -euo pipefail
-way=$1 source_dir=$2 prefix=$3 work_dir=$4
+way=$1 kind=$2 source_dir=$3 prefix=$4 work_dir=$5
 consumer=$source_dir/tests/package/consumer
+fail() { echo "$*"; exit 1; }
 rm -rf "$work_dir"
 mkdir -p "$work_dir"
 
@@ -13,30 +14,44 @@ find_package)
     cmake -G Ninja -S "$consumer" -B "$work_dir" "-DCMAKE_PREFIX_PATH=$prefix"
     cmake --build "$work_dir"
     # Another major version is another library.
-    if cmake -G Ninja -S "$consumer" -B "$work_dir/wrong" "-DCMAKE_PREFIX_PATH=$prefix" -DVERSION=2.0 >/dev/null 2>&1; then
-        echo "version 2.0 was asked for and found"
-        exit 1
+    if cmake -G Ninja -S "$consumer" -B "$work_dir/wrong" "-DCMAKE_PREFIX_PATH=$prefix" -DVERSION=2.0 >"$work_dir/wrong.log" 2>&1; then
+        fail "version 2.0 was asked for and found"
     fi
+    tr -s '[:space:]' ' ' <"$work_dir/wrong.log" | grep -q 'compatible with requested version "2.0"' ||
+        fail "version 2.0 is refused for another reason"
     ;;
 pkg-config)
     pc=$(find "$prefix" -name kest.pc)
     PKG_CONFIG_PATH=$(dirname "$pc")
     export PKG_CONFIG_PATH
-    flags=$(pkg-config --cflags --libs kest)
+    pkg-config --exact-version=1.0.0 kest || fail "kest.pc states another version"
+    options=(--cflags --libs)
+    [[ $kind == shared ]] || options+=(--static)
+    flags=$(pkg-config "${options[@]}" kest)
     echo "$flags"
-    library_dir=$(dirname "$(dirname "$pc")")
     # Evaluated, since pkg-config quotes what the shell would split.
-    eval "\"\$CXX\" ${CXXFLAGS:-} -std=c++17 \"\$consumer/main.cpp\" $flags \"-Wl,-rpath,\$library_dir\" \
-        -o \"\$work_dir/consumer\""
+    eval "\"\$CXX\" ${CXXFLAGS:-} -std=c++17 \"\$consumer/main.cpp\" $flags -o \"\$work_dir/consumer\""
+    eval "export LD_LIBRARY_PATH=$(pkg-config --variable=libdir kest)"
     ;;
 add_subdirectory)
-    # Static, which covers what a static library hands on to its users.
-    cmake -G Ninja -S "$consumer" -B "$work_dir" "-DKEST_TREE=$source_dir" -DBUILD_SHARED_LIBS=OFF -DCMAKE_BUILD_TYPE=Debug
-    cmake --build "$work_dir" -j2
-    readelf -d "$work_dir/consumer" | grep -q 'NEEDED.*libgcc_s\.so\.1' || { echo "libgcc_s is not linked"; exit 1; }
+    shared=$([[ $kind == shared ]] && echo ON || echo OFF)
+    # KEST_INSTALL: what the outer project installs then has the library in it.
+    cmake -G Ninja -S "$consumer" -B "$work_dir" "-DKEST_TREE=$source_dir" "-DBUILD_SHARED_LIBS=$shared" -DKEST_INSTALL=ON \
+        -DCMAKE_BUILD_TYPE=Debug
+    cmake --build "$work_dir" --parallel 2
+    ;;
+esac
+
+needed=$(readelf -d "$work_dir/consumer" | grep NEEDED)
+case $kind in
+shared) grep -q '\[libkest\.so\.1\]' <<<"$needed" || fail "the shared library is not linked: $needed" ;;
+static)
+    ! grep -q libkest <<<"$needed" || fail "the shared library is linked: $needed"
+    # What the shared library needs, a static one hands on to its users.
+    grep -q '\[libgcc_s\.so\.1\]' <<<"$needed" || fail "libgcc_s is not linked: $needed"
     ;;
 esac
 
 answer=$("$work_dir/consumer")
 echo "$answer"
-[[ $answer == "Kest: from the library" ]] || { echo "not the answer that was expected"; exit 1; }
+[[ $answer == "Kest: from the library" ]] || fail "not the answer that was expected"

@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Compiles each installed header alone, without warnings.
 # Usage: headers.sh STANDARD PREFIX; CXX and CXXFLAGS are those of the build.
 set -euo pipefail

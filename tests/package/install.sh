@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Installs the build afresh and compares the installed headers with those of the tree.
 # Usage: install.sh SOURCE_DIR BUILD_DIR CONFIG PREFIX
 set -euo pipefail

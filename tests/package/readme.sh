@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Compiles the program of README.md as it is printed and runs it.
 # Usage: readme.sh SOURCE_DIR LIBRARY_DIR WORK_DIR; CXX and CXXFLAGS are those of the build.
 set -euo pipefail
