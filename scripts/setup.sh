@@ -17,22 +17,40 @@ if ! command -v dpkg-query >/dev/null; then
     exit 0
 fi
 
-missing=()
-for package in "${packages[@]}"; do
-    status=$(dpkg-query -W -f='${db:Status-Status} ' "$package" 2>/dev/null || true)
-    [[ $status == *"installed "* && $status != *"not-installed "* ]] || missing+=("$package")
-done
-((${#missing[@]} > 0)) || exit 0
+is_installed() {
+    local status
+    status=$(dpkg-query -W -f='${db:Status-Status} ' "$1" 2>/dev/null || true)
+    [[ " $status" == *" installed "* ]]
+}
 
-as_root=()
-if ((EUID != 0)); then
-    if ! command -v sudo >/dev/null; then
-        echo "setup: not root, and no sudo. Please install: apt-get install --no-install-recommends ${missing[*]}" >&2
-        exit 1
+install_missing() { # PACKAGE...
+    local missing=() as_root=() package
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    ((${#missing[@]} > 0)) || return 0
+
+    if ((EUID != 0)); then
+        if ! command -v sudo >/dev/null; then
+            echo "setup: not root, and no sudo. Please install: apt-get install --no-install-recommends ${missing[*]}" >&2
+            exit 1
+        fi
+        as_root=(sudo)
     fi
-    as_root=(sudo)
-fi
+    echo "setup: installing ${missing[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
 
-echo "setup: installing ${missing[*]}"
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+runs_32_bits() {
+    local folder result=0
+    folder=$(mktemp -d)
+    echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$folder/program"
+    "$folder/program" 2>/dev/null || result=$?
+    rm -r "$folder"
+    return "$result"
+}
+
+install_missing "${packages[@]}"
+# Where the kernel does not run 32-bit programs, their tests are emulated (cmake/emulator.cmake).
+is_installed qemu-user || runs_32_bits || install_missing qemu-user
