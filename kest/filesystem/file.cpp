@@ -80,6 +80,20 @@ private:
     const std::string To;
 };
 
+/// Whether a copy to @p to would write to something that has other names or none on a disk, instead of replacing what stands there as
+/// renaming does: the target of a symbolic link, a file with further hard links, a pipe, a device. The source itself by another road does
+/// not count, the copy refuses that.
+bool LeadsElsewhere(const std::string& from, const std::string& to) {
+    struct stat source {};
+    struct stat target {};
+    struct stat destination {};
+    if (::lstat(from.c_str(), &source) != 0 || ::stat(from.c_str(), &target) != 0 || ::lstat(to.c_str(), &destination) != 0)
+        return false;
+    if (S_ISDIR(destination.st_mode) || IsSameFile(destination, source) || IsSameFile(destination, target))
+        return false;
+    return !S_ISREG(destination.st_mode) || destination.st_nlink >= 2;
+}
+
 /// Folder and last component of a path in the system's encoding; separators at its end do not count.
 std::pair<std::string, std::string_view> SplitEntry(std::string_view path) {
     while (path.size() > 1 && path.back() == '/')
@@ -169,6 +183,8 @@ void _RenameHelper(const std::string& from, const std::string& to) {
 
     TUnfinishedDestination destination(from, to);
     try {
+        if (LeadsElsewhere(systemFrom, systemTo))
+            TFile::Remove(to);
         TFile::Copy(from, to, destination.IsOpenedForWriting);
         destination.IsCopied = true;
         TFile::Remove(from);

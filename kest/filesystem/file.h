@@ -44,9 +44,10 @@ private:
 /// followed if it is a symbolic link; the link is renamed. Where both are names of one directory entry ("a", "./a") nothing happens and
 /// the attempt succeeds; where they are two hard links of one file, the source entry is removed.
 ///
-/// Over file systems the content is copied as TFile::Copy() does, following links, and the source removed. If either fails, the source
-/// is still there and the destination is removed, provided the copy had opened it for writing: an old destination is lost then. If the
-/// source has vanished meanwhile, the complete copy stays.
+/// Over file systems the content is copied as TFile::Copy() does, following links at the source, and the source removed. An old
+/// destination is overwritten; a symbolic link, a pipe, a device or one of several hard links is removed before, so that nothing is written
+/// through it. If the copy or the removal fails, the source is still there and the destination is removed, provided the copy had opened
+/// it for writing: an old destination is lost then. If the source has vanished meanwhile, the complete copy stays.
 ///
 /// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description.
 /// @throw EException  "cross device link: tryed to copy and remove: copy failed" or the same with "remove failed" at its end.
