@@ -1,0 +1,164 @@
+#ifndef KEST_TESTS_FILESYSTEM_FILES_H
+#define KEST_TESTS_FILESYSTEM_FILES_H
+
+#include <kest/foundation/exception.h>
+
+#include <support/helper_thread.h>
+#include <support/temporary_directory.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/fsuid.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Kest::Test {
+
+inline void Ensure(bool condition, const std::string& what) {
+    if (!condition)
+        throw std::runtime_error("the test cannot prepare " + what + ": " + std::strerror(errno));
+}
+
+inline void WriteFile(const std::string& path, const std::string& content) {
+    Ensure((std::ofstream(path, std::ios::binary) << content << std::flush).good(), path);
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// The same bytes for the same size.
+inline std::string SomeBytes(std::size_t size) {
+    std::mt19937 random(static_cast<unsigned>(size));
+    std::string bytes(size, 0);
+    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<char>(random()); });
+    return bytes;
+}
+
+inline struct stat StatusOf(const std::string& path) {
+    struct stat status {};
+    Ensure(::stat(path.c_str(), &status) == 0, "the status of " + path);
+    return status;
+}
+
+/// What a directory holds, one text an entry and sorted: "d/" a directory, "f=content" a file, "l->target" a symbolic link, "p|" a named
+/// pipe. Make() also takes "h&f", one more hard link of f.
+using TTree = std::vector<std::string>;
+
+inline void Make(const std::string& directory, const TTree& tree) {
+    for (const std::string& entry : tree) {
+        const std::size_t end = entry.find_first_of("=-|&");
+        const std::string path = directory + '/' + entry.substr(0, end);
+        if (end == std::string::npos)
+            std::filesystem::create_directory(path);
+        else if (entry[end] == '=')
+            WriteFile(path, entry.substr(end + 1));
+        else if (entry[end] == '-')
+            std::filesystem::create_symlink(entry.substr(end + 2), path);
+        else if (entry[end] == '&')
+            Ensure(::link((directory + '/' + entry.substr(end + 1)).c_str(), path.c_str()) == 0, entry); // of the link, if it is one
+        else
+            Ensure(::mkfifo(path.c_str(), 0600) == 0, entry);
+    }
+}
+
+inline TTree TreeOf(const std::string& directory) {
+    TTree tree;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        const std::string name = entry.path().string().substr(directory.size() + 1);
+        if (entry.is_symlink())
+            tree.push_back(name + "->" + std::filesystem::read_symlink(entry.path()).string());
+        else if (entry.is_directory())
+            tree.push_back(name + '/');
+        else
+            tree.push_back(entry.is_fifo() ? name + '|' : name + '=' + ReadFile(entry.path().string()));
+    }
+    std::sort(tree.begin(), tree.end());
+    return tree;
+}
+
+/// The message of the library's exception that @p action throws, or "" when it throws nothing.
+template <class TAction>
+std::string OutcomeOf(const TAction& action) {
+    try {
+        action();
+    } catch (const EException& exception) {
+        return exception.GetMessage();
+    }
+    return {};
+}
+
+/// While the object lives, the calling thread meets files as a user without privileges.
+class TWithoutPrivilege {
+public:
+    TWithoutPrivilege() : Previous(static_cast<uid_t>(::setfsuid(Nobody))) {}
+    TWithoutPrivilege(const TWithoutPrivilege&) = delete;
+    TWithoutPrivilege& operator=(const TWithoutPrivilege&) = delete;
+    ~TWithoutPrivilege() { (void)::setfsuid(Previous); }
+
+    static constexpr uid_t Nobody = 65534;
+
+private:
+    const uid_t Previous;
+};
+
+/// Tests that need more than one file system. What InMounts() is given runs on a thread that sees, in Directory:
+/// "near", which holds 1 MiB and more; "far", another file system of 64 KiB; "again" and "fixed", which are "near" by another road, the
+/// latter read-only. Nobody else sees them, and they go with the thread.
+class WithMounts : public testing::Test {
+protected:
+    static constexpr std::size_t FarSize = 65536;
+
+    void SetUp() override {
+        if (!OnAnotherThread([] { return IsAlone(); }))
+            GTEST_SKIP() << "this user may not mount file systems here: " << std::strerror(errno);
+    }
+
+    void InMounts(const std::function<void()>& body) {
+        OnAnotherThread([&] {
+            Ensure(IsAlone(), "mounts of its own");
+            for (const char* name : {"near", "far", "again", "fixed"})
+                std::filesystem::create_directory(Directory / name);
+            const std::string near = Directory / "near";
+            Ensure(::mount("none", near.c_str(), "tmpfs", 0, "size=4m,mode=777") == 0, near);
+            Ensure(::mount("none", (Directory / "far").c_str(), "tmpfs", 0, "size=64k,mode=777") == 0, "far");
+            Ensure(::mount(near.c_str(), (Directory / "again").c_str(), nullptr, MS_BIND, nullptr) == 0, "again");
+            Ensure(::mount(near.c_str(), (Directory / "fixed").c_str(), nullptr, MS_BIND, nullptr) == 0, "fixed");
+            Ensure(::mount(nullptr, (Directory / "fixed").c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0, "fixed");
+            body();
+        });
+    }
+
+    /// The trees of both file systems.
+    TTree MountedTree() const {
+        TTree tree;
+        for (const std::string place : {"far", "near"})
+            for (const std::string& entry : TreeOf(Directory / place))
+                tree.push_back((place + '/').append(entry));
+        return tree;
+    }
+
+    TTemporaryDirectory Directory;
+
+private:
+    static bool IsAlone() { return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0; }
+};
+
+} // namespace Kest::Test
+
+#endif
