@@ -151,10 +151,10 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
     bool isComplete = false;
     {
         std::ifstream in(UTF8ToSystem(from), std::ios_base::in | std::ios_base::binary);
-        std::ofstream out;
         // Without a buffer nothing waits that closing would have to write: a cancelled thread would hang in that, with cancellation off,
         // at a pipe that nobody reads. A buffer of our own also means that no allocation can fail between opening and the note of it.
-        char unbuffered = 0;
+        char unbuffered = 0; // outlives the stream
+        std::ofstream out;
         out.rdbuf()->pubsetbuf(&unbuffered, 1);
         const TStreamCloser closer(out, in);
         const std::string systemTo = UTF8ToSystem(to);
