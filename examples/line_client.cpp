@@ -116,7 +116,7 @@ void Run(const std::string& domain, const std::string& text, double limit) {
 }
 
 TStatus End(TStatus status, const std::string& sentence) {
-    std::cerr << "line_client: " << sentence << '\n';
+    std::cerr << "line_client: " + sentence + '\n';
     return status;
 }
 

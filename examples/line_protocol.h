@@ -27,14 +27,14 @@ constexpr unsigned BufferSize = 4096;
 struct ELineTooLong {};
 
 /// Reads up to the next newline, which is dropped. False when the stream ended or failed first; @p line is then what came before that.
-/// When it has to wait, it first flushes the stream that @p input is tied to.
+/// Before it has to wait it flushes the stream that @p input is tied to, and does not wait if that fails.
 /// @throw ELineTooLong  more than @p longest bytes came without a newline; the rest of the line is not read.
 inline bool ReadLine(std::istream& input, std::string& line, std::size_t longest) {
     line.clear();
     std::streambuf& buffer = *input.rdbuf();
     for (;;) {
-        if (buffer.in_avail() <= 0 && input.tie() != nullptr)
-            input.tie()->flush();
+        if (buffer.in_avail() <= 0 && input.tie() != nullptr && !input.tie()->flush())
+            return false;
         const int character = buffer.sbumpc();
         if (character == std::char_traits<char>::eof())
             return false;

@@ -56,20 +56,20 @@ class TClient final : public TThread {
 public:
     /// Takes @p accepted over. Starts the thread at the very end: the object is whole then, and nothing can fail any more.
     TClient(const TSocket& accepted, unsigned number, double limit)
-        : Number(number), Limit(limit), Socket(accepted), MainThreadsCopy(Socket) {
+        : Number(number), Limit(limit), Socket(accepted), Descriptor(Socket.GetDescriptor()) {
         Start();
     }
-    ~TClient() noexcept override { WaitFor(); }
+    ~TClient() noexcept override {
+        Interrupt(true);
+        WaitFor();
+    }
 
     bool IsFinished() const { return Finished; }
 
-    /// Ends a wait of the thread for input or, with @p sendingToo, for room to send. A socket object belongs to one thread at a time,
-    /// the connection behind it does not: the main thread uses a copy.
+    /// Ends a wait of the thread for input or, with @p sendingToo, for room to send. A socket object belongs to one thread at a time, the
+    /// connection behind it does not, so this is the bare call; a copy of the object would do, for another descriptor for each client.
     void Interrupt(bool sendingToo) {
-        try {
-            MainThreadsCopy.Shutdown(true, sendingToo);
-        } catch (const EException&) { // the client went away in the meantime
-        }
+        (void)::shutdown(Descriptor, sendingToo ? SHUT_RDWR : SHUT_RD); // fails when the client is gone already
     }
 
 private:
@@ -132,7 +132,7 @@ private:
     const double Limit;
     std::atomic<bool> Finished{false};
     TSocket Socket; ///< for Run() alone until the thread has ended
-    TSocket MainThreadsCopy;
+    const int Descriptor;
 };
 
 using TClients = std::vector<std::unique_ptr<TClient>>;
@@ -143,7 +143,7 @@ void Reap(TClients& clients) {
     clients.erase(std::remove_if(clients.begin(), clients.end(), isFinished), clients.end());
 }
 
-/// Half a second for all to come to their end, after which those who are still sending to clients that take nothing are cut off.
+/// Half a second for all to come to their end, after which those that are still sending, to clients that take nothing, are cut off.
 void EndAll(TClients& clients) {
     for (const auto& client : clients)
         client->Interrupt(false);
@@ -151,8 +151,6 @@ void EndAll(TClients& clients) {
         TThreadInstance::Sleep(0.01);
         Reap(clients);
     }
-    for (const auto& client : clients)
-        client->Interrupt(true);
     clients.clear();
 }
 
