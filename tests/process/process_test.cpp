@@ -1,0 +1,119 @@
+#include <kest/process/process.h>
+
+#include <support/child.h>
+#include <support/message.h>
+#include <support/temporary_directory.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::EException;
+
+namespace {
+
+int Nice() {
+    return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::getpid()));
+}
+
+TEST(ProcessPriority, MapsOntoTheNiceValue) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only the superuser can raise the priority";
+    const struct {
+        int Set, Nice, Read;
+    } cases[] = {
+        {-100, 19, -95}, {-96, 19, -95}, {-95, 19, -95}, {-91, 19, -95}, {-90, 18, -90}, {-50, 10, -50}, {-5, 1, -5},   {-1, 1, -5},
+        {0, 0, 0},       {1, 0, 0},      {3, 0, 0},      {4, 0, 0},      {5, -1, 5},     {50, -10, 50},  {99, -19, 95}, {100, -20, 100},
+    };
+    InChild([&] {
+        for (const auto& each : cases) {
+            SCOPED_TRACE(each.Set);
+            SetProcessPriority(each.Set);
+            EXPECT_EQ(Nice(), each.Nice);
+            errno = EPERM; // of an earlier call; a nice value of -1 is no failure
+            EXPECT_EQ(GetProcessPriority(), each.Read);
+        }
+        std::thread([] { SetProcessPriority(50); }).join();
+        EXPECT_EQ(Nice(), -10) << "it is the process's priority, not that of the calling thread";
+    });
+}
+
+TEST(ProcessPriority, OutOfRangeIsRefusedAndChangesNothing) {
+    const int before = Nice();
+    for (const int priority : {-101, 101, INT_MIN, INT_MAX})
+        EXPECT_KEST_THROW(SetProcessPriority(priority), EException, "Kest: bad priority value") << priority;
+    EXPECT_EQ(Nice(), before);
+}
+
+TEST(ProcessPriority, RaisingItNeedsAPrivilege) {
+    InChild([] {
+        if (::geteuid() == 0) {
+            ASSERT_EQ(::setuid(65534), 0);
+        }
+        const rlimit none{0, 0};
+        ASSERT_EQ(::setrlimit(RLIMIT_NICE, &none), 0);
+        SetProcessPriority(-50);
+        EXPECT_EQ(GetProcessPriority(), -50);
+        EXPECT_KEST_THROW(SetProcessPriority(0), EException, std::string("Kest: ") + std::strerror(EACCES));
+        EXPECT_EQ(GetProcessPriority(), -50);
+    });
+}
+
+TEST(Process, ApplicationFileNameComesFromTheShellOrTheFirstArgument) {
+    const TTemporaryDirectory directory;
+    const std::string root = std::filesystem::canonical(directory.GetPath()).string();
+    for (const char* name : {"started", "argument"})
+        std::ofstream(directory / name) << "x";
+    std::filesystem::create_symlink("started", directory / "link");
+    const struct {
+        const char *Shell, *Underscore, *Argument, *Expected; ///< no expected name: a failure
+    } cases[] = {
+        {"/bin/bash", "./started", "argument", "/started"},
+        {"/bin/bash", "link", "argument", "/started"},
+        {"/bin/bash", "gone", "argument", nullptr},
+        {"/bin/bash", "", "argument", "/argument"},
+        {"/bin/bash", nullptr, "./argument", "/argument"},
+        {"/bin/sh", "started", "argument", "/argument"},
+        {"/bin/bash ", "started", "argument", "/argument"},
+        {"/usr/bin/bash", "started", "argument", "/argument"},
+        {"", "started", "argument", "/argument"},
+        {nullptr, "started", "link", "/started"},
+        {nullptr, nullptr, "nothing-of-that-name", nullptr},
+    };
+    for (const auto& each : cases)
+        InChild([&] {
+            std::filesystem::current_path(directory.GetPath());
+            each.Shell == nullptr ? ::unsetenv("SHELL") : ::setenv("SHELL", each.Shell, 1);
+            each.Underscore == nullptr ? ::unsetenv("_") : ::setenv("_", each.Underscore, 1);
+            std::string argument = each.Argument;
+            char* argv[] = {argument.data(), nullptr};
+            if (each.Expected == nullptr)
+                EXPECT_KEST_THROW(GetApplicationFileName(1, argv), EException, "Kest: realpath() failed");
+            else
+                EXPECT_EQ(GetApplicationFileName(0, argv), root + each.Expected);
+        });
+}
+
+TEST(Process, StandardStreamModeChangesNothing) {
+    for (const TStandardStream stream : {TStandardStream::Input, TStandardStream::Output, TStandardStream::Error})
+        for (const TStandardStreamMode mode : {TStandardStreamMode::Text, TStandardStreamMode::Binary}) {
+            const int before = ::fcntl(static_cast<int>(stream), F_GETFL);
+            SetStandardStreamMode(stream, mode);
+            EXPECT_EQ(::fcntl(static_cast<int>(stream), F_GETFL), before);
+        }
+}
+
+} // namespace
