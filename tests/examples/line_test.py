@@ -298,6 +298,8 @@ class ServerTest(LineTest):
         self.assertEqual(server.stderr(), f"line_server: client 1: ended, a line is longer than {LONGEST_LINE} bytes\n")
 
     def test_shortage_of_descriptors_makes_clients_wait(self):
+        if b"__ubsan_handle_dynamic_type_cache_miss" in (PROGRAMS / "line_server").read_bytes():
+            self.skipTest("the sanitizer needs descriptors itself, for a pipe that it tests pointers with")
         server = self.start()
         room = 3
         allowed = server.descriptors() + room
