@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the program in consumer/ the way a user of the library does.
 # Usage: consumer.sh find_package|pkg-config|add_subdirectory shared|static SOURCE_DIR PREFIX WORK_DIR
-# CXX and CXXFLAGS are those of the build, KEST_EMULATOR may name what runs programs of its kind; PREFIX is where the library of that kind is installed.
+# CXX and CXXFLAGS are those of the build, KEST_EMULATOR may name what runs its programs; PREFIX is where the library of
+# that kind is installed.
 set -euo pipefail
 way=$1 kind=$2 source_dir=$3 prefix=$4 work_dir=$5
 consumer=$source_dir/tests/package/consumer

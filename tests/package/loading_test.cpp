@@ -31,7 +31,7 @@ std::map<std::string, std::string> DescribeProcess() {
     for (int number = 1; number < NSIG; ++number)
         process["mask"] += sigismember(&mask, number) == 1 ? '1' : '0';
     for (char** variable = environ; *variable != nullptr; ++variable)
-        process["environment"] += std::string(*variable) + '\n';
+        process["environment"] += std::string(*variable) + '\0';
     const auto count = [](const char* folder) {
         return std::to_string(std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator()));
     };
@@ -44,6 +44,17 @@ std::map<std::string, std::string> DescribeProcess() {
     umask(creationMask);
     process["creation mask"] = std::to_string(creationMask);
     return process;
+}
+
+/// What of the process is not as it was. Names only: what the environment holds is nothing for a log.
+std::string NameChanges(const std::map<std::string, std::string>& before) {
+    std::string names;
+    for (const auto& [name, value] : DescribeProcess()) {
+        const auto earlier = before.find(name);
+        if (earlier == before.end() || earlier->second != value)
+            names += name + "; ";
+    }
+    return names;
 }
 
 bool IsMapped() {
@@ -90,11 +101,11 @@ TEST(Loading, ChangesNothingOfTheProcess) {
     const auto before = DescribeProcess();
     void* library = Load();
     ASSERT_TRUE(IsMapped());
-    EXPECT_EQ(DescribeProcess(), before) << "after loading";
+    EXPECT_EQ(NameChanges(before), "") << "after loading";
     Use(library);
-    EXPECT_EQ(DescribeProcess(), before) << "after use";
+    EXPECT_EQ(NameChanges(before), "") << "after use";
     EXPECT_EQ(dlclose(library), 0);
-    EXPECT_EQ(DescribeProcess(), before) << "after unloading";
+    EXPECT_EQ(NameChanges(before), "") << "after unloading";
 }
 
 TEST(Loading, UnloadsForGoodAfterUseAndLoadsAgain) {
