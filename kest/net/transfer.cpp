@@ -48,8 +48,8 @@ bool WouldBlock(int code) {
     return code == EAGAIN || code == EINPROGRESS;
 }
 
-/// After a would-block answer to connect for lack of room in the listener's queue the socket counts as writable at once, and waiting for
-/// that would spin.
+/// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
+/// writable at once, and waiting for that would spin.
 void PauseForQueue() {
     const timespec aMoment{0, 5000000}; // short beside any limit, long beside a call
     (void)::nanosleep(&aMoment, nullptr);
@@ -158,17 +158,21 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
 
     const double start = GetCurrentTime();
     unsigned remaining = size;
+    bool wasWritable = false; // by the answer of the wait before
     for (;;) {
         const auto sent = static_cast<int>(SendOnce(position, remaining, MSG_NOSIGNAL | MSG_DONTWAIT, target));
         if (sent == -1 && WouldBlock(errno)) {
             if (!(GetCurrentTime() - start < SendTimeout))
                 throw ETimeout();
-            (void)SelectWrite(LongestWait);
+            if (wasWritable)
+                PauseForQueue();
+            wasWritable = SelectWrite(LongestWait);
             continue;
         }
         const auto count = static_cast<unsigned>(CheckIOResult(sent));
         if (count == remaining)
             return static_cast<int>(size);
+        wasWritable = false;
         position += count;
         remaining -= count;
     }
