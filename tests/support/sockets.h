@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -123,12 +124,32 @@ struct TFullListener : TListener {
     TSocket Second;
 };
 
-/// Fills the way to the peer, so that further sending would block.
-inline void FillUp(TSocket& socket) {
-    static const std::string block(65536, 'x');
-    for (std::size_t size = block.size(); size != 0; size /= 2)
-        while (::send(socket.GetDescriptor(), block.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+/// Bytes that do not repeat: one that is lost or out of place shows.
+inline std::string Pattern(std::size_t size) {
+    std::string result(size, '\0');
+    unsigned value = 1;
+    for (char& each : result)
+        each = static_cast<char>((value = value * 1664525 + 1013904223) >> 24);
+    return result;
+}
+
+/// More than the system takes from a sender whose peer does not receive.
+inline const std::string& TooMuch() {
+    static const std::string bytes(16 << 20, 'x');
+    return bytes;
+}
+
+inline int SendTooMuch(TSocket& socket) {
+    return socket.Send(TooMuch().data(), static_cast<unsigned>(TooMuch().size()));
+}
+
+/// Fills the way to the peer until the socket stays unwritable.
+inline void FillUp(const TSocket& socket) {
+    pollfd writable{socket.GetDescriptor(), POLLOUT, 0};
+    do {
+        while (::send(socket.GetDescriptor(), TooMuch().data(), TooMuch().size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
         }
+    } while (::poll(&writable, 1, 10) > 0);
 }
 
 /// Where a thread says that its next call is the one it blocks in, and others wait until it does.
