@@ -43,7 +43,7 @@ void TStream::allocate(int size) {
     ResetAreas();
 }
 
-void TStream::DestroyBuffer() {
+KEST_CATCHES_CANCELLATION void TStream::DestroyBuffer() {
     exceptions(std::ios_base::goodbit);
     if (BufferSize != 0) {
         try {
@@ -116,7 +116,7 @@ int TStream::sync() {
 }
 
 /// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave.
-void TStream::FlushFromSentry() {
+KEST_CATCHES_CANCELLATION void TStream::FlushFromSentry() {
     const System::_TCancellationOff off;
     try {
         (void)overflow(traits_type::eof());
