@@ -1,5 +1,6 @@
 #include <kest/foundation/exception.h>
 
+#include "support/death.h"
 #include "support/failing_new.h"
 #include "support/message.h"
 
@@ -72,7 +73,7 @@ TEST(Exception, SystemFailureIsThePiecesAndTheDescription) {
 }
 
 TEST(ExceptionDeathTest, MemoryRunningOutWhileAMessageIsComposedEndsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    PrepareForDeath();
     const std::string text(100, 'x');
     const auto withoutMemory = [](const auto& compose) {
         const TFailingNew failing;

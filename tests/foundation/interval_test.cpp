@@ -67,7 +67,7 @@ TEST(Interval, DeadlineCarriesAndEndsWithTime) {
     } cases[] = {{100, 500000, 0.75, 101, 250000000},
                  {100, 500000, 0.5, 101, 0},
                  {100, 250000, 0.5, 100, 750000000},
-                 {100, 999999, Below1, 101, 999999000},
+                 {100, 999999, 0.75, 101, 749999000},
                  {100, 0, 3e9, 3000000100, 0},
                  {100, 7, 1e-12, 100, 7000}, // no longer than it takes to ask
                  {100, 0, -0.25, 0, 0},
@@ -87,6 +87,12 @@ TEST(Interval, DeadlineCarriesAndEndsWithTime) {
         EXPECT_EQ(deadline.tv_sec, each.Expected);
         EXPECT_EQ(deadline.tv_nsec, each.Nanoseconds);
     }
+    timeval now{};
+    now.tv_usec = 999999;
+    const timespec deadline = Interval::ToDeadline(now, Below1);
+    EXPECT_EQ(deadline.tv_sec, 1);
+    EXPECT_GE(deadline.tv_nsec, 999998999); // the 32-bit target calculates more precisely and truncates to one less
+    EXPECT_LE(deadline.tv_nsec, 999999000);
 }
 
 } // namespace

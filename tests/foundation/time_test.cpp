@@ -40,19 +40,19 @@ private:
     std::optional<std::string> Previous;
 };
 
-double Clock() {
+long long MicrosecondsNow() {
     timeval now{};
     ::gettimeofday(&now, nullptr);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+    return now.tv_sec * 1000000LL + now.tv_usec;
 }
 
 TEST(Time, CurrentTimeIsThatOfTheSystemToTheMicrosecond) {
     EXPECT_EQ(EndlessTimeInterval, 0.0);
     for (int i = 0; i != 1000; ++i) {
-        const double before = Clock();
-        const double now = GetCurrentTime();
+        const long long before = MicrosecondsNow();
+        const long long now = std::llround(GetCurrentTime() * 1e6); // a double tells the microseconds of this century apart
         ASSERT_LE(before, now);
-        ASSERT_LE(now, Clock());
+        ASSERT_LE(now, MicrosecondsNow());
     }
 }
 

@@ -1,6 +1,7 @@
 #ifndef KEST_TESTS_SUPPORT_HELPER_THREAD_H
 #define KEST_TESTS_SUPPORT_HELPER_THREAD_H
 
+#include <kest/interface/mutex.h>
 #include <kest/threads/thread.h>
 
 #include <chrono>
@@ -21,6 +22,16 @@ constexpr std::chrono::seconds Patience{20};
 template <class TAction>
 auto OnAnotherThread(TAction action) {
     return std::async(std::launch::async, std::move(action)).get();
+}
+
+/// Whether a thread that is not the calling one could be inside @p guard now.
+inline bool OthersMayEnter(System::Interface::TProtectionGuard& guard) {
+    return OnAnotherThread([&guard] {
+        const bool entered = guard.TryEnter();
+        if (entered)
+            guard.Leave();
+        return entered;
+    });
 }
 
 /// Closed until opened once. Threads that wait here pass afterwards. Waiting is no cancellation point.

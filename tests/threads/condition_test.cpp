@@ -1,0 +1,179 @@
+#include <kest/threads/condition.h>
+
+#include "support/helper_thread.h"
+#include "support/slot.h"
+
+#include <kest/foundation/time.h>
+#include <kest/threads/guard.h>
+#include <kest/threads/mutex.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <list>
+#include <memory>
+#include <optional>
+#include <typeinfo>
+#include <vector>
+
+using namespace Kest::System;
+using namespace Kest::Test;
+
+namespace {
+
+constexpr double Infinity = std::numeric_limits<double>::infinity();
+
+/// A thread that holds a guard some times over and waits until it is told; no limit is the wait without one.
+class TWaiter {
+public:
+    TWaiter(TCondition& condition, TMutex& guard, std::optional<double> limit, int entries = 1)
+        : Condition(condition), Guard(guard), Limit(limit), Entries(entries) {
+        Thread.Start();
+        Holding.Wait();
+        // Whoever enters the guard now finds the thread inside its wait.
+    }
+
+    void Tell() { IsTold = true; } ///< with the guard held
+
+    TFunctionThread& GetThread() { return Thread; }
+
+private:
+    int Body() {
+        std::list<_TScopedEntry> held;
+        for (int i = 0; i != Entries; ++i)
+            held.emplace_back(Guard);
+        Holding.Open();
+        while (!IsTold)
+            if (!Limit)
+                Condition.Wait(Guard);
+            else if (!Condition.Wait(Guard, *Limit))
+                return 1; // timed out
+        for (; !held.empty(); held.pop_back())
+            if (OthersMayEnter(Guard))
+                return 2; // not held as often as before
+        return 0;
+    }
+
+    TCondition& Condition;
+    TMutex& Guard;
+    const std::optional<double> Limit;
+    const int Entries;
+    bool IsTold = false;
+    TGate Holding;
+    TFunctionThread Thread{[this] { return Body(); }};
+};
+
+TEST(Condition, WaitsUntilToldWithAGuardEnteredOnceOrOften) {
+    for (const std::optional<double> limit : {std::optional<double>(), {0.0}, {-0.0}, {1000.0}, {3e9}, {1e12}, {1e300}, {Infinity}})
+        for (const int entries : {0, 1, 3}) { // 0 stands for a guard that is not recursive
+            SCOPED_TRACE(testing::Message() << limit.value_or(-1) << " " << entries);
+            TMutex guard(entries != 0);
+            TCondition condition;
+            TWaiter waiter(condition, guard, limit, entries == 0 ? 1 : entries);
+            guard.Enter();
+            if (entries != 0) {
+                EXPECT_TRUE(guard.TryEnter()); // this thread's own entries do not mix with those that wait
+                guard.Leave();
+            }
+            waiter.Tell();
+            condition.Signal();
+            guard.Leave();
+            EXPECT_EQ(waiter.GetThread().WaitFor(), 0);
+            EXPECT_TRUE(OthersMayEnter(guard));
+        }
+}
+
+TEST(Condition, TimesOutWithTheGuardHeld) {
+    for (const double limit : {0.25, 0.001, -0.25, -1e300, std::nan(""), -Infinity})
+        for (const bool recursive : {false, true}) {
+            SCOPED_TRACE(testing::Message() << limit << " " << recursive);
+            TMutex guard(recursive);
+            TCondition condition;
+            condition.Signal(); // is lost: nobody waits
+            condition.Broadcast();
+            guard.Enter();
+            double begin = GetCurrentTime();
+            while (condition.Wait(guard, limit)) // the system may wake it
+                begin = GetCurrentTime();
+            const double passed = GetCurrentTime() - begin;
+            EXPECT_GE(passed, limit > 0.0 ? limit : 0.0);
+            EXPECT_LT(passed, 10.0);
+            EXPECT_FALSE(OthersMayEnter(guard));
+            EXPECT_EQ(guard.TryEnter(), recursive);
+            if (recursive)
+                guard.Leave();
+            guard.Leave();
+            EXPECT_TRUE(OthersMayEnter(guard));
+        }
+}
+
+TEST(Condition, GuardOfAnotherClassIsRefusedUntouched) {
+    struct TForeignGuard : Interface::TProtectionGuard {
+        void Enter() override { ++Calls; }
+        bool TryEnter() override { return ++Calls, true; }
+        void Leave() override { ++Calls; }
+        int Calls = 0;
+    } guard;
+    TCondition condition;
+    EXPECT_THROW(condition.Wait(guard), std::bad_cast);
+    for (const double limit : {0.0, 0.01, -1.0, std::nan("")})
+        EXPECT_THROW(condition.Wait(guard, limit), std::bad_cast) << limit;
+    EXPECT_EQ(guard.Calls, 0);
+}
+
+TEST(Condition, CancelledWaitReleasesTheGuardByUnwinding) {
+    for (const std::optional<double> limit : {std::optional<double>(), {0.0}, {1000.0}, {Infinity}})
+        for (const int entries : {0, 1, 3}) {
+            SCOPED_TRACE(testing::Message() << limit.value_or(-1) << " " << entries);
+            TMutex guard(entries != 0);
+            TCondition condition;
+            TWaiter waiter(condition, guard, limit, entries == 0 ? 1 : entries);
+            guard.Enter(); // so that it is inside its wait
+            waiter.GetThread().Cancel();
+            guard.Leave();
+            EXPECT_EQ(waiter.GetThread().WaitFor(), -1);
+            EXPECT_TRUE(OthersMayEnter(guard));
+            guard.Enter();
+            EXPECT_FALSE(OthersMayEnter(guard));
+            guard.Leave();
+            EXPECT_TRUE(OthersMayEnter(guard));
+        }
+}
+
+TEST(Condition, EndlessTimedWaitIsTheOtherWait) {
+    struct TDerived : TCondition {
+        using TCondition::Wait;
+        void Wait(Interface::TProtectionGuard&) override { ++Waits; }
+        int Waits = 0;
+    } condition;
+    TMutex guard(false);
+    Interface::TCondition<Interface::TProtectionGuard>& interface = condition;
+    EXPECT_TRUE(interface.Wait(guard, EndlessTimeInterval));
+    EXPECT_EQ(condition.Waits, 1);
+}
+
+TEST(Condition, BroadcastWakesAll) {
+    TMutex guard(false);
+    TCondition condition;
+    std::vector<std::unique_ptr<TWaiter>> waiters;
+    for (int i = 0; i != 5; ++i)
+        waiters.push_back(std::make_unique<TWaiter>(condition, guard, 10.0));
+    guard.Enter();
+    for (const auto& waiter : waiters)
+        waiter->Tell();
+    condition.Broadcast();
+    guard.Leave();
+    for (const auto& waiter : waiters)
+        EXPECT_EQ(waiter->GetThread().WaitFor(), 0);
+}
+
+TEST(Condition, OperationsKeepTheirPlaces) {
+    using TInterface = Interface::TCondition<Interface::TProtectionGuard>;
+    EXPECT_EQ(Slot<void (TInterface::*)(Interface::TProtectionGuard&)>(&TInterface::Wait), 0);
+    EXPECT_EQ(Slot<bool (TInterface::*)(Interface::TProtectionGuard&, const double&)>(&TInterface::Wait), 1);
+    EXPECT_EQ(Slot(&TInterface::Signal), 2);
+    EXPECT_EQ(Slot(&TInterface::Broadcast), 3);
+}
+
+} // namespace
