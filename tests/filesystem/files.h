@@ -3,12 +3,16 @@
 
 #include <kest/foundation/exception.h>
 
+#include <support/descriptors.h>
+#include <support/failing_new.h>
 #include <support/helper_thread.h>
+#include <support/message.h>
 #include <support/temporary_directory.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +31,22 @@
 #include <unistd.h>
 
 namespace Kest::Test {
+
+/// The message of a failure that ends with the system's description.
+inline std::string Described(const std::string& what, int code) {
+    return "Kest: " + what + std::strerror(code);
+}
+
+/// The message of the library's exception that @p action throws, or "" when it throws nothing.
+template <class TAction>
+std::string OutcomeOf(const TAction& action) {
+    try {
+        action();
+    } catch (const EException& exception) {
+        return exception.GetMessage();
+    }
+    return {};
+}
 
 inline void Ensure(bool condition, const std::string& what) {
     if (!condition)
@@ -54,6 +74,15 @@ inline struct stat StatusOf(const std::string& path) {
     struct stat status {};
     Ensure(::stat(path.c_str(), &status) == 0, "the status of " + path);
     return status;
+}
+
+inline void SetTimes(const std::string& path, timespec access, timespec modification) {
+    const timespec times[] = {access, modification};
+    Ensure(::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "the times of " + path);
+}
+
+inline void SetMode(const std::string& path, mode_t mode) {
+    Ensure(::chmod(path.c_str(), mode) == 0, "the mode of " + path);
 }
 
 /// What a directory holds, one text an entry and sorted: "d/" a directory, "f=content" a file, "l->target" a symbolic link, "p|" a named
@@ -92,54 +121,41 @@ inline TTree TreeOf(const std::string& directory) {
     return tree;
 }
 
-/// The message of the library's exception that @p action throws, or "" when it throws nothing.
-template <class TAction>
-std::string OutcomeOf(const TAction& action) {
-    try {
-        action();
-    } catch (const EException& exception) {
-        return exception.GetMessage();
-    }
-    return {};
-}
-
 /// While the object lives, the calling thread meets files as a user without privileges.
 class TWithoutPrivilege {
 public:
-    TWithoutPrivilege() : Previous(static_cast<uid_t>(::setfsuid(Nobody))) {}
+    TWithoutPrivilege() : Previous(static_cast<uid_t>(::setfsuid(65534))) {}
     TWithoutPrivilege(const TWithoutPrivilege&) = delete;
     TWithoutPrivilege& operator=(const TWithoutPrivilege&) = delete;
     ~TWithoutPrivilege() { (void)::setfsuid(Previous); }
-
-    static constexpr uid_t Nobody = 65534;
 
 private:
     const uid_t Previous;
 };
 
-/// Tests that need more than one file system. What InMounts() is given runs on a thread that sees, in Directory:
-/// "near", which holds 1 MiB and more; "far", another file system of 64 KiB; "again" and "fixed", which are "near" by another road, the
-/// latter read-only. Nobody else sees them, and they go with the thread.
+/// Tests that need more than one file system, and privileges to give up. What InMounts() is given runs on a thread that sees, in
+/// Directory: "near", of some MiB; "far", another file system of 64 KiB; "again" and "fixed", which are "near" by another road, the latter
+/// read-only. Nobody else sees them, and they go with the thread.
 class WithMounts : public testing::Test {
 protected:
     static constexpr std::size_t FarSize = 65536;
 
     void SetUp() override {
-        if (!OnAnotherThread([] { return IsAlone(); }))
-            GTEST_SKIP() << "this user may not mount file systems here: " << std::strerror(errno);
+        if (!OnAnotherThread(IsAlone))
+            GTEST_SKIP() << "this user may not mount file systems here";
+        SetMode(Directory.GetPath(), 0755);
     }
 
-    void InMounts(const std::function<void()>& body) {
+    void InMounts(const std::function<void()>& body) const {
         OnAnotherThread([&] {
             Ensure(IsAlone(), "mounts of its own");
             for (const char* name : {"near", "far", "again", "fixed"})
                 std::filesystem::create_directory(Directory / name);
-            const std::string near = Directory / "near";
-            Ensure(::mount("none", near.c_str(), "tmpfs", 0, "size=4m,mode=777") == 0, near);
-            Ensure(::mount("none", (Directory / "far").c_str(), "tmpfs", 0, "size=64k,mode=777") == 0, "far");
-            Ensure(::mount(near.c_str(), (Directory / "again").c_str(), nullptr, MS_BIND, nullptr) == 0, "again");
-            Ensure(::mount(near.c_str(), (Directory / "fixed").c_str(), nullptr, MS_BIND, nullptr) == 0, "fixed");
-            Ensure(::mount(nullptr, (Directory / "fixed").c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0, "fixed");
+            Mount("none", "near", "tmpfs", 0, "size=4m,mode=777");
+            Mount("none", "far", "tmpfs", 0, "size=64k,mode=777");
+            Mount(Directory / "near", "again", nullptr, MS_BIND, nullptr);
+            Mount(Directory / "near", "fixed", nullptr, MS_BIND, nullptr);
+            Mount("none", "fixed", nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
             body();
         });
     }
@@ -157,6 +173,10 @@ protected:
 
 private:
     static bool IsAlone() { return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0; }
+
+    void Mount(const std::string& source, const std::string& name, const char* type, unsigned long flags, const char* options) const {
+        Ensure(::mount(source.c_str(), (Directory / name).c_str(), type, flags, options) == 0, name);
+    }
 };
 
 } // namespace Kest::Test

@@ -108,12 +108,9 @@ TEST(Process, ApplicationFileNameComesFromTheShellOrTheFirstArgument) {
 }
 
 TEST(Process, StandardStreamModeChangesNothing) {
-    for (const TStandardStream stream : {TStandardStream::Input, TStandardStream::Output, TStandardStream::Error})
-        for (const TStandardStreamMode mode : {TStandardStreamMode::Text, TStandardStreamMode::Binary}) {
-            const int before = ::fcntl(static_cast<int>(stream), F_GETFL);
-            SetStandardStreamMode(stream, mode);
-            EXPECT_EQ(::fcntl(static_cast<int>(stream), F_GETFL), before);
-        }
+    const int before = ::fcntl(1, F_GETFL);
+    SetStandardStreamMode(TStandardStream::Output, TStandardStreamMode::Binary);
+    EXPECT_EQ(::fcntl(1, F_GETFL), before);
 }
 
 } // namespace

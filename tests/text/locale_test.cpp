@@ -44,7 +44,6 @@ TEST(Locale, EveryEnvironmentGivesTheDefaults) {
         bool IsLcAllRead;
     } cases[] = {
         {"de_DE.UTF-8", "fr_FR.UTF-8", false},
-        {"de_DE.UTF-8", nullptr, false},
         {"", "fr_FR.ISO-8859-1", true},
         {nullptr, "fr_FR.ISO-8859-1@euro", true},
         {nullptr, nullptr, true},
@@ -53,24 +52,21 @@ TEST(Locale, EveryEnvironmentGivesTheDefaults) {
         {".", nullptr, false},
         {"de_DE.", nullptr, false},
         {".UTF-8", nullptr, false},
-        {"de.UTF-8", nullptr, false},
         {"de_DE_x.a.b", nullptr, false},
         {"_.x", nullptr, false},
         {"\xFF_\xFE.\xFD", nullptr, false},
     };
-    for (const auto& each : cases) {
+    for (const auto& each : cases)
         InChild([&each] {
             SetVariable("LANG", each.Lang);
             SetVariable("LC_ALL", each.LcAll);
             Questions[0] = Questions[1] = 0;
             const _TSystemLocaleDetector detector;
             EXPECT_EQ(detector.Encoding, "UTF-8");
-            EXPECT_EQ(detector.Language, "");
-            EXPECT_EQ(detector.Country, "");
+            EXPECT_EQ(detector.Language + detector.Country, "");
             EXPECT_EQ(Questions[0], 1);
             EXPECT_EQ(Questions[1], each.IsLcAllRead ? 1 : 0);
         });
-    }
 }
 
 TEST(Locale, IsDetectedOnceAtTheFirstQuery) {
@@ -81,18 +77,14 @@ TEST(Locale, IsDetectedOnceAtTheFirstQuery) {
         std::atomic<int> arrived{0};
         std::vector<std::thread> threads;
         for (int index = 0; index < 16; ++index)
-            threads.emplace_back([&arrived, index] {
+            threads.emplace_back([&arrived] {
                 ++arrived;
                 while (arrived < 16) // so that all of them ask first
                     std::this_thread::yield();
-                EXPECT_EQ(index % 3 == 0   ? GetSystemEncoding()
-                          : index % 3 == 1 ? GetDefaultLanguage()
-                                           : GetDefaultCountry(),
-                          index % 3 == 0 ? "UTF-8" : "");
+                EXPECT_EQ(GetDefaultLanguage() + GetSystemEncoding() + GetDefaultCountry(), "UTF-8");
             });
         for (std::thread& thread : threads)
             thread.join();
-        EXPECT_EQ(Questions[0], 1);
         SetVariable("LANG", "");
         EXPECT_EQ(GetSystemEncoding(), "UTF-8");
         EXPECT_EQ(Questions[0], 1);
@@ -101,9 +93,6 @@ TEST(Locale, IsDetectedOnceAtTheFirstQuery) {
 }
 
 TEST(Locale, UpperCaseChangesTheLettersOfASCIIOnly) {
-    std::string text = "en_us.utf-8";
-    _TSystemLocaleDetector::UpperCase(text);
-    EXPECT_EQ(text, "EN_US.UTF-8");
     std::string bytes, expected;
     for (int byte = 0; byte < 256; ++byte) {
         bytes += static_cast<char>(byte);
@@ -114,14 +103,10 @@ TEST(Locale, UpperCaseChangesTheLettersOfASCIIOnly) {
 }
 
 TEST(Locale, NamedEncodingsAreNotAvailable) {
-    for (const std::string encoding : {"", "UTF-8", "ISO-8859-1"})
-        for (const std::string text : {"", "a"}) {
-            EXPECT_KEST_THROW(UTF8ToEncoding(encoding, text), EException, "Kest: UTF8ToEncoding not implemented");
-            EXPECT_KEST_THROW(EncodingToUTF8(encoding, text), EException, "Kest: EncodingToUTF8 not implemented");
-        }
-}
-
-TEST(Locale, PlaceOfTheDetectorIsOneByte) {
+    for (const char* text : {"", "UTF-8", "a"}) {
+        EXPECT_KEST_THROW(UTF8ToEncoding(text, text), EException, "Kest: UTF8ToEncoding not implemented");
+        EXPECT_KEST_THROW(EncodingToUTF8(text, text), EException, "Kest: EncodingToUTF8 not implemented");
+    }
     EXPECT_EQ(sizeof _SystemLocaleDetector, 1U);
 }
 
