@@ -3,12 +3,11 @@
 #include "support/failing_new.h"
 #include "support/helper_thread.h"
 #include "support/slot.h"
+#include "support/stream_model.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cstdlib>
 #include <deque>
 #include <limits>
 #include <memory>
@@ -22,14 +21,12 @@
 #include <unistd.h>
 
 using namespace Kest::Test;
-using Kest::_Gadgets::TStream;
 
 namespace {
 
 static_assert(!std::is_convertible_v<TStream*, std::streambuf*> && std::is_convertible_v<TStream*, std::iostream*>);
 static_assert(!std::is_copy_constructible_v<TStream> && std::has_virtual_destructor_v<TStream>);
 
-constexpr int EndOfFile = -1;
 constexpr int Throws = std::numeric_limits<int>::min(); ///< as an answer of a scripted transport
 
 /// What a scripted Read does: deliver bytes, over as many calls as it takes, or return a code.
@@ -74,46 +71,6 @@ private:
     std::deque<int> Writes;
     std::string Log;
 };
-
-/// State and last result in one text, such as "f-2".
-std::string Outcome(const TStream& stream) {
-    const auto bit = [&](std::ios::iostate mask, const char* name) { return (stream.rdstate() & mask) != 0 ? name : ""; };
-    return std::string(bit(std::ios::badbit, "b")) + bit(std::ios::eofbit, "e") + bit(std::ios::failbit, "f") +
-           std::to_string(stream.GetLastResult());
-}
-
-/// An operation is a letter with an argument; it is done through the stream (small letter) or through its buffer (capital letter).
-/// The result is a text.
-std::string Perform(TStream& stream, const std::string& operation) {
-    std::streambuf& buffer = *stream.rdbuf();
-    const std::string argument = operation.substr(1);
-    const auto size = static_cast<std::streamsize>(argument.size());
-    const int number = std::atoi(argument.c_str());
-    std::string text(std::tolower(operation[0]) == 'r' ? static_cast<std::size_t>(number) : 0, ' ');
-    const auto cut = [&](std::streamsize length) { return text.substr(0, static_cast<std::size_t>(length)); };
-    // clang-format off
-    switch (operation[0]) {
-    case 'p': return std::to_string(stream.peek());
-    case 'P': return std::to_string(buffer.sgetc());
-    case 'g': return std::to_string(stream.get());
-    case 'G': return std::to_string(buffer.sbumpc());
-    case 'r': return cut(stream.read(text.data(), number).gcount());
-    case 'R': return cut(buffer.sgetn(text.data(), number));
-    case 'u': stream.unget(); return "";
-    case 'U': return std::to_string(buffer.sungetc());
-    case 'w': size == 1 ? stream.put(argument[0]) : stream.write(argument.data(), size); return "";
-    case 'W': return std::to_string(size == 1 ? buffer.sputc(argument[0]) : buffer.sputn(argument.data(), size));
-    case 'f': stream.flush(); return "";
-    case 'F': return std::to_string(buffer.pubsync());
-    case 'c': stream.clear(); return "";
-    case 'a': stream.allocate(number); return "";
-    case 'd': stream.DestroyBuffer(); return "";
-    case 'i': return std::to_string(stream.doallocate());
-    case 'o': return Outcome(stream);
-    }
-    // clang-format on
-    throw std::logic_error(operation);
-}
 
 /// Performs the operations, which are separated by spaces; so are the results.
 std::string PerformAll(TStream& stream, const std::string& operations) {
@@ -292,179 +249,25 @@ TEST(Stream, OperationsReachEachOtherThroughTheTable) {
 
 // A random walk beside a model.
 
-/// Answers at random, alike for one seed, and delivers bytes that count up, so that a lost one shows.
-class TRandomTransport final : public TStream::TInterface {
-public:
-    explicit TRandomTransport(unsigned int seed) : Random(seed) {}
-
-    int Read(void* buffer, unsigned int size) override {
-        const int result = Answer("R" + std::to_string(size), size);
-        for (int i = 0; i < result; ++i)
-            static_cast<unsigned char*>(buffer)[i] = NextByte++;
-        return result;
-    }
-
-    int Write(const void* buffer, unsigned int size) override {
-        return Answer("W[" + std::string(static_cast<const char*>(buffer), size) + "]", size);
-    }
-
-    std::string Log;
-
-private:
-    int Answer(const std::string& call, unsigned int size) {
-        const auto kind = Random() % 8;
-        const int result = kind == 0 ? 0 : kind == 1 ? -1 - static_cast<int>(Random() % 3) : 1 + static_cast<int>(Random() % size);
-        Log += call + "=" + std::to_string(result) + " ";
-        return result;
-    }
-
-    std::mt19937 Random;
-    unsigned char NextByte = 0;
-};
-
-/// What a stream does, told with strings.
-struct TModel {
-    TRandomTransport& Transport;
-    unsigned int Size;
-    std::string Input{}, Pending{};
-    std::size_t At = 0; ///< consumed of the input
-    std::ios::iostate State = std::ios::goodbit;
-    int Last = 0;
-
-    bool Note(int result) {
-        Last = std::min(result, 0);
-        if (result < 0)
-            State |= std::ios::failbit;
-        return result > 0;
-    }
-
-    int Next(bool consume) {
-        if (Size != 0 && At == Input.size()) {
-            std::string fresh(Size, ' ');
-            const int result = Transport.Read(fresh.data(), Size);
-            if (!Note(result))
-                return EndOfFile;
-            if (Size == 1)
-                return static_cast<unsigned char>(fresh[0]);
-            Input = fresh.substr(0, static_cast<std::size_t>(result));
-            At = 0;
-        }
-        return Size == 0 ? EndOfFile : static_cast<unsigned char>(Input[consume ? At++ : At]);
-    }
-
-    bool Offer(std::string& text) {
-        if (text.empty())
-            return true;
-        const int result = Transport.Write(text.data(), static_cast<unsigned int>(text.size()));
-        text.erase(0, static_cast<std::size_t>(std::max(result, 0)));
-        return Note(result);
-    }
-
-    bool Put(char character) {
-        std::string alone(1, character);
-        if (Size < 2)
-            return Size == 1 && Offer(alone);
-        if (Pending.size() == Size && !Offer(Pending))
-            return false;
-        Pending += character;
-        return true;
-    }
-
-    void Sync() {
-        (void)Offer(Pending);
-        Input.clear();
-        At = 0;
-    }
-
-    void Allocate(unsigned int size) {
-        Sync();
-        Pending.clear();
-        Size = size;
-        State = std::ios::goodbit;
-    }
-};
-
-std::string Perform(TModel& model, const std::string& operation) {
-    const std::string argument = operation.substr(1);
-    const auto number = static_cast<unsigned int>(std::atoi(argument.c_str()));
-    const bool onStream = std::islower(operation[0]) != 0; // whose operations set bits of their own
-    const auto fail = [&](std::ios::iostate bits) { model.State |= onStream ? bits : std::ios::goodbit; };
-    std::string text;
-    std::size_t written = 0;
-    int next = 0;
-    switch (std::tolower(operation[0])) {
-    case 'p':
-    case 'g':
-        next = model.Next(std::tolower(operation[0]) == 'g');
-        if (next < 0)
-            fail(std::tolower(operation[0]) == 'g' ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit);
-        return std::to_string(next);
-    case 'r':
-        while (text.size() != number && (next = model.Next(true)) >= 0)
-            text += static_cast<char>(next);
-        if (text.size() != number)
-            fail(std::ios::eofbit | std::ios::failbit);
-        return text;
-    case 'u':
-        return std::to_string(model.At == 0 ? EndOfFile : static_cast<unsigned char>(model.Input[--model.At]));
-    case 'w':
-        while (written != argument.size() && model.Put(argument[written]))
-            ++written;
-        if (written != argument.size())
-            fail(std::ios::badbit);
-        if (argument.size() == 1)
-            return onStream ? "" : std::to_string(written == 0 ? EndOfFile : argument[0]);
-        return onStream ? "" : std::to_string(written);
-    case 'f':
-        model.Sync();
-        return onStream ? "" : "0";
-    case 'a':
-        model.Allocate(std::max(number, 1u));
-        return "";
-    case 'd':
-        model.Allocate(0);
-        return "";
-    case 'i':
-        next = model.Size == 0 ? 1 : 0;
-        if (next != 0)
-            model.Allocate(1);
-        return std::to_string(next);
-    default:
-        model.State = std::ios::goodbit;
-        return "";
-    }
-}
-
 TEST(Stream, BehavesLikeTheModel) {
     for (unsigned int seed = 1; seed <= 60; ++seed) {
         std::mt19937 random(seed);
-        TRandomTransport transport(seed), expected(seed);
-        TModel model{expected, std::max(seed % 10, 1u)};
-        {
-            TStream stream(transport, seed % 10);
-            for (int step = 0; step != 2000; ++step) {
-                std::string operation(1, "PGRUWFWRcadi"[random() % (random() % 4 == 0 ? 12 : 9)]); // new buffers are rare
-                if (operation[0] == 'U' && model.Input.empty())
-                    operation = "c"; // what would come back is whatever the buffer holds
-                if (operation[0] == 'W')
-                    for (auto length = random() % 12; length != 0; --length)
-                        operation += static_cast<char>('a' + random() % 26);
-                else
-                    operation += std::to_string(random() % 10);
-                if (operation[0] != 'U' && random() % 2 == 0 && stream.good())
-                    operation[0] = static_cast<char>(std::tolower(operation[0]));
-                SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step) + ": " + operation);
-                const std::string result = Perform(stream, operation);
-                ASSERT_EQ(result, Perform(model, operation));
-                ASSERT_EQ(transport.Log, expected.Log);
-                ASSERT_EQ(stream.rdstate(), model.State);
-                ASSERT_EQ(stream.GetLastResult(), model.Last);
-                transport.Log.clear();
-                expected.Log.clear();
-            }
+        const auto below = [&](unsigned int limit) { return static_cast<unsigned int>(random() % limit); };
+        TStreamWalk walk(seed % 10, [answers = std::mt19937(seed)]() mutable { return static_cast<unsigned int>(answers()); });
+        for (int step = 0; step != 2000; ++step) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
+            const unsigned int kinds = TStreamWalk::OperationCount;
+            std::string operation(1, TStreamWalk::Operations[below(below(4) == 0 ? kinds : kinds - 3)]); // new buffers are rare
+            if (operation[0] == 'W')
+                for (auto length = below(12); length != 0; --length)
+                    operation += static_cast<char>('a' + below(26));
+            else
+                operation += std::to_string(below(10));
+            const auto [actual, expected] = walk.Step(operation, below(2) == 0);
+            ASSERT_EQ(actual, expected);
         }
-        model.Sync();
-        ASSERT_EQ(transport.Log, expected.Log) << "in the destructor, seed " << seed;
+        const auto [actual, expected] = walk.End();
+        ASSERT_EQ(actual, expected) << "in the destructor, seed " << seed;
     }
 }
 
