@@ -47,7 +47,7 @@ TDirectory::TEntry TDirectory::Read() {
         if (Undelivered == nullptr) {
             if (errno != 0)
                 _ThrowLastError("directory reading failed: ");
-            throw EEnd("end of directory");
+            _Throw<EEnd>("end of directory");
         }
     }
     TEntry entry(SystemToUTF8(Undelivered->d_name));

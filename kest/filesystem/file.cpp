@@ -166,7 +166,7 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
         }
     }
     if (!isComplete)
-        throw EException(_JoinMessage({"file copy error: from ", from, " to ", to}));
+        _Throw("file copy error: from ", from, " to ", to);
     TState(to).SetLastModificationTime(source.GetLastModificationTime());
 }
 
@@ -190,8 +190,7 @@ void _RenameHelper(const std::string& from, const std::string& to) {
         TFile::Remove(from);
         destination.IsFinished = true;
     } catch (const EException&) {
-        throw EException(
-            _JoinMessage({"cross device link: tryed to copy and remove: ", destination.IsCopied ? "remove" : "copy", " failed"}));
+        _Throw("cross device link: tryed to copy and remove: ", destination.IsCopied ? "remove" : "copy", " failed");
     }
 }
 
@@ -216,7 +215,7 @@ std::string GetFullPathName(const std::string& path) {
     const std::string systemPath = UTF8ToSystem(path);
     char result[4096] = {}; // PATH_MAX, the most that realpath writes
     if (::realpath(systemPath.c_str(), result) == nullptr)
-        throw EException("realpath() failed");
+        _Throw("realpath() failed");
     return SystemToUTF8(result);
 }
 

@@ -19,6 +19,13 @@ inline std::string _JoinMessage(std::initializer_list<std::string_view> pieces) 
     return text;
 }
 
+/// Throws a TException of the joined pieces. A text at a throw site needs memory of its own; here running out of it ends the process as
+/// everywhere in a message's composition, instead of putting another exception in the place of this one.
+template <class TException = EException, class... TPieces>
+[[noreturn]] void _Throw(const TPieces&... pieces) {
+    throw TException(_JoinMessage({std::string_view(pieces)...}));
+}
+
 /// Throws an EException of the joined pieces followed by the description of errno. Call it right after the failed call: errno is
 /// read before anything is joined. The pieces must not be temporaries made after the failed call, they could change errno.
 template <class... TPieces>

@@ -1,5 +1,6 @@
 #include <kest/net/address.h>
 
+#include <kest/foundation/failure.h>
 #include <kest/net/lookup.h>
 #include <kest/text/system_text.h>
 #include <kest/threads/guard.h>
@@ -45,7 +46,7 @@ TFamilyTable MakeFamilyTable() {
 int FamilyIn(const TFamilyTable& table, const std::string& name) {
     const auto found = table.find(name);
     if (found == table.end())
-        throw EUnsupportedDomain(name);
+        _Throw<EUnsupportedDomain>(name);
     return found->second;
 }
 
@@ -67,7 +68,7 @@ in_addr ResolveHost(const std::string& host, const std::string& address) {
             return result;
         }
     }
-    throw EBadAddress("host not resolved: " + address);
+    _Throw<EBadAddress>("host not resolved: ", address);
 }
 
 in_addr ParseHost(const std::string& host) {
@@ -119,7 +120,7 @@ TSocket::TAddress::TAddress(const std::string& domain, const std::string& addres
     else if (Domain == AF_INET)
         SetHostAndPort(domain, address, resolve);
     else
-        throw EUnsupportedDomain("address error");
+        _Throw<EUnsupportedDomain>("address error");
 }
 
 TSocket::TAddress::TAddress(const TAddress& other)
@@ -160,10 +161,10 @@ void TSocket::TAddress::SetPath(const std::string& path) {
 
 void TSocket::TAddress::SetHostAndPort(const std::string& domain, const std::string& address, bool resolve) {
     if (address.size() > LongestInetText)
-        throw EBadAddress("inet address too long");
+        _Throw<EBadAddress>("inet address too long");
     const std::size_t colon = address.find(':');
     if (colon == std::string::npos || colon + 1 == address.size())
-        throw EBadAddress("bad 'address:port' inet format: Domain: '" + domain + "': " + address);
+        _Throw<EBadAddress>("bad 'address:port' inet format: Domain: '", domain, "': ", address);
     const std::string host = address.substr(0, colon);
     const long port = std::strtol(address.c_str() + colon + 1, nullptr, 10);
 
@@ -182,7 +183,7 @@ std::string TSocket::TAddress::Get(bool resolve) const {
         return GetPath();
     if (Domain == AF_INET)
         return GetHostAndPort(resolve);
-    throw EUnsupportedDomain("address error");
+    _Throw<EUnsupportedDomain>("address error");
 }
 
 /// A peer without a name has no bytes beyond the family, and one with the longest path no zero byte at its end.

@@ -1,6 +1,7 @@
 #include <kest/net/socket.h>
 
 #include <kest/foundation/cancellation.h>
+#include <kest/foundation/failure.h>
 #include <kest/foundation/time.h>
 #include <kest/net/lookup.h>
 #include <kest/threads/guard.h>
@@ -35,7 +36,7 @@ TSocket::TSocket(const TProtocolInfo& info)
     const int protocol = ProtocolNumber(info.Protocol);
     Descriptor = ::socket(Domain, MapType(info.Type), protocol);
     if (Descriptor == -1)
-        throw EException("socket creation error");
+        _Throw("socket creation error");
 }
 
 TSocket::TSocket(int descriptor, int domain)
@@ -60,7 +61,7 @@ TSocket::~TSocket() noexcept(false) {
     (void)::shutdown(Descriptor, SHUT_RDWR);
     // Not repeated when it fails: the number may already be another thread's.
     if (::close(Descriptor) != 0 && std::uncaught_exceptions() == 0)
-        throw EException("socket closing failed");
+        _Throw("socket closing failed");
 }
 
 int TSocket::MapType(TType type) {
@@ -75,14 +76,14 @@ int TSocket::MapType(TType type) {
 void TSocket::SetBlocking(bool blocking) {
     const int flags = ::fcntl(Descriptor, F_GETFL, 0);
     if (flags == -1 || ::fcntl(Descriptor, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) == -1)
-        throw EException("socket blocking setup failure");
+        _Throw("socket blocking setup failure");
     Blocking = blocking;
 }
 
 void TSocket::SetFlag(int option, bool on, const char* failure) {
     const int value = on ? 1 : 0;
     if (::setsockopt(Descriptor, SOL_SOCKET, option, &value, sizeof value) == -1)
-        throw EException(failure);
+        _Throw(failure);
 }
 
 void TSocket::SetBroadcast(bool on) {
@@ -107,9 +108,9 @@ unsigned TSocket::SetBufferSize(int option, unsigned size) {
     unsigned before = 0;
     socklen_t length = sizeof before;
     if (::getsockopt(Descriptor, SOL_SOCKET, option, &before, &length) != 0)
-        throw EException("getsockopt failed");
+        _Throw("getsockopt failed");
     if (::setsockopt(Descriptor, SOL_SOCKET, option, &size, sizeof size) != 0)
-        throw EException("setsockopt failed");
+        _Throw("setsockopt failed");
     return before;
 }
 

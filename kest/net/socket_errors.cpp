@@ -1,5 +1,6 @@
 #include <kest/net/socket_errors.h>
 
+#include <kest/foundation/failure.h>
 #include <kest/net/socket.h>
 
 #include <cerrno>
@@ -13,7 +14,7 @@ int TSocket::CheckResult(int result) const {
         return result;
     switch (errno) {
     case EINTR:
-        throw EShutdown("interrupted system call");
+        _Throw<EShutdown>("interrupted system call");
     case EAGAIN: // EWOULDBLOCK too
     case EINPROGRESS:
         throw EWouldBlock();
@@ -22,8 +23,8 @@ int TSocket::CheckResult(int result) const {
         throw ENotConnected();
     case EPIPE:
         if (SendShutdown)
-            throw EShutdown("when send");
-        throw EIOError("broken pipe");
+            _Throw<EShutdown>("when send");
+        _Throw<EIOError>("broken pipe");
     case ENETRESET:
     case ECONNRESET:
         throw EReset();
@@ -32,13 +33,13 @@ int TSocket::CheckResult(int result) const {
     case ETIMEDOUT:
         throw ETimeout();
     default:
-        throw EException(_GetLastErrorDescription());
+        _ThrowLastError();
     }
 }
 
 int TSocket::CheckIOResult(int result) const {
     if (result == 0)
-        throw EShutdown("when receive");
+        _Throw<EShutdown>("when receive");
     return CheckResult(result);
 }
 

@@ -60,13 +60,13 @@ void PauseForQueue() {
 void TSocket::Bind(const Interface::TSocket<TSocket>::TAddress& address) {
     const auto& own = dynamic_cast<const TAddress&>(address);
     if (::bind(Descriptor, AsSystemAddress(own.Data), own.Length) != 0)
-        throw EException("socket bind failed: " + own.Get(true));
+        _Throw("socket bind failed: ", own.Get(true));
 }
 
 void TSocket::Listen(unsigned backlog) {
     constexpr unsigned usualBacklog = 128;
     if (::listen(Descriptor, static_cast<int>(backlog == 0 ? usualBacklog : backlog)) != 0)
-        throw EException("socket listen failed");
+        _Throw("socket listen failed");
 }
 
 TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
@@ -207,7 +207,7 @@ void TSocket::ValidateReceive() {
 
 void TSocket::Shutdown(bool read, bool write) {
     if (!read && !write)
-        throw EException("nonsense shutdown");
+        _Throw("nonsense shutdown");
     const int mode = !write ? SHUT_RD : read ? SHUT_RDWR : SHUT_WR;
     const bool before = std::exchange(SendShutdown, SendShutdown || write);
     try {

@@ -1,7 +1,7 @@
 #include <kest/process/dll.h>
 
 #include <kest/foundation/cancellation.h>
-#include <kest/foundation/exception.h>
+#include <kest/foundation/failure.h>
 #include <kest/text/system_text.h>
 
 #include <dlfcn.h>
@@ -25,7 +25,7 @@ void* Load(const std::string& name) {
         handle = ::dlopen(systemName.c_str(), RTLD_LAZY);
     }
     if (handle == nullptr)
-        throw EException(LoaderText());
+        _Throw(LoaderText());
     return handle;
 }
 

@@ -38,7 +38,7 @@ void SetStandardStreamMode(TStandardStream, TStandardStreamMode) {}
 
 void SetProcessPriority(int priority) {
     if (priority < LowestPriority || priority > HighestPriority)
-        throw EException("bad priority value");
+        _Throw("bad priority value");
     if (::setpriority(PRIO_PROCESS, static_cast<id_t>(::getpid()), ProcessPriorityMapper.Forward(priority)) != 0)
         _ThrowLastError();
 }

@@ -1,6 +1,6 @@
 #include <kest/text/locale.h>
 
-#include <kest/foundation/exception.h>
+#include <kest/foundation/failure.h>
 
 #include <cstdlib>
 #include <cxxabi.h>
@@ -47,7 +47,7 @@ _TSystemLocaleDetector::_TSystemLocaleDetector() {
 void _TSystemLocaleDetector::Detect(const std::string& name) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string::npos || dot + 1 == name.size())
-        throw EException("the locale names no encoding");
+        _Throw("the locale names no encoding");
     const std::string place = name.substr(0, dot);
     const std::size_t separator = place.find('_');
     Language = place.substr(0, separator);
@@ -79,11 +79,11 @@ std::string GetSystemEncoding() {
 }
 
 std::string UTF8ToEncoding(const std::string&, const std::string&) {
-    throw EException("UTF8ToEncoding not implemented");
+    _Throw("UTF8ToEncoding not implemented");
 }
 
 std::string EncodingToUTF8(const std::string&, const std::string&) {
-    throw EException("EncodingToUTF8 not implemented");
+    _Throw("EncodingToUTF8 not implemented");
 }
 
 } // namespace Kest::System

@@ -1,7 +1,7 @@
 #include <kest/threads/thread.h>
 
 #include <kest/foundation/cancellation.h>
-#include <kest/foundation/exception.h>
+#include <kest/foundation/failure.h>
 #include <kest/foundation/interval.h>
 #include <kest/foundation/time.h>
 #include <kest/threads/guard.h>
@@ -70,7 +70,7 @@ int TThreadInstance::WaitFor() {
 
 void TThreadInstance::Cancel() {
     if (Handle == 0 || ::pthread_cancel(Handle) != 0)
-        throw EException("thread cancelation failed");
+        _Throw("thread cancelation failed");
 }
 
 unsigned long TThreadInstance::GetId() {
@@ -126,7 +126,7 @@ private:
 TThread::TThread() : StartGate(new _TStartGate) {
     if (::pthread_create(&Handle, nullptr, &TThread::ThreadFunc, this) != 0) {
         delete StartGate;
-        throw EException("thread creation error");
+        _Throw("thread creation error");
     }
 }
 
