@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cxxabi.h>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -55,6 +55,30 @@ void PauseForQueue() {
     (void)::nanosleep(&aMoment, nullptr);
 }
 
+/// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
+/// handler in its way: a handler for it would end the process if the thread were handling an exception of its own at the time.
+class TBlockingAgain {
+public:
+    explicit TBlockingAgain(TSocket& socket) : Socket(socket) {}
+    TBlockingAgain(const TBlockingAgain&) = delete;
+    TBlockingAgain& operator=(const TBlockingAgain&) = delete;
+    ~TBlockingAgain() {
+        try {
+            Switch();
+        } catch (const EException&) { // something worse is under way
+        }
+    }
+
+    void Switch() {
+        if (!std::exchange(IsDone, true))
+            Socket.SetBlocking(true);
+    }
+
+private:
+    TSocket& Socket;
+    bool IsDone = false;
+};
+
 } // namespace
 
 void TSocket::Bind(const Interface::TSocket<TSocket>::TAddress& address) {
@@ -88,19 +112,17 @@ void TSocket::Connect(const Interface::TSocket<TSocket>::TAddress& address) {
         return;
     }
     SetBlocking(false);
+    TBlockingAgain blockingAgain(*this);
     try {
         ConnectWithin(SendTimeout, target);
-    } catch (abi::__forced_unwind&) {
-        try {
-            SetBlocking(true);
-        } catch (const EException&) { // the cancellation goes on
-        }
+    } catch (const EException&) {
+        blockingAgain.Switch();
         throw;
-    } catch (...) {
-        SetBlocking(true);
+    } catch (const std::exception&) {
+        blockingAgain.Switch();
         throw;
     }
-    SetBlocking(true);
+    blockingAgain.Switch();
 }
 
 /// On the socket in non-blocking mode: repeats the call until it answers something else than "would block" or "already in progress".
