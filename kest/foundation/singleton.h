@@ -16,7 +16,9 @@ public:
     /// together; the others wait for it. When the constructor throws, the exception reaches the caller and the next call tries again.
     /// The reference is valid until the process ends or the library that holds the instance is unloaded, where the instance is
     /// destroyed, in reverse order of construction among the other static objects.
-    static T& GetObject() {
+    ///
+    /// Never inlined: a caller that carried a copy of the object's guard would destroy the object when that caller is unloaded.
+    __attribute__((noinline)) static T& GetObject() {
         static T Object;
         return Object;
     }
