@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +93,12 @@ bool LeadsElsewhere(const std::string& from, const std::string& to) {
     if (S_ISDIR(destination.st_mode) || IsSameFile(destination, source) || IsSameFile(destination, target))
         return false;
     return !S_ISREG(destination.st_mode) || destination.st_nlink >= 2;
+}
+
+/// Whether a copy can be expected to read @p from: not a directory, and permitted. Asked before a destination is given up for it.
+bool IsReadable(const std::string& from) {
+    struct stat source {};
+    return ::stat(from.c_str(), &source) == 0 && !S_ISDIR(source.st_mode) && ::faccessat(AT_FDCWD, from.c_str(), R_OK, AT_EACCESS) == 0;
 }
 
 /// Folder and last component of a path in the system's encoding; separators at its end do not count.
@@ -183,6 +190,8 @@ void _RenameHelper(const std::string& from, const std::string& to) {
 
     TUnfinishedDestination destination(from, to);
     try {
+        if (!IsReadable(systemFrom))
+            _Throw("not to be copied");
         if (LeadsElsewhere(systemFrom, systemTo))
             TFile::Remove(to);
         TFile::Copy(from, to, destination.IsOpenedForWriting);
