@@ -26,7 +26,9 @@ public:
         explicit TEntry(std::string name) noexcept;
         ~TEntry() override;
         TEntry(const TEntry&) = default;
+        TEntry(TEntry&&) noexcept = default;
         TEntry& operator=(const TEntry&) = default;
+        TEntry& operator=(TEntry&&) noexcept = default;
 
         /// The bare name in UTF-8, without the directory's path. Valid as long as the entry lives.
         const std::string& GetName() const override;

@@ -20,11 +20,12 @@ public:
     /// and access time are not copied. An empty source is copied like any other.
     /// @throw EException  "getting file state failed: " + the system's description: there is no @p from, and @p to was not touched.
     /// @throw EException  "file copy error: from " + @p from + " to " + @p to: one of them could not be opened, read or written whole (a
-    ///                    full disk among the reasons), and what was written is still there; or both are one file, whatever their names,
-    ///                    and nothing was touched.
+    ///                    full disk among the reasons). The destination is then what was written, without its old content, which is also
+    ///                    so when only the source could not be opened or is a directory. Or both are one file, whatever their names, and
+    ///                    nothing was touched.
     /// @throw EException  "getting file state failed: " or "SetLastModificationTime failed: " + the system's description: the copy is
     ///                    complete, its time is not set.
-    /// May block as long as the files do, and is a cancellation point.
+    /// May block as long as the files do, a pipe already when it is opened, and is a cancellation point.
     static void Copy(const std::string& from, const std::string& to);
 
     /// Renames @p from to @p to; the same as _RenameHelper(), tried again at once up to ten times when it fails with an EException, so
@@ -44,10 +45,11 @@ private:
 /// followed if it is a symbolic link; the link is renamed. Where both are names of one directory entry ("a", "./a") nothing happens and
 /// the attempt succeeds; where they are two hard links of one file, the source entry is removed.
 ///
-/// Over file systems the content is copied as TFile::Copy() does, following links at the source, and the source removed. An old
-/// destination is overwritten; a symbolic link, a pipe, a device or one of several hard links is removed before, so that nothing is written
-/// through it. If the copy or the removal fails, the source is still there and the destination is removed, provided the copy had opened
-/// it for writing: an old destination is lost then. If the source has vanished meanwhile, the complete copy stays.
+/// Over file systems a source that is a directory or cannot be read is an error before anything is touched. Otherwise the content is copied
+/// as TFile::Copy() does, following links at the source, and the source removed. An old destination is overwritten; a symbolic link, a
+/// pipe, a device or one of several hard links is removed before, so that nothing is written through it. If the copy or the removal fails,
+/// the source is still there and the destination is removed, provided the copy had opened it for writing: an old destination is lost then.
+/// If the source has vanished meanwhile, the complete copy stays.
 ///
 /// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description.
 /// @throw EException  "cross device link: tryed to copy and remove: copy failed" or the same with "remove failed" at its end.

@@ -20,6 +20,10 @@ namespace Kest::_Gadgets {
 /// The transport is borrowed and must outlive the stream. Streams are not copied. A stream and its transport belong to one thread at
 /// a time. Transport calls block as long as the transport does and are cancellation points if it is.
 ///
+/// A thread that is cancelled inside a stream operation while it is handling an exception ends the process: the standard library's own
+/// stream operations catch a cancellation and pass it on, which its runtime cannot do inside a handler. Read and write outside handlers,
+/// or with cancellation off, where a thread may be cancelled.
+///
 /// No positioning, and no putting back beyond what the input buffer still holds.
 class KEST_EXPORT TStream : private std::basic_streambuf<char>, public std::basic_iostream<char> {
 public:
@@ -83,8 +87,8 @@ public:
     /// a failure shows in the state and in GetLastResult(). std::flush, std::endl and flush() come here.
     ///
     /// While std::unitbuf is set the standard library flushes from a destructor, where an exception or a cancellation would end the
-    /// process. Then no state exception leaves this call (the next operation reports the state), an exception of the transport becomes
-    /// badbit, and a cancellation waits until the call is over.
+    /// process. Then no state exception leaves this call, an exception of the transport becomes badbit, and a cancellation waits until the
+    /// call is over. The standard library skips output on a failed stream silently: test the state.
     int sync() override;
 
     // Both bases have these names; a stream's caller means the stream's.

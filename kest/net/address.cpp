@@ -61,7 +61,7 @@ in_addr ResolveHost(const std::string& host, const std::string& address) {
     if (!HasZeroByte(host)) {
         char work[1024]; // no second try with a larger one: a name with more addresses than fit counts as not resolved
         int error = 0;
-        LookUp([&] { return ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work, sizeof work, &found, &error); });
+        _LookUp([&] { return ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work, sizeof work, &found, &error); });
         if (found != nullptr && found->h_addr_list[0] != nullptr) {
             in_addr result{};
             std::memcpy(&result, found->h_addr_list[0], std::min(sizeof result, static_cast<std::size_t>(found->h_length)));
@@ -205,7 +205,7 @@ const char* ip2name(in_addr address) {
     const in_addr_t number = ::inet_addr(::inet_ntoa(address));
     if (number == INADDR_NONE)
         return nullptr;
-    const hostent* entry = LookUp([&] { return ::gethostbyaddr(&number, sizeof number, AF_INET); });
+    const hostent* entry = _LookUp([&] { return ::gethostbyaddr(&number, sizeof number, AF_INET); });
     if (entry == nullptr || entry->h_addr_list[0] == nullptr)
         return nullptr;
     return entry->h_name;

@@ -9,7 +9,7 @@ namespace Kest::System {
 /// Makes one look-up undivided and returns its result. The C library's look-ups keep a lock of their own when a cancellation cuts them
 /// off, and the next one would wait for it for ever; so a cancellation waits for the answer and is acted on right after it.
 template <class TCall>
-auto LookUp(const TCall& call) {
+auto _LookUp(const TCall& call) {
     auto result = [&] {
         const _TCancellationOff off;
         return call();

@@ -22,7 +22,7 @@ namespace {
 
 int ProtocolNumber(const std::string& name) {
     const _TScopedEntry entry(_Gadgets::TSingleton<TSocket::TMutex>::GetObject());
-    const protoent* protocol = LookUp([&] { return ::getprotobyname(name.c_str()); });
+    const protoent* protocol = _LookUp([&] { return ::getprotobyname(name.c_str()); });
     if (protocol == nullptr)
         throw EUnsupportedProtocol();
     return protocol->p_proto;

@@ -21,7 +21,7 @@ namespace Kest::System {
 ///
 /// | errno                        | class                                                                              |
 /// |------------------------------|------------------------------------------------------------------------------------|
-/// | EINTR                        | EShutdown "interrupted system call": a signal ends a call, nothing is retried      |
+/// | EINTR                        | EShutdown "interrupted system call"                                                |
 /// | EAGAIN, EINPROGRESS          | EWouldBlock                                                                        |
 /// | EINVAL, ENOTCONN             | ENotConnected                                                                      |
 /// | EPIPE                        | EShutdown "when send" after Shutdown() of the sending side, else EIOError          |
@@ -31,7 +31,9 @@ namespace Kest::System {
 /// | ETIMEDOUT                    | ETimeout                                                                           |
 /// | any other                    | EException, the system's description alone                                         |
 ///
-/// and leaves the socket usable. No operation raises SIGPIPE.
+/// and leaves the socket usable. No operation raises SIGPIPE. The library retries nothing that a signal ended. A wait for readiness, and so
+/// everything that has a limit, is always ended by a handled signal; the other calls are ended unless its handler was installed with
+/// SA_RESTART, with which the system goes on with them by itself.
 ///
 /// Ownership. A socket made by Accept() is marked for hand-over: its first copy takes the descriptor itself, and the socket copied from
 /// stays usable but no longer closes it. `TSocket s = server.Accept(a)` is that socket, so its own first copy takes the descriptor away
@@ -40,8 +42,9 @@ namespace Kest::System {
 /// grows cuts its connections; keep sockets in objects that stay where they are, for instance behind a unique_ptr.
 /// Descriptors are inherited over exec, as the system's own calls leave them; GetDescriptor() lets a caller change that.
 ///
-/// An object is used by one thread at a time, waits included. Bind to Shutdown, the waits and the destructor make system calls that may
-/// block; those that do are cancellation points, and a cancelled operation leaves the object as it was.
+/// An object is used by one thread at a time, waits included. Receiving, sending, connecting, accepting and the waits may block and are
+/// cancellation points; a cancelled operation leaves the object as it was. The look-ups of the constructor, and of a failed Bind(), are not
+/// cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
 class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
 public:
     class TAddress; // address.h
@@ -123,20 +126,22 @@ public:
     /// Cancellation point.
     int Send(const void* data, unsigned size) override;
 
-    /// Like Receive(), and @p address becomes the sender's: the system's bytes whole, its domain field untouched. A datagram longer than
-    /// @p size is cut by the system. If the call fails the address is as before.
+    /// Like Receive(), and @p address becomes the sender's: the system's bytes whole, its domain field untouched. The system tells no
+    /// sender of what comes over a TCP connection: the address is then empty. A datagram longer than @p size is cut by the system. When the
+    /// system refuses the call, or nothing arrives within the limit, the address is as before; an empty datagram, which is reported as
+    /// EShutdown "when receive", leaves its sender.
     /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
     /// @throw std::bad_alloc  there is no memory for the address; nothing was received.
     int ReceiveFrom(void* buffer, unsigned size, Interface::TSocket<TSocket>::TAddress& address) override;
 
-    /// Like Send(), to @p address.
+    /// Like Send(), to @p address. Within a limit, a full queue of an "fs" peer is asked again every few milliseconds. Cancellation point.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     int SendTo(const void* data, unsigned size, const Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Gives the socket its own address.
     /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason. That text
     ///                       takes a reverse look-up, which may last seconds.
-    /// @throw EBadAddress    binding failed and no name is registered for the address.
+    /// @throw EBadAddress, EUnsupportedDomain  binding failed and the address has no such text; that of TAddress::Get.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     void Bind(const Interface::TSocket<TSocket>::TAddress& address) override;
 
@@ -166,10 +171,12 @@ public:
     /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.
     /// EndlessTimeInterval waits without limit. A negative limit goes to the system as it is, which refuses it (ENotConnected); one of
     /// less than a microsecond, either way, is a poll; NaN counts as negative; what is too large is cut to the largest value.
-    /// Works for every descriptor the process can hold. Cancellation point.
+    /// Works for every descriptor the process can hold. A number of 1024 or more that is no open descriptor may never become ready.
+    /// Cancellation point.
     bool SelectRead(const double& limit) override;
 
-    /// The same for writing. False also when the socket is writable and has an exceptional condition at the same time.
+    /// The same for writing, also a cancellation point. False also when the socket is writable and has an exceptional condition at the same
+    /// time.
     bool SelectWrite(const double& limit) override;
 
     /// On a blocking socket, waits until it can be read, for at most the receive limit. Does nothing on a non-blocking one.

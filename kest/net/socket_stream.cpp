@@ -1,5 +1,7 @@
 #include <kest/net/socket_stream.h>
 
+#include <kest/foundation/cancellation.h>
+
 #include <cxxabi.h>
 
 namespace Kest::System {
@@ -12,7 +14,7 @@ enum TFailure : int { TimedOut = -1, WasShutDown = -2, OtherFailure = -3 };
 
 /// Makes one call of the socket and turns its exceptions into codes.
 template <class TCall>
-int ResultOf(const TCall& call) {
+KEST_CATCHES_CANCELLATION int ResultOf(const TCall& call) {
     try {
         return call();
     } catch (const ETimeout&) {

@@ -38,7 +38,7 @@ private:
 /// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call. With a send limit a
 /// flush is all or nothing; without one the system may take part of it, and the rest goes out with the next flush. A flush also drops
 /// input that was read ahead: read an answer to its end before the next flush. Reading and writing are cancellation points, the final
-/// flush of the destructor is not.
+/// flush of the destructor is not. They are not for a thread that may be cancelled while it is handling an exception: see the base class.
 ///
 /// A stream and its socket belong to one thread at a time.
 class KEST_EXPORT TSocket::TStream : private _TSocketStreamInterface, public _Gadgets::TStream {

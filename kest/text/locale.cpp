@@ -1,5 +1,6 @@
 #include <kest/text/locale.h>
 
+#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
 
 #include <cstdlib>
@@ -28,7 +29,7 @@ const _TSystemLocaleDetector& Detector() {
 
 _TSystemLocaleDetectorPlace _SystemLocaleDetector;
 
-_TSystemLocaleDetector::_TSystemLocaleDetector() {
+KEST_CATCHES_CANCELLATION _TSystemLocaleDetector::_TSystemLocaleDetector() {
     std::string name = EnvironmentValue("LANG");
     if (name.empty())
         name = EnvironmentValue("LC_ALL");

@@ -8,6 +8,9 @@ namespace Kest::System {
 
 /// A handle to a thread of the process, and operations on the calling thread. A plain value: copies name the same thread, and none of
 /// them owns it. 0 names no thread. One object is used by one thread at a time.
+///
+/// Requires: no operation but GetId() and Equals() on a handle whose thread was waited for through another copy, or ended detached: the
+/// system may have given the handle to another thread.
 class KEST_EXPORT TThreadInstance : public Interface::TThreadInstance<unsigned long, TThreadInstance> {
 public:
     /// Names the thread with the system's handle @p handle, for instance one from GetCurrentHandle().
@@ -24,12 +27,12 @@ public:
 
     /// Waits until the thread has ended and returns its exit value, which is what its body returned and -1 for a cancelled thread.
     /// Returns 0 at once when there is no thread or somebody waited for it through this object before, and 0 when the system refuses
-    /// the wait. A thread is waited for once: afterwards the handle is 0.
+    /// the wait (that of a thread for itself, for instance). A thread is waited for once: afterwards the handle is 0, also when refused.
     /// Cancellation point; a wait that is cancelled puts the handle back, so that the thread can still be waited for.
     int WaitFor() override;
 
     /// Asks the thread to end at its next cancellation point. It unwinds like an exception, destructors run, and it is waited for like
-    /// any other. Does not wait.
+    /// any other. Does not wait. A thread that waits at its start gate ends at the first cancellation point of its body.
     /// @throw EException  "thread cancelation failed": there is no thread, or the system refuses.
     void Cancel() override;
 
