@@ -1,0 +1,62 @@
+#!/bin/bash
+# Runs the fuzz targets, each for SECONDS and from its seeds in fuzz/corpus, and prints a line a target. With "corpus" in place of SECONDS
+# the seeds and a few seconds more. What a target finds new stays out of the checkout. Fails on a finding, whose input is copied to
+# build/findings; a fixed one belongs into fuzz/corpus.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+# Beyond these lengths an input says nothing that a shorter one does not.
+declare -A lengths=([address]=320 [fs_address]=640 [path]=512 [stream]=640 [utf8]=512 [wildcard]=96)
+mapfile -t targets < <(printf '%s\n' "${!lengths[@]}" | sort)
+
+seconds=${1:-}
+[[ $seconds != corpus ]] || seconds=3
+target=${2:-}
+if (($# > 2)) || [[ ! $seconds =~ ^[1-9][0-9]*$ || ($target && ! ${lengths[$target]:-}) ]]; then
+    echo "usage: fuzz.sh SECONDS|corpus [${targets[*]}]" >&2
+    exit 2
+fi
+[[ -z $target ]] || targets=("$target")
+
+"$root/scripts/setup.sh"
+log=$root/build/logs/fuzz.log
+findings=$root/build/findings
+mkdir -p "$(dirname "$log")"
+if ! { cmake --preset fuzz && cmake --build --preset fuzz -j2; } >"$log" 2>&1; then
+    tail -n 100 "$log"
+    exit 1
+fi
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/tmp"
+export TMPDIR=$work/tmp # for the folders of targets, which a finding leaves behind
+export UBSAN_OPTIONS=print_stacktrace=1
+
+statistic() { # NAME FILE
+    sed -n "s/^stat::$1: *//p" "$2" | tail -n 1
+}
+
+failures=0
+for name in "${targets[@]}"; do
+    mkdir -p "$work/$name/corpus" "$work/$name/findings"
+    cp "fuzz/corpus/$name/"* "$work/$name/corpus"
+    output=$work/$name/output
+    result=0
+    "build/fuzz/fuzz/fuzz_$name" "$work/$name/corpus" -max_total_time="$seconds" -max_len="${lengths[$name]}" -timeout=10 \
+        -artifact_prefix="$work/$name/findings/" -print_final_stats=1 >"$output" 2>&1 </dev/null || result=$?
+    crashes=$(find "$work/$name/findings" -type f | wc -l)
+    # A target that fails without an input, or that made no run at all, has not shown anything either.
+    executions=$(statistic number_of_executed_units "$output")
+    ((result == 0 && ${executions:-0} > 0)) || failures=$((failures + 1))
+    printf '%-12s %10d executions  %6d new units  %d crashes\n' \
+        "$name" "${executions:-0}" "$(statistic new_units_added "$output" | grep . || echo 0)" "$crashes"
+    if ((result != 0)); then
+        tail -n 60 "$output"
+        mkdir -p "$findings/$name"
+        ((crashes == 0)) || cp "$work/$name/findings/"* "$findings/$name"
+        echo "fuzz: $name ended with $result; what it found is in $findings/$name"
+    fi
+done
+((failures == 0))
