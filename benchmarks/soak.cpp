@@ -34,9 +34,10 @@ using namespace Kest::Test;
 
 namespace {
 
-constexpr double Limit = 120.0;      ///< in seconds, for what should never take that long
-constexpr int LowDescriptors = 1100; ///< occupied, so that every socket is beyond the 1024 that an fd_set holds
-constexpr int WarmUpRounds = 2;      ///< after which memory has to stay as it is
+constexpr double Limit = 120.0;        ///< in seconds, for what should never take that long
+constexpr int LowDescriptors = 1100;   ///< occupied, so that every socket is beyond the 1024 that an fd_set holds
+constexpr unsigned SendBuffer = 16384; ///< of the system's, in bytes: less than many a frame, so that calls block and send in parts
+constexpr int WarmUpRounds = 2;        ///< after which memory has to stay as it is
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr long MemoryGrowth = 320; ///< in MiB; AddressSanitizer keeps 256 of what was freed, ThreadSanitizer the past of threads
@@ -111,13 +112,13 @@ struct TPlan {
         Frames = 10 + Below(30);
         CutAt = Below(Frames);
         IsUnbuffered = Below(16) == 0;
-        BufferSize = IsUnbuffered ? 1 : 2 + Below(8192);
+        BufferSize = IsUnbuffered ? 1 : 2 + Below(65536);
     }
 
     unsigned Below(std::size_t limit) { return static_cast<unsigned>(Random() % limit); }
 
     std::string NextFrame() {
-        const auto longest = IsUnbuffered ? 64U : Below(32) == 0 ? LongestFrame : 4096U; // a few do not fit the system's buffers
+        const auto longest = IsUnbuffered ? 64U : Below(32) == 0 ? LongestFrame : 4096U;
         std::string frame(Below(longest + 1), ' ');
         std::generate(frame.begin(), frame.end(), [this] { return static_cast<char>(Random()); });
         return frame;
@@ -227,6 +228,7 @@ void PrepareReset(const TSocket& socket) {
 /// Everything at the client's end that goes wrong with a connection that has to live counts as lost.
 void RunClient(TListener& listener, TGate& allAreOpen, TTargets& targets, TPlan plan, unsigned number, const std::string& domain) {
     TSocket socket(StreamOf(domain));
+    (void)socket.SetSendBufferSize(SendBuffer);
     (void)socket.SetReceiveTimeout(Limit);
     if (plan.Kind != TPlan::Interrupted)
         (void)socket.SetSendTimeout(Limit);
@@ -266,10 +268,11 @@ void RunClient(TListener& listener, TGate& allAreOpen, TTargets& targets, TPlan 
 }
 
 void RunServer(TSocket& socket, unsigned seed) {
+    (void)socket.SetSendBufferSize(SendBuffer);
     (void)socket.SetReceiveTimeout(Limit);
     (void)socket.SetSendTimeout(Limit);
     try {
-        TChannel channel(socket, 4096);
+        TChannel channel(socket, 65536);
         TPlan plan(seed, static_cast<unsigned>(std::stoul(channel.Receive())));
         for (unsigned frame = 0;; ++frame) {
             const std::string answer = AnswerTo(channel.Receive());
