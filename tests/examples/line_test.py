@@ -130,9 +130,10 @@ class Server:
     def threads(self):
         return len(os.listdir(f"/proc/{self.process.pid}/task"))
 
-    def processor_seconds(self):
-        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    def waits(self):
+        """How often the main thread has given up the processor of its own accord."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status, re.M)[1])
 
 
 class LineTest(unittest.TestCase):
@@ -207,18 +208,19 @@ class Together(LineTest):
 
 
 class ServerTest(LineTest):
-    def test_fifty_clients_at_once_and_then_as_many_descriptors_and_threads_as_before(self):
+    def test_fifty_clients_at_once_leave_nothing_behind(self):
         server = self.start()
-        before = server.descriptors(), server.threads()
+        before = server.descriptors()
         clients = [server.connect() for _ in range(50)]
         for number, client in enumerate(clients):
             client.sendall(b"%d\n" % number)
         for number, client in reversed(list(enumerate(clients))):
             self.assertEqual(client.recv(100), b"%d %d\n" % (len(str(number)), number))
-        self.assertEqual(server.threads(), before[1] + 50)
+        self.assertGreater(server.threads(), 50)
         for client in clients:
             client.close()
-        wait_until(lambda: (server.descriptors(), server.threads()) == before, "descriptors and threads are back")
+        wait_until(lambda: server.descriptors() == before, "the descriptors are back")
+        self.assertLess(server.threads(), 5)  # a sanitizer or an emulator may have some of its own
 
     def test_short_clients_do_not_pile_up(self):
         server = self.start()
@@ -284,18 +286,27 @@ class ServerTest(LineTest):
         self.assertStillServes(server)
         self.assertEqual(server.stderr(), "line_server: client 1: ended, answers were not taken within the limit\n")
 
-    def test_line_beyond_the_bound_ends_its_client_which_still_gets_its_last_answer(self):
+    def test_line_beyond_the_bound_ends_its_client_without_a_reset(self):
         server = self.start()
+        before = server.descriptors()
         with server.connect() as client:
             client.sendall(b"short\n" + b"z" * (LONGEST_LINE + 100_000))
-            self.assertEqual(read_to_end(client), b"5 short\n")  # a reset would be an exception here
-            begin = time.monotonic()
-            with self.assertRaises(ConnectionError):  # nobody takes the rest for long
-                while time.monotonic() - begin < PATIENCE:
+            client.shutdown(socket.SHUT_WR)
+            wait_until(lambda: server.descriptors() == before, "the server has closed")
+            self.assertEqual(client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR), 0)
+            self.assertEqual(read_to_end(client), b"5 short\n")
+        self.assertStillServes(server)
+        self.assertEqual(server.stderr(), f"line_server: client 1: ended, a line is longer than {LONGEST_LINE} bytes\n")
+
+    def test_line_without_end_is_not_read_for_ever(self):
+        server = self.start()
+        with server.connect() as client:
+            end = time.monotonic() + PATIENCE
+            with self.assertRaises(ConnectionError):
+                while time.monotonic() < end:
                     client.sendall(b"z" * 65536)
                     time.sleep(0.001)
         self.assertStillServes(server)
-        self.assertEqual(server.stderr(), f"line_server: client 1: ended, a line is longer than {LONGEST_LINE} bytes\n")
 
     def test_shortage_of_descriptors_makes_clients_wait(self):
         if b"__ubsan_handle_dynamic_type_cache_miss" in (PROGRAMS / "line_server").read_bytes():
@@ -309,9 +320,9 @@ class ServerTest(LineTest):
             client.sendall(b"x\n")
         for client in clients[:room]:
             self.assertEqual(client.recv(100), b"1 x\n")
-        before = server.processor_seconds()
-        self.assertEqual(select.select(clients[room:], [], [], 0.5)[0], [])
-        self.assertLess(server.processor_seconds() - before, 0.25)
+        before = server.waits()
+        wait_until(lambda: server.waits() > before + 2, "the server pauses between its attempts")
+        self.assertEqual(select.select(clients[room:], [], [], 0)[0], [])
         self.assertEqual(server.stderr(), f"line_server: cannot take a client: {os.strerror(errno.EMFILE)}\n")
         for client in clients[:room]:
             client.close()

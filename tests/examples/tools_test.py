@@ -1,11 +1,13 @@
 """Runs the example tools on real input and compares what they say with the standard tools.
 
 Usage: tools_test.py FOLDER_OF_THE_PROGRAMS FOLDER_OF_SOURCES [unittest's arguments]
+KEST_LAUNCHER may hold a command that runs programs of their kind.
 """
 
 import math
 import os
 import pathlib
+import shlex
 import signal
 import subprocess
 import sys
@@ -14,13 +16,14 @@ import time
 import unittest
 
 PROGRAMS = pathlib.Path(sys.argv[1]).resolve()
+LAUNCHER = shlex.split(os.environ.get("KEST_LAUNCHER", ""))
 SOURCES = pathlib.Path(sys.argv[2]).resolve()
 LIMIT = 120  # seconds that no program of these takes, however slow the build
 
 
 def run(name, *arguments, **options):
     options.setdefault("timeout", LIMIT)
-    return subprocess.run([PROGRAMS / name, *map(str, arguments)], capture_output=True, text=True, **options)
+    return subprocess.run([*LAUNCHER, PROGRAMS / name, *map(str, arguments)], capture_output=True, text=True, **options)
 
 
 class Case(unittest.TestCase):
@@ -85,7 +88,7 @@ class FindFiles(Case):
         (self.folder / "loop").symlink_to("loop")
         closed.chmod(0)
         self.addCleanup(closed.chmod, 0o700)
-        command = [PROGRAMS / "find_files", self.folder, "*"]
+        command = [*LAUNCHER, PROGRAMS / "find_files", self.folder, "*"]
         if os.geteuid() == 0:  # root may read everything, unless it has no capabilities
             command = ["setpriv", "--bounding-set=-all", "--inh-caps=-all", *command]
         result = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT)
@@ -199,7 +202,7 @@ class WorkQueue(Case):
     def test_stops_early_at_an_interrupt(self):
         path = self.folder / "fifo"
         os.mkfifo(path)
-        process = subprocess.Popen([PROGRAMS / "work_queue", path, "4"], stdout=subprocess.PIPE, text=True)
+        process = subprocess.Popen([*LAUNCHER, PROGRAMS / "work_queue", path, "4"], stdout=subprocess.PIPE, text=True)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
