@@ -2,7 +2,10 @@
 #define KEST_TESTS_SUPPORT_SOCKETS_H
 
 #include <kest/net/socket.h>
+#include <support/helper_thread.h>
 #include <support/temporary_directory.h>
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -24,12 +27,25 @@
 namespace Kest::Test {
 
 using System::TSocket;
+using TAddress = TSocket::TAddress;
 using TAnyAddress = System::Interface::TSocket<TSocket>::TAddress;
+
+// The whole messages of what transfers throw.
+inline const std::string IOError = "Kest: socket IO error";
+inline const std::string NotConnected = IOError + ": socket not connected";
+inline const std::string WouldBlock = IOError + ": non-blocking socket would block";
+inline const std::string Abort = IOError + ": socket connection aborted";
+inline const std::string Timeout = Abort + ": socket connection timeout";
+inline const std::string Reset = Abort + ": socket connection was reset by remote side";
+inline const std::string Shutdown = Abort + ": socket connection was shutdown'ed";
 
 /// The message of an error of the system that has no class of its own.
 inline std::string SystemMessage(int code) {
     return std::string("Kest: ") + std::strerror(code);
 }
+
+/// The longest that anything timed takes, the steps of a second that timed operations make included.
+constexpr double Soon = 8.0;
 
 inline TSocket::TProtocolInfo StreamOf(const std::string& domain) {
     return {domain, TSocket::Stream, domain == "inet" ? "tcp" : "ip"};
@@ -40,25 +56,20 @@ inline TSocket::TProtocolInfo DatagramOf(const std::string& domain) {
 }
 
 /// An address to bind a socket of the domain to: a port of the system's choice, or @p name in @p directory.
-inline TSocket::TAddress PlaceFor(const std::string& domain, const TTemporaryDirectory& directory, const std::string& name = "socket") {
+inline TAddress PlaceFor(const std::string& domain, const TTemporaryDirectory& directory, const std::string& name = "socket") {
     return {domain, domain == "inet" ? "127.0.0.1:0" : directory / name, false};
 }
 
 /// The address that the system says a bound socket has, as text; what it says without this library's help.
 inline std::string NameOf(const TSocket& socket) {
-    union {
-        sockaddr General;
-        sockaddr_in Inet;
-        sockaddr_un FS;
-    } name{};
+    sockaddr_storage name{};
     socklen_t length = sizeof name;
-    if (::getsockname(socket.GetDescriptor(), &name.General, &length) != 0)
+    if (::getsockname(socket.GetDescriptor(), reinterpret_cast<sockaddr*>(&name), &length) != 0)
         throw std::runtime_error("a socket of the test has no name");
-    if (name.General.sa_family == AF_UNIX)
-        return {name.FS.sun_path, length - offsetof(sockaddr_un, sun_path) - 1};
-    char host[INET_ADDRSTRLEN];
-    ::inet_ntop(AF_INET, &name.Inet.sin_addr, host, sizeof host);
-    return host + (':' + std::to_string(ntohs(name.Inet.sin_port)));
+    if (name.ss_family == AF_UNIX)
+        return {reinterpret_cast<sockaddr_un*>(&name)->sun_path, length - offsetof(sockaddr_un, sun_path) - 1};
+    const auto& inet = *reinterpret_cast<sockaddr_in*>(&name);
+    return ::inet_ntoa(inet.sin_addr) + (':' + std::to_string(ntohs(inet.sin_port)));
 }
 
 template <class TValue = int>
@@ -86,13 +97,13 @@ inline void Break(const TSocket& socket) {
 struct TListener {
     explicit TListener(const std::string& domain, unsigned backlog = 0) : Socket(StreamOf(domain)), Address(domain) {
         Socket.Bind(PlaceFor(domain, Directory));
-        Address = TSocket::TAddress(domain, NameOf(Socket), false);
+        Address = TAddress(domain, NameOf(Socket), false);
         Socket.Listen(backlog);
     }
 
     TTemporaryDirectory Directory;
     TSocket Socket;
-    TSocket::TAddress Address;
+    TAddress Address;
 };
 
 /// Both ends of a connection.
@@ -106,7 +117,7 @@ struct TConnection {
 private:
     TSocket Establish(const std::string& domain) {
         Client.Connect(Listener.Address);
-        TSocket::TAddress peer(domain);
+        TAddress peer(domain);
         return Listener.Socket.Accept(peer);
     }
 };
@@ -179,14 +190,26 @@ private:
     std::atomic<pid_t> Thread{0};
 };
 
-/// The seconds that an action took, on the clock and of the calling thread's processor time.
-struct TCost {
-    double Elapsed;
-    double Processor;
-};
+/// Runs @p body on a thread of the library and does @p action to that thread once it is blocked behind the point that the body enters.
+/// Returns the thread's exit value.
+template <class TBody, class TAction>
+int WhileBlocked(TBody body, TAction action) {
+    TBlockingPoint point;
+    TFunctionThread thread([&] { return body(point); });
+    thread.Start();
+    EXPECT_TRUE(point.WaitUntilBlocked());
+    action(thread);
+    return thread.WaitFor();
+}
 
+template <class TBody>
+int CancelledWhileBlocked(TBody body) {
+    return WhileBlocked(body, [](TFunctionThread& thread) { thread.Cancel(); });
+}
+
+/// Checks that an action takes at least @p least seconds, not much more, and waits for them instead of spinning.
 template <class TAction>
-TCost CostOf(const TAction& action) {
+void ExpectWait(double least, const TAction& action) {
     const auto processor = [] {
         rusage usage{};
         ::getrusage(RUSAGE_THREAD, &usage);
@@ -196,7 +219,10 @@ TCost CostOf(const TAction& action) {
     const auto start = std::chrono::steady_clock::now();
     const double before = processor();
     action();
-    return {std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), processor() - before};
+    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(elapsed, least);
+    EXPECT_LT(elapsed, Soon);
+    EXPECT_LT(processor() - before, elapsed / 3 + 0.02); // some for the exception, under a sanitizer
 }
 
 } // namespace Kest::Test
