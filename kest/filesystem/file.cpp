@@ -25,8 +25,8 @@ bool IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// Closes both streams of a copy whichever way it ends. Left to their own destructors, a cancellation that arrives while the output is
-/// written out would be swallowed there, and the process ended for it.
+/// Closes both streams of a copy whichever way it ends. Closing may be a cancellation point, and a cancellation that was acted on in the
+/// streams' own destructors would be swallowed there, and the process ended for it.
 class TStreamCloser {
 public:
     TStreamCloser(std::ofstream& out, std::ifstream& in) : Out(out), In(in) {}
