@@ -90,7 +90,7 @@ TEST(Process, ApplicationFileNameComesFromTheShellOrTheFirstArgument) {
         {"/bin/bash ", "started", "argument", "/argument"},
         {"/usr/bin/bash", "started", "argument", "/argument"},
         {"", "started", "argument", "/argument"},
-        {nullptr, "started", "link", "/started"},
+        {nullptr, "started", "argument", "/argument"},
         {nullptr, nullptr, "nothing-of-that-name", nullptr},
     };
     for (const auto& each : cases)
