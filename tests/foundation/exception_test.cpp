@@ -51,7 +51,7 @@ TEST(Exception, SubclassIsCaughtAsTheRootWithOnePrefix) {
 }
 
 TEST(Exception, DescriptionIsThatOfErrnoWhichKeepsItsValue) {
-    for (const int code : {ENOENT, EACCES, 0, 12345, -1}) { // strerror sets errno itself for the last two
+    for (const int code : {ENOENT, EACCES, 0, 12345, -1}) {
         SCOPED_TRACE(code);
         const std::string expected = std::strerror(code);
         errno = code;
@@ -63,11 +63,9 @@ TEST(Exception, DescriptionIsThatOfErrnoWhichKeepsItsValue) {
 
 TEST(Exception, SystemFailureIsThePiecesAndTheDescription) {
     const std::string path = "/a/path/that/does/not/fit/into/a/short/string";
-    errno = ENOENT;
-    EXPECT_KEST_THROW(System::_ThrowLastError("unable to open '", path, "': "), EException,
+    EXPECT_KEST_THROW((errno = ENOENT, System::_ThrowLastError("unable to open '", path, "': ")), EException,
                       "Kest: unable to open '" + path + "': " + std::strerror(ENOENT));
-    errno = ENOENT;
-    EXPECT_KEST_THROW(System::_ThrowLastError(), EException, std::string("Kest: ") + std::strerror(ENOENT));
+    EXPECT_KEST_THROW((errno = ENOENT, System::_ThrowLastError()), EException, std::string("Kest: ") + std::strerror(ENOENT));
     EXPECT_KEST_THROW(System::_ThrowError(ETIMEDOUT, "wait failed: "), EException,
                       std::string("Kest: wait failed: ") + std::strerror(ETIMEDOUT));
 }

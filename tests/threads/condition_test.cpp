@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <list>
@@ -38,6 +39,8 @@ public:
 
     TFunctionThread& GetThread() { return Thread; }
 
+    TGate TimedOut;
+
 private:
     int Body() {
         std::list<_TScopedEntry> held;
@@ -47,8 +50,10 @@ private:
         while (!IsTold)
             if (!Limit)
                 Condition.Wait(Guard);
-            else if (!Condition.Wait(Guard, *Limit))
-                return 1; // timed out
+            else if (!Condition.Wait(Guard, *Limit)) {
+                TimedOut.Open();
+                return 1;
+            }
         for (; !held.empty(); held.pop_back())
             if (OthersMayEnter(Guard))
                 return 2; // not held as often as before
@@ -71,6 +76,8 @@ TEST(Condition, WaitsUntilToldWithAGuardEnteredOnceOrOften) {
             TMutex guard(entries != 0);
             TCondition condition;
             TWaiter waiter(condition, guard, limit, entries == 0 ? 1 : entries);
+            const std::chrono::milliseconds aWhile(entries == 0 ? 20 : 0);
+            EXPECT_FALSE(waiter.TimedOut.WaitFor(aWhile)); // 0.0 does not mean at once
             guard.Enter();
             if (entries != 0) {
                 EXPECT_TRUE(guard.TryEnter()); // this thread's own entries do not mix with those that wait
