@@ -1,7 +1,7 @@
 #!/bin/bash
 # Builds the examples and shows them at work: a server and its clients over TCP and over a socket in the file system, with
 # the sources of this repository as their text, and a client whose server never answers. Every answer is compared with what
-# awk makes of the same text. Fails when a byte differs or a program ends otherwise than it should.
+# awk makes of the same text. Then a tour through the other examples. Fails when a byte differs or a program ends otherwise than it should.
 # Everything happens on this machine, in a temporary directory.
 set -euo pipefail
 export LC_ALL=C
@@ -83,10 +83,10 @@ check() { # NAME: the answers of a client, against what awk says
 
 headline "Building"
 "$root/scripts/setup.sh"
-{ cmake --preset release && cmake --build --preset release -j2 --target line_server line_client; } >"$work/build.log" 2>&1 ||
+{ cmake --preset release && cmake --build --preset release -j2 --target line_server line_client find_files move_file plugin_host plugin work_queue; } >"$work/build.log" 2>&1 ||
     { cat "$work/build.log" && fail "the build failed"; }
 examples=$root/build/release/examples
-echo "line_server and line_client are in build/release/examples"
+echo "the programs are in build/release/examples"
 
 # The clients' texts: all sources, the same from the last line to the first, and the headers.
 find kest examples tests \( -name '*.h' -o -name '*.cpp' \) -print0 | sort -z | xargs -0 cat >"$work/tcp-1.text"
@@ -131,5 +131,23 @@ cat "$work/errors"
 echo "status $status after $seconds s; netcat heard \"$(cat "$work/heard")\""
 [[ $status == 3 && ! -s $work/answers ]] || fail "this should have been a time-out, status 3"
 awk -v seconds="$seconds" 'BEGIN { exit !(seconds >= 0.95 && seconds < 10) }' || fail "the limit was not kept"
+
+headline "A tour through the other examples"
+show() { # COMMAND...: printed, then run in the folder of the examples
+    printf '$ %s\n' "$*"
+    (cd "$examples" && "$@")
+}
+show ./find_files "$root/kest" 'socket*.h'
+found=$(cd "$examples" && ./find_files "$root/kest" 'socket*.h' | wc -l)
+[[ $found == $(find "$root/kest" -mindepth 1 -name 'socket*.h' | wc -l) ]] || fail "find finds something else"
+echo "a file to be moved" >"$work/here"
+show ./move_file "$work/here" "$work/there"
+[[ ! -e $work/here && $(cat "$work/there") == "a file to be moved" ]] || fail "the file was not moved"
+status=0
+show ./move_file "$work/here" "$work/nowhere" 2>&1 || status=$?
+[[ $status == 1 ]] || fail "moving what does not exist should have failed with status 1"
+show ./plugin_host ./plugin Square 12
+show ./plugin_host libm.so.6 cos 1
+show ./work_queue "$work/tcp-1.text" 4
 
 printf '\ndemo: 3 clients, %d lines, %d bytes, no byte differs; 1 time-out as it should be\n' "$total_lines" "$total_bytes"
