@@ -116,12 +116,10 @@ TEST(SocketOwnership, AdoptedDescriptorIsTakenToBeBlockingWithoutLimits) {
 
 TEST(SocketOwnership, FailedDuplicateIsNoObjectAndHarmsNothing) {
     const TSocket socket(StreamOf("fs"));
-    rlimit usual{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
-    const rlimit none{0, usual.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    EXPECT_KEST_THROW(const TSocket copy(socket), EException, SystemMessage(EMFILE));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    {
+        const TDescriptorLimit none(0);
+        EXPECT_KEST_THROW(const TSocket copy(socket), EException, SystemMessage(EMFILE));
+    }
     EXPECT_NE(TSocket(socket).GetDescriptor(), socket.GetDescriptor());
 }
 
