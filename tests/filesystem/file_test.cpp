@@ -18,7 +18,7 @@ TEST(FileCopy, ContentAndModificationTimeAreThoseOfTheSource) {
     const TTemporaryDirectory directory;
     const std::string from = directory / "from";
     const std::string to = directory / "to";
-    for (const std::size_t size : {0, 1, 4095, 4096, 4097, 8190, 8191, 8192, 8193, 16384, 1 << 20})
+    for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 8190U, 8191U, 8192U, 8193U, 16384U, 1U << 20})
         for (const std::size_t old : {std::size_t{0}, std::size_t{3}, size + 1000}) {
             SCOPED_TRACE(std::to_string(size) + " over " + std::to_string(old));
             WriteFile(to, std::string(old, 'x'));

@@ -95,6 +95,7 @@ TEST_F(DLL, CancellationWaitsUntilTheLibraryHasStartedAndEnded) {
     std::string whenLoaded, whenUnloaded;
     TFunctionThread thread([&] {
         ::pthread_cancel(::pthread_self());
+        const TDLL unwound("libm.so.6");
         {
             const TDLL library(Path);
             whenLoaded = Told();

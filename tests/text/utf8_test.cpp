@@ -37,8 +37,8 @@ std::string ModelOfEncoding(const TWide& text) {
 
 std::size_t ModelOfLength(const std::string& text) {
     std::size_t count = 0;
-    for (const unsigned char byte : text)
-        if (byte < 0x80 || byte > 0xC0)
+    for (const char byte : text)
+        if (static_cast<unsigned char>(byte) < 0x80 || static_cast<unsigned char>(byte) > 0xC0)
             ++count;
     return count;
 }
