@@ -199,6 +199,7 @@ class WorkQueue(Case):
         self.assertEqual(sorted(told), ["line 2 changed", "line 4 changed", "line 5 changed"])
         self.assertIn("6 lines, ", result.stdout)
 
+    @unittest.skipIf(LAUNCHER, "under qemu's emulation of i386 a thread that ran a signal handler takes itself for another thread")
     def test_stops_early_at_an_interrupt(self):
         path = self.folder / "fifo"
         os.mkfifo(path)
