@@ -23,6 +23,7 @@ using TWide = std::basic_string<wchar_t>;
 std::string ModelOfEncoding(const TWide& text) {
     std::string bytes;
     for (const wchar_t unit : text.substr(0, text.find(L'\0'))) {
+        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
         const auto c = static_cast<std::uint32_t>(unit);
         if (c >= 0x800) {
             bytes += static_cast<char>((0xE0 | (c >> 12)) & 0xFF);
