@@ -35,7 +35,7 @@ inline std::string Perform(TStream& stream, const std::string& operation) {
     std::streambuf& buffer = *stream.rdbuf();
     const std::string argument = operation.substr(1);
     const auto size = static_cast<std::streamsize>(argument.size());
-    const int number = std::atoi(argument.c_str());
+    const auto number = static_cast<int>(std::strtol(argument.c_str(), nullptr, 10));
     std::string text(std::tolower(operation[0]) == 'r' ? static_cast<std::size_t>(number) : 0, ' ');
     const auto cut = [&](std::streamsize length) { return text.substr(0, static_cast<std::size_t>(length)); };
     // clang-format off
@@ -159,7 +159,7 @@ struct TStreamModel {
 
 inline std::string Perform(TStreamModel& model, const std::string& operation) {
     const std::string argument = operation.substr(1);
-    const auto number = static_cast<unsigned int>(std::atoi(argument.c_str()));
+    const auto number = static_cast<unsigned int>(std::strtoul(argument.c_str(), nullptr, 10));
     const bool onStream = std::islower(operation[0]) != 0; // whose operations set bits of their own
     const auto fail = [&](std::ios::iostate bits) { model.State |= onStream ? bits : std::ios::goodbit; };
     std::string text;
