@@ -172,10 +172,17 @@ TEST(SocketAddress, NameIsTheRegisteredOne) {
     ResolverLock().Leave();
 }
 
-TEST(SocketAddress, FailedLookUpLeavesTheResolverLockFree) {
+TEST(SocketAddress, LookUpThatFailsOrIsCancelledLeavesTheResolverLockFree) {
     EXPECT_KEST_THROW(TAddress("inet", "255.255.255.255:1", false).Get(true), EBadAddress, Bad);
     EXPECT_TRUE(OthersMayEnter(ResolverLock()));
     EXPECT_KEST_THROW(TSocket({"inet", TSocket::Stream, "no such protocol"}), EUnsupportedProtocol, "Kest: unsupported socket protocol");
+    EXPECT_TRUE(OthersMayEnter(ResolverLock()));
+    TFunctionThread thread([] {
+        (void)::pthread_cancel(::pthread_self());
+        return static_cast<int>(TAddress("inet", "127.0.0.1:7", false).Get(true).size());
+    });
+    thread.Start();
+    EXPECT_EQ(thread.WaitFor(), -1);
     EXPECT_TRUE(OthersMayEnter(ResolverLock()));
 }
 

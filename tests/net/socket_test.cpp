@@ -134,6 +134,21 @@ TEST(SocketOwnership, FailureOfCloseIsThrownUnlessAnExceptionIsOnItsWay) {
     EXPECT_THROW(closedBehindItsBack(true), std::runtime_error);
 }
 
+TEST(SocketOwnership, PendingCancellationWaitsUntilTheDescriptorIsClosed) {
+    const int before = OpenDescriptors();
+    TFunctionThread thread([] {
+        {
+            const TSocket socket(StreamOf("fs"));
+            (void)::pthread_cancel(::pthread_self());
+        }
+        ::pthread_testcancel();
+        return 1;
+    });
+    thread.Start();
+    EXPECT_EQ(thread.WaitFor(), -1);
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
 TEST(SocketOptions, FlagsReachTheSystem) {
     TSocket socket(StreamOf("inet"));
     (void)::fcntl(socket.GetDescriptor(), F_SETFL, O_APPEND);

@@ -224,6 +224,8 @@ TEST_P(SocketTransfer, WaitsTakeEveryLimit) {
 TEST_P(SocketTransfer, WaitsWorkForDescriptorsBeyondTheSystemsSets) {
     const TDescriptorLimit limit(5001);
     for (const int number : {1023, 1024, 1500, 5000}) {
+        if (number >= FD_SETSIZE && IsEmulated())
+            GTEST_SKIP() << "qemu's own select ends at FD_SETSIZE";
         SCOPED_TRACE(number);
         TListener listener(Domain);
         const int low = ::socket(TSocket::MapDomain(Domain), SOCK_STREAM, 0);
@@ -301,8 +303,8 @@ TEST_P(SocketTransfer, SignalAndCancellationEndEveryBlockingCallAndLeaveNothingO
             SCOPED_TRACE(call);
             EXPECT_EQ(CancelledWhileBlocked([&](TBlockingPoint& point) { Block(Domain, call, limit, point); }), -1);
             EXPECT_EQ(OpenDescriptors(), before);
-            if (call == 1 && limit == 0.0)
-                continue; // interrupted, it returns what it has sent
+            if ((call == 1 && limit == 0.0) || IsEmulated())
+                continue; // interrupted, it returns what it has sent; under qemu, a handler confuses the thread it ran on
             const auto expectShutdown = [&](TBlockingPoint& point) {
                 EXPECT_KEST_THROW(Block(Domain, call, limit, point), EShutdown, Shutdown + ": interrupted system call");
             };

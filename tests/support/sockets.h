@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <list>
@@ -43,6 +44,11 @@ inline const std::string Shutdown = Abort + ": socket connection was shutdown'ed
 /// The message of an error of the system that has no class of its own.
 inline std::string SystemMessage(int code) {
     return std::string("Kest: ") + std::strerror(code);
+}
+
+/// Whether the program runs under the emulation that the build arranges where the kernel runs no 32-bit programs.
+inline bool IsEmulated() {
+    return std::getenv("KEST_EMULATOR") != nullptr;
 }
 
 /// The longest that anything timed takes, the steps of a second that timed operations make included.
