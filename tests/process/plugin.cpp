@@ -1,8 +1,6 @@
 // A library that the tests load. It tells through the environment what it does and knows nothing of the library under test.
 #include <cstdlib>
 
-#include <pthread.h>
-
 extern "C" {
 
 __attribute__((visibility("default"))) int Twice(int number) {
@@ -19,12 +17,10 @@ __attribute__((visibility("default"))) void CallNowhere() {
 namespace {
 
 __attribute__((constructor)) void Start() {
-    pthread_testcancel();
     setenv("KEST_TEST_PLUGIN", "started", 1);
 }
 
 __attribute__((destructor)) void End() {
-    pthread_testcancel();
     setenv("KEST_TEST_PLUGIN", "ended", 1);
 }
 
