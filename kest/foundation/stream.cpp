@@ -34,8 +34,8 @@ void TStream::allocate(int size) {
         return;
     }
     const auto bytes = static_cast<std::size_t>(size);
-    std::unique_ptr<char[]> input(new char[bytes]); // owned here until both are there
-    std::unique_ptr<char[]> output(new char[bytes]);
+    std::unique_ptr<char[]> input(new char[bytes]()); // zeros: putting back before the first input gives what is there
+    std::unique_ptr<char[]> output(new char[bytes]);  // both owned here until both are there
     InputBuffer = input.release();
     OutputBuffer = output.release();
     BufferSize = size;
