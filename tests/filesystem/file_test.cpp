@@ -1,0 +1,223 @@
+#include <kest/filesystem/file.h>
+
+#include "files.h"
+#include <support/descriptors.h>
+#include <support/message.h>
+#include <support/temporary_directory.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::EException;
+
+namespace {
+
+std::string CopyError(const std::string& from, const std::string& to) {
+    return "Kest: file copy error: from " + from + " to " + to;
+}
+
+TEST(FileCopy, ContentAndModificationTimeAreThoseOfTheSource) {
+    const TTemporaryDirectory directory;
+    const std::string from = directory / "from";
+    const std::string to = directory / "to";
+    for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 8190U, 8191U, 8192U, 8193U, 16384U, 1U << 20}) {
+        SCOPED_TRACE(size);
+        WriteFile(to, std::string(size + 1000, 'x'));
+        WriteFile(from, SomeBytes(size));
+        SetTimes(from, {1000, 0}, {8589934592, 750000000});
+        TFile::Copy(from, to);
+        EXPECT_TRUE(ReadFile(to) == SomeBytes(size)); // not EXPECT_EQ, which would print it
+        EXPECT_EQ(StatusOf(to).st_mtim.tv_sec, 8589934592);
+        EXPECT_EQ(StatusOf(to).st_mtim.tv_nsec, 0);
+    }
+    TFile::Copy("/proc/filesystems", to); // of which the system says that it is empty
+    EXPECT_EQ(ReadFile(to), ReadFile("/proc/filesystems"));
+}
+
+TEST(FileCopy, FailureLeavesWhatIsDocumented) {
+    const struct {
+        TTree Before;
+        std::string From, To;
+        TTree After;
+    } cases[] = {
+        {{"b=22"}, "gone", "b", {"b=22"}},
+        {{"d/"}, "d", "b", {"b=", "d/"}},
+        {{"a=1", "d/"}, "a", "d", {"a=1", "d/"}},
+        // One file, by whatever roads.
+        {{"a=1"}, "a", "a", {"a=1"}},
+        {{"a=1", "l->a"}, "a", "l", {"a=1", "l->a"}},
+        {{"a=1", "l->."}, "l/a", "a", {"a=1", "l->."}},
+        {{"a=1", "h&a"}, "a", "h", {"a=1", "h=1"}},
+    };
+    for (const auto& each : cases) {
+        const TTemporaryDirectory directory;
+        Make(directory.GetPath(), each.Before);
+        const std::string from = directory / each.From;
+        const std::string to = directory / each.To;
+        SCOPED_TRACE(each.From + " to " + each.To);
+        const int before = OpenDescriptors();
+        EXPECT_KEST_THROW(TFile::Copy(from, to), EException,
+                          each.From == "gone" ? Described("getting file state failed: ", ENOENT) : CopyError(from, to));
+        EXPECT_EQ(TreeOf(directory.GetPath()), each.After);
+        EXPECT_EQ(OpenDescriptors(), before);
+    }
+}
+
+TEST_F(WithMounts, CopyToAFullDiskIsTheCopyErrorAndOntoItselfTouchesNothing) {
+    InMounts([this] {
+        const std::string from = Directory / "near/a";
+        const std::string to = Directory / "far/a";
+        for (const std::size_t size : {std::size_t{1}, std::size_t{8192}, FarSize, FarSize + 1, FarSize + 100000}) {
+            SCOPED_TRACE(size);
+            WriteFile(from, SomeBytes(size));
+            EXPECT_KEST_THROW(TFile::Copy(from, "/dev/full"), EException, CopyError(from, "/dev/full"));
+            if (size <= FarSize)
+                TFile::Copy(from, to);
+            else
+                EXPECT_KEST_THROW(TFile::Copy(from, to), EException, CopyError(from, to));
+            EXPECT_TRUE(ReadFile(to) == SomeBytes(size).substr(0, FarSize)) << "what was written stays";
+        }
+        Make(Directory.GetPath(), {"near/b=1", "near/h&near/b"});
+        for (const std::string& road : {Directory / "again/b", Directory / "again/h"})
+            EXPECT_KEST_THROW(TFile::Copy(Directory / "near/b", road), EException, CopyError(Directory / "near/b", road));
+        EXPECT_EQ(ReadFile(Directory / "near/b"), "1");
+    });
+}
+
+const std::string CopyFailed = "Kest: cross device link: tryed to copy and remove: copy failed";
+const std::string RemoveFailed = "Kest: cross device link: tryed to copy and remove: remove failed";
+
+TEST(FileRename, WithinAFileSystem) {
+    const struct {
+        TTree Before;
+        std::string From, To;
+        int Code; ///< 0 for success
+        TTree After;
+    } cases[] = {
+        {{"a=1", "b=22"}, "a", "b", 0, {"b=1"}},
+        {{"b=22"}, "a", "b", ENOENT, {"b=22"}},
+        // One entry by two names.
+        {{"a=1"}, "a", "a", 0, {"a=1"}},
+        {{"a=1", "d/"}, "a", "d/../a", 0, {"a=1", "d/"}},
+        {{"d/", "d/a=1", "l->d"}, "d/a", "l/a", 0, {"d/", "d/a=1", "l->d"}},
+        {{"a=1", "h&a", "l->."}, "a", "l/a", 0, {"a=1", "h=1", "l->."}},
+        // Two hard links of one file.
+        {{"a=1", "h&a"}, "a", "h", 0, {"h=1"}},
+        {{"a=1", "l->a", "m&l"}, "l", "m", 0, {"a=1", "m->a"}}, // two hard links of a symbolic link
+        {{"d/", "d/a=1", "e/", "e/b=2"}, "d", "e", ENOTEMPTY, {"d/", "d/a=1", "e/", "e/b=2"}},
+    };
+    for (const auto& each : cases) {
+        const TTemporaryDirectory directory;
+        Make(directory.GetPath(), each.Before);
+        const std::string from = directory / each.From;
+        const std::string to = directory / each.To;
+        SCOPED_TRACE(testing::PrintToString(each.Before) + " " + each.From + " to " + each.To);
+        const std::string failure = Described("rename failed: from '" + from + "' to '" + to + "': ", each.Code);
+        if (each.Code == 0)
+            each.From == each.To ? _RenameHelper(from, to) : TFile::Rename(from, to); // one attempt is enough
+        else
+            EXPECT_KEST_THROW(TFile::Rename(from, to), EException, failure);
+        EXPECT_EQ(TreeOf(directory.GetPath()), each.After);
+    }
+}
+
+TEST_F(WithMounts, Rename) {
+    const std::string large = SomeBytes(FarSize + 1);
+    const struct {
+        TTree Before;
+        std::string From, To, Message; ///< without a message it succeeds
+        TTree After;
+    } cases[] = {
+        {{"near/a=1", "far/b=22"}, "near/a", "far/b", "", {"far/b=1"}},
+        {{"near/a=1", "near/l->a"}, "near/l", "far/b", "", {"far/b=1", "near/a=1"}},
+        // What stands at the destination is replaced, and nothing that is reached through it is written to.
+        {{"near/a=1", "far/b=22", "far/l->b"}, "near/a", "far/l", "", {"far/b=22", "far/l=1"}},
+        {{"near/a=1", "far/b=22", "far/h&far/b"}, "near/a", "far/h", "", {"far/b=22", "far/h=1"}},
+        {{"near/a=1", "far/l->../near/a"}, "near/a", "far/l", "", {"far/l=1"}},
+        // The copy fails.
+        {{"near/a=" + large, "far/b=22"}, "near/a", "far/b", CopyFailed, {"near/a=" + large}},
+        {{"near/a=1", "far/d/", "far/d/b=2"}, "near/a", "far/d", CopyFailed, {"far/d/", "far/d/b=2", "near/a=1"}},
+        {{"near/d/", "far/b=22"}, "near/d", "far/b", CopyFailed, {"far/b=22", "near/d/"}},
+        // The copy may be made, the source not removed.
+        {{"near/a=1", "far/b=22"}, "fixed/a", "far/b", RemoveFailed, {"near/a=1"}},
+        // One file by two mounts.
+        {{"near/a=1"}, "near/a", "again/a", CopyFailed, {"near/a=1"}},
+        {{"near/a=1", "near/h&near/a"}, "near/a", "again/h", CopyFailed, {"near/a=1", "near/h=1"}},
+        {{"near/a=1", "near/l->a", "near/m&near/l"}, "near/l", "again/m", CopyFailed, {"near/a=1", "near/l->a", "near/m->a"}},
+        {{"near/a=1"}, "near/a", "again/b", "", {"near/b=1"}}, // there is a way, if not the shortest
+    };
+    for (const auto& each : cases) {
+        InMounts([&] {
+            SCOPED_TRACE(each.From + " to " + each.To + " shall give " + testing::PrintToString(each.After).substr(0, 200));
+            Make(Directory.GetPath(), each.Before);
+            const int before = OpenDescriptors();
+            if (each.Message.empty())
+                TFile::Rename(Directory / each.From, Directory / each.To);
+            else
+                EXPECT_KEST_THROW(TFile::Rename(Directory / each.From, Directory / each.To), EException, each.Message);
+            EXPECT_TRUE(MountedTree() == each.After) << testing::PrintToString(MountedTree()).substr(0, 200);
+            EXPECT_EQ(OpenDescriptors(), before);
+        });
+    }
+}
+
+// Whenever one looks, before and after the kill, the destination is there and is one of the two files as a whole.
+TEST(FileRename, DestinationIsWholeWheneverTheProcessIsKilled) {
+    const TTemporaryDirectory directory;
+    const std::string contents[] = {SomeBytes(9000), SomeBytes(9001)};
+    for (const char* name : {"0", "1", "to"})
+        WriteFile(directory / name, contents[*name == '1']);
+    const auto isWhole = [&] {
+        const std::string content = ReadFile(directory / "to");
+        return content == contents[0] || content == contents[1];
+    };
+    for (int round = 0; round < 50 && !HasFailure(); ++round) {
+        std::filesystem::remove(directory / "from");
+        const pid_t child = ::fork();
+        if (child == 0) {
+            for (unsigned turn = 0;; ++turn) {
+                if (::link((directory / (turn % 2 == 0 ? "0" : "1")).c_str(), (directory / "from").c_str()) != 0)
+                    ::_exit(1);
+                TFile::Rename(directory / "from", directory / "to");
+            }
+        }
+        ASSERT_GT(child, 0);
+        for (int left = round * 2; left > 0 && !HasFailure(); --left)
+            EXPECT_TRUE(isWhole());
+        ::kill(child, SIGKILL);
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status)) << "the child ended by itself";
+        EXPECT_TRUE(isWhole());
+    }
+}
+
+TEST(FileNames, AreCanonicalAndMatchByWildcard) {
+    const TTemporaryDirectory directory;
+    Make(directory.GetPath(), {"d/", "d/y.txt=1", "l->d", "a\\b="});
+    const std::string root = std::filesystem::canonical(directory.GetPath()).string();
+    EXPECT_EQ(GetFullPathName(directory / "l/../l/./y.txt"), root + "/d/y.txt");
+    EXPECT_EQ(TFile::GetPathName(directory / "l/../l/./y.txt"), root + "/d");
+    EXPECT_EQ(TFile::GetPathName(directory / "a\\b"), root + "/a"); // a separator, if an odd one
+    EXPECT_EQ(TFile::GetPathName("/etc"), "");
+    EXPECT_EQ(TFile::GetPathName("/"), "");
+    EXPECT_KEST_THROW(GetFullPathName(directory / "gone"), EException, "Kest: realpath() failed");
+
+    const char* const matches[][2] = {{"a/b.txt", "*.txt"}, {".profile", "*"}, {"a\\b", "a\\b"}, {"a\\x", "a\\*"}, {"[a", "[a"}};
+    for (const auto& each : matches)
+        EXPECT_TRUE(GetFileNameMatch(each[0], each[1])) << each[0];
+    const char* const others[][2] = {{"A.TXT", "*.txt"}, {"a*", "a\\*"}, {"", "?"}, {"b", "[!a-c]"}};
+    for (const auto& each : others)
+        EXPECT_FALSE(GetFileNameMatch(each[0], each[1])) << each[0];
+}
+
+} // namespace
