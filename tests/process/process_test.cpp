@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -86,6 +87,12 @@ TEST(Process, ApplicationFileNameComesFromTheShellOrTheFirstArgument) {
             else
                 EXPECT_EQ(GetApplicationFileName(0, argv), root + each.Expected);
         });
+}
+
+TEST(Process, ModesOfStandardStreamsChangeNothing) {
+    const int flags = ::fcntl(STDOUT_FILENO, F_GETFL);
+    SetStandardStreamMode(TStandardStream::Output, TStandardStreamMode::Binary);
+    EXPECT_EQ(::fcntl(STDOUT_FILENO, F_GETFL), flags);
 }
 
 } // namespace
