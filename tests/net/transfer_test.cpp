@@ -146,6 +146,12 @@ TEST_P(SocketTransfer, AcceptWaitsAsLongAsTheLimitSaysAndLeavesTheAddressAloneWh
     listener.Socket.SetBlocking(false);
     EXPECT_KEST_THROW(listener.Socket.Accept(peer), EWouldBlock, WouldBlock);
     EXPECT_EQ(peer.Get(false), "127.0.0.1:9");
+
+    TSocket client(StreamOf(Domain));
+    client.Connect(listener.Address);
+    TSocket accepted = listener.Socket.Accept(peer);
+    EXPECT_EQ(accepted.SetReceiveTimeout(0.0), 0.0) << "limits and mode are not inherited";
+    EXPECT_TRUE(IsInBlockingMode(accepted));
 }
 
 TEST_P(SocketTransfer, TimedConnectEndsInBlockingModeOnEveryWayOut) {
@@ -175,6 +181,7 @@ TEST_P(SocketTransfer, TimedConnectEndsInBlockingModeOnEveryWayOut) {
 
     TSocket nonBlocking(StreamOf(Domain));
     nonBlocking.SetBlocking(false);
+    nonBlocking.SetSendTimeout(Soon);
     EXPECT_KEST_THROW(nonBlocking.Connect(full.Address), EWouldBlock, WouldBlock);
     TSocket broken(StreamOf(Domain));
     broken.SetSendTimeout(Soon);
