@@ -137,10 +137,9 @@ TEST(SocketOwnership, FailureOfCloseIsThrownUnlessAnExceptionIsOnItsWay) {
 TEST(SocketOwnership, PendingCancellationWaitsUntilTheDescriptorIsClosed) {
     const int before = OpenDescriptors();
     TFunctionThread thread([] {
-        {
-            const TSocket socket(StreamOf("fs"));
-            (void)::pthread_cancel(::pthread_self());
-        }
+        auto socket = std::make_unique<const TSocket>(StreamOf("fs"));
+        (void)::pthread_cancel(::pthread_self());
+        socket.reset();
         ::pthread_testcancel();
         return 1;
     });
