@@ -55,7 +55,7 @@ bool HasZeroByte(const std::string& text) {
     return text.find('\0') != std::string::npos;
 }
 
-in_addr ResolveHost(const std::string& host, const std::string& address) {
+KEST_LEFT_BY_CANCELLATION in_addr ResolveHost(const std::string& host, const std::string& address) {
     hostent entry{};
     hostent* found = nullptr;
     if (!HasZeroByte(host)) {
@@ -201,7 +201,7 @@ std::string TSocket::TAddress::GetHostAndPort(bool resolve) const {
     return host + ':' + std::to_string(static_cast<int>(ntohs(bytes.sin_port)));
 }
 
-const char* ip2name(in_addr address) {
+KEST_LEFT_BY_CANCELLATION const char* ip2name(in_addr address) {
     const in_addr_t number = ::inet_addr(::inet_ntoa(address));
     if (number == INADDR_NONE)
         return nullptr;

@@ -8,10 +8,8 @@ namespace Kest::System {
 
 /// Makes one look-up undivided and returns its result. The C library's look-ups keep a lock of their own when a cancellation cuts them
 /// off, and the next one would wait for it for ever; so a cancellation waits for the answer and is acted on right after it.
-///
-/// Not for AddressSanitizer, which would take what a cancellation leaves in this frame for guard bytes of later ones.
 template <class TCall>
-__attribute__((no_sanitize("address"))) auto _LookUp(const TCall& call) {
+KEST_LEFT_BY_CANCELLATION auto _LookUp(const TCall& call) {
     auto result = [&] {
         const _TCancellationOff off;
         return call();

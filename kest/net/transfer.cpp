@@ -1,3 +1,4 @@
+#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
 #include <kest/foundation/interval.h>
 #include <kest/foundation/time.h>
@@ -50,7 +51,7 @@ bool WouldBlock(int code) {
 
 /// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
 /// writable at once, and waiting for that would spin.
-void PauseForQueue() {
+KEST_LEFT_BY_CANCELLATION void PauseForQueue() {
     const timespec aMoment{0, 5000000}; // short beside any limit, long beside a call
     (void)::nanosleep(&aMoment, nullptr);
 }

@@ -81,9 +81,7 @@ bool TThreadInstance::Equals(const TThreadInstance& other) const {
     return ::pthread_equal(Handle, other.Handle) != 0;
 }
 
-// AddressSanitizer does not notice when a cancellation leaves a frame that has nothing to clean up: guard bytes in this one would stay
-// behind and be taken for those of the frames that come after it.
-__attribute__((no_sanitize("address"))) void TThreadInstance::Sleep(const double& seconds) {
+KEST_LEFT_BY_CANCELLATION void TThreadInstance::Sleep(const double& seconds) {
     if (seconds == EndlessTimeInterval) {
         const timespec aWhile{100, 0};
         for (;;)
