@@ -240,12 +240,13 @@ TEST_P(SocketTransfer, WaitsWorkForDescriptorsBeyondTheSystemsSets) {
         (void)::close(low);
         ASSERT_EQ(client.GetDescriptor(), number);
         client.SetReceiveTimeout(0.01);
-        client.SetSendTimeout(0.01);
+        client.SetSendTimeout(10.0);
         client.Connect(listener.Address);
         TAddress peer(Domain);
         TSocket server = listener.Socket.Accept(peer);
         EXPECT_KEST_THROW(client.Receive(&Byte, 1), ETimeout, Timeout);
-        EXPECT_TRUE(client.SelectWrite(0.01));
+        client.SetReceiveTimeout(10.0);
+        EXPECT_TRUE(client.SelectWrite(10.0));
         EXPECT_EQ(server.Send("x", 1), 1);
         EXPECT_EQ(client.Receive(&Byte, 1), 1);
         FillUp(client);
