@@ -43,7 +43,7 @@ public:
         std::string Protocol; ///< name in the system's protocol database: "tcp", "udp", "ip" for a family's own
     };
 
-    // A defaulted one may not have another exception specification in C++17: NOLINTNEXTLINE(modernize-use-equals-default)
+    // Defaulted, it could not be declared noexcept(false) in C++17: NOLINTNEXTLINE(modernize-use-equals-default)
     virtual ~TSocket() noexcept(false) {}
     virtual void SetBlocking(bool blocking) = 0;               ///< switches between blocking and non-blocking mode
     virtual void SetBroadcast(bool on) = 0;                    ///< allows sending to broadcast addresses
