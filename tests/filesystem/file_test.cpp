@@ -121,7 +121,8 @@ TEST(FileRename, WithinAFileSystem) {
         const std::string from = directory / each.From;
         const std::string to = directory / each.To;
         SCOPED_TRACE(testing::PrintToString(each.Before) + " " + each.From + " to " + each.To);
-        const std::string failure = Described("rename failed: from '" + from + "' to '" + to + "': ", each.Code);
+        const std::string failure =
+            Described(std::string("rename failed: from '").append(from).append("' to '").append(to).append("': "), each.Code);
         if (each.Code == 0)
             each.From == each.To ? _RenameHelper(from, to) : TFile::Rename(from, to); // one attempt is enough
         else
