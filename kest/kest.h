@@ -31,5 +31,6 @@
 #include <kest/threads/condition.h>
 #include <kest/threads/mutex.h>
 #include <kest/threads/thread.h>
+#include <kest/version.h>
 
 #endif
