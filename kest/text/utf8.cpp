@@ -1,105 +1,99 @@
 #include <kest/text/utf8.h>
 
+#include <kest/text/utf8_forms.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cwchar>
 
 namespace Kest::System {
 
 namespace {
 
-constexpr std::uint32_t Replacement = 0xFFFD;
+// The counted routines take 32-bit counts, a string may be longer. A form writes a few elements beyond its text: in a string there is room
+// for them, which is given up in the end; the last characters of a counted buffer are left to the plain rule of one form.
 
-// The counted routines take 32-bit counts, a string may be longer: these take any.
+constexpr std::size_t Slack = _TUTF8Form::Slack;
 
-std::size_t CountBytes(const wchar_t* text, std::size_t length) noexcept {
-    std::size_t bytes = 0;
-    for (std::size_t index = 0; index < length && text[index] != 0; ++index) {
-        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
-        const auto unit = static_cast<std::uint32_t>(text[index]);
-        bytes += unit <= 0x7F ? 1 : unit <= 0x7FF ? 2 : 3;
+/// Bytes of which the last step of a form leaves so many that they hold at least as many characters as it writes too many.
+constexpr std::size_t SlackOfBytes = _TUTF8Form::LongestStep + 3 * Slack;
+
+/// A longer result grows by stretches of this length, which the cache holds from when they are made until they are written.
+constexpr std::size_t StretchLength = 4096;
+
+std::basic_string<wchar_t> DecodeByStretches(const _TUTF8Form& form, const std::string& text, std::size_t characters) {
+    const char* source = text.data();
+    const char* const end = source + text.size();
+    std::basic_string<wchar_t> result;
+    result.reserve(characters + Slack);
+    while (result.size() < characters && source < end) {
+        const std::size_t count = result.size();
+        const std::size_t room = std::min(characters - count, StretchLength);
+        result.resize(count + room + Slack);
+        result.resize(count + form.Decode(source, end, end, result.data() + count, room));
     }
-    return bytes;
-}
-
-std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
-    std::size_t characters = 0;
-    for (std::size_t index = 0; index < length; ++index) {
-        const auto byte = static_cast<unsigned char>(text[index]);
-        characters += byte < 0x80 || byte > 0xC0 ? 1 : 0;
-    }
-    return characters;
-}
-
-void Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
-    for (std::size_t index = 0; index < length && text[index] != 0; ++index) {
-        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
-        const auto unit = static_cast<std::uint32_t>(text[index]);
-        if (unit <= 0x7F) {
-            *out++ = static_cast<char>(unit);
-        } else if (unit <= 0x7FF) {
-            *out++ = static_cast<char>(0xC0 | unit >> 6);
-            *out++ = static_cast<char>(0x80 | (unit & 0x3F));
-        } else {
-            *out++ = static_cast<char>(0xE0 | unit >> 12); // the low eight bits of it
-            *out++ = static_cast<char>(0x80 | (unit >> 6 & 0x3F));
-            *out++ = static_cast<char>(0x80 | (unit & 0x3F));
-        }
-    }
-}
-
-/// Bytes of the form that @p lead begins.
-constexpr std::size_t FormLength(unsigned char lead) noexcept {
-    return lead <= 0x7F ? 1 : lead <= 0xDF ? 2 : 3;
-}
-
-std::size_t Decode(const char* text, std::size_t length, wchar_t* out, std::size_t capacity) noexcept {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
-    std::size_t index = 0;
-    std::size_t count = 0;
-    while (index < length && count < capacity) {
-        const unsigned char lead = bytes[index];
-        const std::size_t form = FormLength(lead);
-        std::uint32_t value = lead;
-        if (form > length - index)
-            value = Replacement;
-        else if (form == 2)
-            value = ((lead & 0x1FU) << 6) + (bytes[index + 1] & 0x7FU);
-        else if (form == 3)
-            value = ((lead & 0x0FU) << 12) + ((bytes[index + 1] & 0x7FU) << 6) + (bytes[index + 2] & 0x7FU);
-        out[count++] = static_cast<wchar_t>(value);
-        index += form < length - index ? form : length - index;
-    }
-    return count;
+    result.resize(characters);
+    return result;
 }
 
 } // namespace
 
 unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int length) {
-    return static_cast<unsigned int>(CountBytes(text, length));
+    std::size_t units = length;
+    return static_cast<unsigned int>(_ChooseUTF8Form(units).CountBytes(text, units));
 }
 
 unsigned int _UTF8Length(const char* text, unsigned int length) {
-    return static_cast<unsigned int>(CountCharacters(text, length));
+    return static_cast<unsigned int>(_ChooseUTF8Form(length).CountCharacters(text, length));
 }
 
 void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength) {
-    Encode(text, length, out);
+    const wchar_t* const zero = std::wmemchr(text, 0, length);
+    const std::size_t units = zero != nullptr ? static_cast<std::size_t>(zero - text) : length;
+    char* place = out;
+    std::size_t index = 0;
+    if (units > Slack) {
+        index = units - Slack;
+        place = _ChooseUTF8Form(index).Encode(text, index, place);
+    }
+    for (; index < units; ++index)
+        _EncodeUTF8Form(static_cast<std::uint32_t>(text[index]), place);
     out[outLength] = 0;
 }
 
 unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, unsigned int outCapacity) {
-    return static_cast<unsigned int>(Decode(text, length, out, outCapacity));
+    const char* const end = text + length;
+    std::size_t count = 0;
+    if (length > SlackOfBytes && outCapacity > Slack)
+        count = _ChooseUTF8Form(length).Decode(text, end - SlackOfBytes, end, out, outCapacity - Slack);
+    while (text < end && count < outCapacity)
+        out[count++] = _DecodeUTF8Form(text, end);
+    return static_cast<unsigned int>(count);
 }
 
 std::basic_string<wchar_t> UTF8ToUCS(const std::string& text) {
-    std::basic_string<wchar_t> result(CountCharacters(text.data(), text.size()), 0);
-    (void)Decode(text.data(), text.size(), result.data(), result.size());
+    const _TUTF8Form& form = _ChooseUTF8Form(text.size());
+    const std::size_t characters = form.CountCharacters(text.data(), text.size());
+    if (characters > StretchLength)
+        return DecodeByStretches(form, text, characters);
+    std::basic_string<wchar_t> result(characters + Slack, 0);
+    const char* source = text.data();
+    const char* const end = source + text.size();
+    const std::size_t count = form.Decode(source, end, end, result.data(), characters);
+    if (count < characters)
+        std::fill(result.begin() + static_cast<std::ptrdiff_t>(count), result.end(), 0);
+    result.resize(characters);
     return result;
 }
 
 std::string UCSToUTF8(const std::basic_string<wchar_t>& text) {
-    std::string result(CountBytes(text.data(), text.size()), 0);
-    Encode(text.data(), text.size(), result.data());
+    std::size_t units = text.size();
+    const _TUTF8Form& form = _ChooseUTF8Form(units);
+    const std::size_t bytes = form.CountBytes(text.data(), units);
+    std::string result(bytes + Slack, 0);
+    (void)form.Encode(text.data(), units, result.data());
+    result.resize(bytes);
     return result;
 }
 

@@ -1,4 +1,5 @@
 #include <kest/text/utf8.h>
+#include <kest/text/utf8_forms.h>
 
 #include <gtest/gtest.h>
 
@@ -6,9 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -75,13 +78,44 @@ T* Edge() {
     return reinterpret_cast<T*>(edge);
 }
 
+/// The forms that this processor can use. They are built into the tests once more, since the library does not export them.
+std::vector<const _TUTF8Form*> UsableForms() {
+    std::size_t count = 0;
+    const _TUTF8Form* const* const forms = _GetUTF8Forms(count);
+    std::vector<const _TUTF8Form*> usable;
+    std::copy_if(forms, forms + count, std::back_inserter(usable), [](const _TUTF8Form* form) { return form->IsUsable(); });
+    return usable;
+}
+
+/// @p text decoded in pieces of at least @p room code units, as far as the forms that begin before @p limit.
+TWide DecodeInPieces(const _TUTF8Form& form, const char* text, const char* limit, const char* end, std::size_t room) {
+    TWide units;
+    while (text < limit && !testing::Test::HasFailure()) {
+        wchar_t* const out = Edge<wchar_t>() - (room + _TUTF8Form::Slack);
+        const char* const before = text;
+        const std::size_t count = form.Decode(text, limit, end, out, room);
+        EXPECT_TRUE(text > before && text <= end && count <= room + _TUTF8Form::Slack && (text >= limit || count >= room)) << form.Name;
+        units.append(out, count);
+    }
+    return units;
+}
+
 /// Checks every operation that reads UTF-8 against the model: the input ends at the edge of a page, and so does the room for the output.
 void CheckDecoding(const std::string& bytes) {
     const auto length = static_cast<unsigned>(bytes.size());
     const char* const text = static_cast<const char*>(std::memcpy(Edge<char>() - length, bytes.data(), length));
-    ASSERT_EQ(_UTF8Length(text, length), ModelOfLength(bytes)) << testing::PrintToString(bytes);
+    const char* const end = text + length;
     TWide expected = ModelOfDecoding(bytes);
-    for (const std::size_t capacity : {expected.size() + 1, expected.size(), expected.size() / 2, std::size_t{0}}) {
+    for (const _TUTF8Form* form : UsableForms()) {
+        SCOPED_TRACE(form->Name);
+        ASSERT_EQ(form->CountCharacters(text, length), ModelOfLength(bytes)) << testing::PrintToString(bytes);
+        for (const std::size_t room : {std::size_t{3}, std::size_t{50}, bytes.size() + 1})
+            ASSERT_EQ(DecodeInPieces(*form, text, end, end, room), expected) << room << testing::PrintToString(bytes);
+        const TWide half = DecodeInPieces(*form, text, text + length / 2, end, bytes.size() + 1);
+        ASSERT_EQ(half, expected.substr(0, half.size())) << testing::PrintToString(bytes);
+    }
+    ASSERT_EQ(_UTF8Length(text, length), ModelOfLength(bytes));
+    for (const std::size_t capacity : {expected.size() + 50, expected.size() + 1, expected.size(), expected.size() / 2, std::size_t{0}}) {
         wchar_t* const out = Edge<wchar_t>() - capacity;
         std::fill_n(out, capacity, L'?');
         const std::size_t count = _UCS2FromUTF8(text, length, out, static_cast<unsigned>(capacity));
@@ -97,6 +131,14 @@ void CheckEncoding(const TWide& units) {
     const auto length = static_cast<unsigned>(units.size());
     const wchar_t* const text = static_cast<const wchar_t*>(std::memcpy(Edge<wchar_t>() - length, units.data(), length * sizeof(wchar_t)));
     const std::string expected = ModelOfEncoding(units);
+    for (const _TUTF8Form* form : UsableForms()) {
+        SCOPED_TRACE(form->Name);
+        std::size_t count = length;
+        ASSERT_EQ(form->CountBytes(text, count), expected.size());
+        ASSERT_EQ(count, std::min(units.find(L'\0'), units.size()));
+        char* const out = Edge<char>() - (expected.size() + _TUTF8Form::Slack);
+        ASSERT_EQ(std::string(out, form->Encode(text, count, out)), expected);
+    }
     ASSERT_EQ(_UTF8LengthOfUCS2(text, length), expected.size());
     char* const out = Edge<char>() - (expected.size() + 1);
     std::fill_n(out, expected.size() + 1, '?');
@@ -126,22 +168,43 @@ TEST(UTF8, TextHasItsFixedRules) {
     EXPECT_EQ(UCSToUTF8({static_cast<wchar_t>(-1)}), "\xFF\xBF\xBF");
 }
 
-TEST(UTF8, AnyTextAtTheEdgeOfAPageConvertsLikeTheModel) {
+TEST(UTF8, AnyTextAtTheEdgeOfAPageConvertsLikeTheModelInEveryForm) {
     std::mt19937 random(42);
-    for (int lead = 0; lead < 256; ++lead)
-        for (std::size_t rest = 0; rest <= 4; ++rest)
-            CheckDecoding(std::string("A") + static_cast<char>(lead) + std::string(rest, static_cast<char>(random())));
-    const std::uint32_t byteMasks[] = {0xFF, 0xE3, 0xBF}; // the last two make some bytes frequent
-    const std::uint32_t unitMasks[] = {0x7F, 0x7FF, 0xFFF, 0xFFFF, 0x1FFFFF, 0xFFFFFFFF};
-    for (std::size_t length = 0; length <= 64; ++length)
-        for (int round = 0; round < 300 && !HasFatalFailure(); ++round) {
-            std::string bytes(length, 0);
-            std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() & byteMasks[round % 3]); });
-            CheckDecoding(bytes);
-            TWide units(length, 0);
-            std::generate(units.begin(), units.end(), [&] { return static_cast<wchar_t>(random() & unitMasks[random() % 6]); });
-            CheckEncoding(units);
+    for (unsigned lead = 0; lead < 256; ++lead)
+        for (unsigned place = 0; place < 64 && !HasFatalFailure(); ++place) {
+            std::string bytes(40, 'A');
+            bytes[place % 32] = static_cast<char>(lead);
+            std::fill_n(bytes.begin() + place % 32 + 1, random() % 5, static_cast<char>(random()));
+            CheckDecoding(bytes.substr(0, place < 32 ? bytes.size() : place % 32 + 1 + random() % 5));
         }
+    const std::uint32_t masks[] = {0x7F, 0xFF, 0x7FF, 0xFFF, 0xFFFF, 0xFFFFFFFF};
+    for (std::size_t length = 0; length <= 300; length += length < 70 ? 1 : 23)
+        for (unsigned round = 0; round < 120 && !HasFatalFailure(); ++round) {
+            TWide units(length, 0);
+            // Of one script or of several; a zero is in few of them.
+            const auto draw = [&] { return static_cast<std::uint32_t>(random()) & masks[round % 2 == 0 ? round / 2 % 6 : random() % 6]; };
+            std::generate(units.begin(), units.end(), [&] { return static_cast<wchar_t>(std::max(draw(), round % 3)); });
+            CheckEncoding(units);
+            std::string bytes = ModelOfEncoding(units);
+            CheckDecoding(bytes); // well formed, unless there are units beyond UCS-2
+            for (std::size_t changes = round % 4; changes > 0 && !bytes.empty(); --changes)
+                bytes[random() % bytes.size()] = static_cast<char>(random());
+            CheckDecoding(bytes.substr(0, bytes.size() - std::min<std::size_t>(bytes.size(), random() % 4)));
+        }
+}
+
+TEST(UTF8, LongTextsConvertInEveryForm) {
+    TWide units(100000, 0);
+    for (std::size_t index = 0; index < units.size(); ++index) // all ASCII, then one script after the other
+        units[index] = static_cast<wchar_t>(index < 50000 ? 'a' : index % 0x7FF0 / (index / 300 % 4 * 20 + 1) + 1);
+    const std::string bytes = ModelOfEncoding(units);
+    for (const _TUTF8Form* form : UsableForms()) {
+        std::size_t length = units.size();
+        EXPECT_EQ(form->CountBytes(units.data(), length), bytes.size()) << form->Name;
+        EXPECT_EQ(form->CountCharacters(bytes.data(), bytes.size()), units.size()) << form->Name;
+    }
+    EXPECT_TRUE(UTF8ToUCS(bytes) == units);
+    EXPECT_TRUE(UCSToUTF8(units) == bytes);
 }
 
 } // namespace
