@@ -2,6 +2,7 @@
 
 #include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
+#include <kest/text/system_name.h>
 #include <kest/text/system_text.h>
 #include <kest/threads/guard.h>
 
@@ -50,7 +51,7 @@ TDirectory::TEntry TDirectory::Read() {
             _Throw<EEnd>("end of directory");
         }
     }
-    TEntry entry(SystemToUTF8(Undelivered->d_name));
+    TEntry entry(_SystemNameToUTF8(Undelivered->d_name));
     Undelivered = nullptr;
     return entry;
 }

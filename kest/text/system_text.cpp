@@ -1,5 +1,7 @@
 #include <kest/text/system_text.h>
 
+#include <kest/text/system_name.h>
+
 namespace Kest::System {
 
 std::string UTF8ToSystem(const std::string& text) {
@@ -8,6 +10,10 @@ std::string UTF8ToSystem(const std::string& text) {
 
 std::string SystemToUTF8(const std::string& text) {
     return text;
+}
+
+std::string _SystemNameToUTF8(const char* name) {
+    return name;
 }
 
 bool IsUTF8SystemRepresentable(const std::string& text) {
