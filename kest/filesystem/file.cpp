@@ -5,13 +5,18 @@
 #include <kest/foundation/failure.h>
 #include <kest/text/system_text.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <istream>
+#include <memory>
+#include <ostream>
 #include <string_view>
 #include <utility>
 
+#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -25,29 +30,58 @@ bool IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// Closes both streams of a copy whichever way it ends. Closing may be a cancellation point, and a cancellation that was acted on in the
-/// streams' own destructors would be swallowed there, and the process ended for it.
-class TStreamCloser {
+/// A file smaller than this needs no more than the buffer that the standard library makes itself.
+constexpr std::int64_t SmallestLargeFile = 1 << 14;
+
+/// The buffer of a file stream, which tells its descriptor, as that of std::fstream does not.
+using TFileBuffer = __gnu_cxx::stdio_filebuf<char>;
+
+/// Closes both files of a copy whichever way it ends. Closing may be a cancellation point, and a cancellation that was acted on in the
+/// buffers' own destructors would be swallowed there, and the process ended for it.
+class TFileCloser {
 public:
-    TStreamCloser(std::ofstream& out, std::ifstream& in) : Out(out), In(in) {}
-    TStreamCloser(const TStreamCloser&) = delete;
-    TStreamCloser& operator=(const TStreamCloser&) = delete;
-    ~TStreamCloser() {
+    TFileCloser(TFileBuffer& out, TFileBuffer& in) : Out(out), In(in) {}
+    TFileCloser(const TFileCloser&) = delete;
+    TFileCloser& operator=(const TFileCloser&) = delete;
+    ~TFileCloser() {
         const _TCancellationOff off;
-        Out.close();
-        In.close();
+        (void)Out.close();
+        (void)In.close();
     }
 
 private:
-    std::ofstream& Out;
-    std::ifstream& In;
+    TFileBuffer& Out;
+    TFileBuffer& In;
 };
 
-/// Inserts everything that @p in has into @p out; true when all of it went out.
-bool InsertAll(std::ifstream& in, std::ofstream& out) {
-    constexpr int end = std::ifstream::traits_type::eof();
+/// Opens a file and tells whether it is open. A cancellation that arrives while the system opens one loses its descriptor, and emptying a
+/// large file takes its time, so cancellation is off for that; it stays on where opening may have to wait for somebody else.
+bool Open(TFileBuffer& file, const std::string& path, std::ios_base::openmode mode, bool mayWait) {
+    if (mayWait)
+        return file.open(path, mode | std::ios_base::binary) != nullptr;
+    const _TCancellationOff off;
+    return file.open(path, mode | std::ios_base::binary) != nullptr;
+}
+
+/// Lets the kernel move the next @p size bytes from file to file, until it refuses or there are none. Whatever stopped it: the descriptors
+/// stand behind what it moved, so that the streams go on from there and find the end of the file, or the error, themselves.
+KEST_LEFT_BY_CANCELLATION void MoveInKernel(TFileBuffer& in, TFileBuffer& out, std::int64_t size) {
+    constexpr std::int64_t most = 1 << 26; // a cancellation is acted on between two calls
+    while (size > 0) {
+        const ssize_t moved = ::copy_file_range(in.fd(), nullptr, out.fd(), nullptr, static_cast<std::size_t>(std::min(size, most)), 0);
+        if (moved == 0 || (moved < 0 && errno != EINTR))
+            return;
+        size -= std::max<ssize_t>(moved, 0);
+    }
+}
+
+/// Inserts everything that is left of @p inFile into @p outFile; true when all of it went out.
+bool InsertRest(TFileBuffer& inFile, TFileBuffer& outFile) {
+    constexpr int end = std::istream::traits_type::eof();
+    std::istream in(&inFile);
+    std::ostream out(&outFile);
     if (in.peek() != end) { // inserting nothing would count as a failure
-        out << in.rdbuf();
+        out << &inFile;
         // The insertion sets no bit when writing fails after the first byte, so the source must turn out to be at its end.
         (void)in.peek();
     }
@@ -155,21 +189,32 @@ void TFile::Copy(const std::string& from, const std::string& to) {
 /// Tells, also when it throws, whether the destination was opened, and so created or truncated.
 void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting) {
     const TState source(from);
+    const bool isRegular = S_ISREG(source.Status.st_mode);
     bool isComplete = false;
     {
-        std::ifstream in(UTF8ToSystem(from), std::ios_base::in | std::ios_base::binary);
+        constexpr std::size_t bufferSize = (1U << 17U) + 1; // the standard library reads one byte less than its buffer holds
+        const bool isLarge = !isRegular || source.Status.st_size >= SmallestLargeFile;
+        const std::unique_ptr<char[]> buffer(isLarge ? new char[bufferSize] : nullptr);
+        TFileBuffer in;
+        if (isLarge)
+            (void)in.pubsetbuf(buffer.get(), bufferSize);
         // Without a buffer nothing waits that closing would have to write: a cancelled thread would hang in that, with cancellation off,
         // at a pipe that nobody reads. A buffer of our own also means that no allocation can fail between opening and the note of it.
-        char unbuffered = 0; // outlives the stream
-        std::ofstream out;
-        out.rdbuf()->pubsetbuf(&unbuffered, 1);
-        const TStreamCloser closer(out, in);
+        char unbuffered = 0; // outlives the file
+        TFileBuffer out;
+        (void)out.pubsetbuf(&unbuffered, 1);
+        const TFileCloser closer(out, in);
+        const bool isReadable = Open(in, UTF8ToSystem(from), std::ios_base::in, !isRegular);
         const std::string systemTo = UTF8ToSystem(to);
         struct stat old {};
-        if (::stat(systemTo.c_str(), &old) != 0 || !IsSameFile(source.Status, old)) {
-            out.open(systemTo, std::ios_base::out | std::ios_base::binary);
-            isOpenedForWriting = out.is_open();
-            isComplete = isOpenedForWriting && InsertAll(in, out);
+        const bool isThere = ::stat(systemTo.c_str(), &old) == 0;
+        if (!isThere || !IsSameFile(source.Status, old)) {
+            isOpenedForWriting = Open(out, systemTo, std::ios_base::out, isThere && !S_ISREG(old.st_mode));
+            if (isOpenedForWriting && isReadable) {
+                if (isRegular)
+                    MoveInKernel(in, out, source.Status.st_size);
+                isComplete = InsertRest(in, out);
+            }
         }
     }
     if (!isComplete)
