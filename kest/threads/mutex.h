@@ -43,6 +43,7 @@ public:
 private:
     friend class TCondition; // waits on the system mutex and puts the bookkeeping aside meanwhile
 
+    /// @cond
     /// Count and owner, put aside while the object lives: for a wait, which gives the system mutex to others. A cancelled wait unwinds
     /// with the system mutex held again, so the destructor may write them.
     class _TBookkeepingAside {
@@ -57,9 +58,12 @@ private:
         const std::int32_t Count;
         const pthread_t Owner;
     };
+    /// @endcond
 
     bool IsMine() const;
     void NoteFirstEntry();
+    void NoteFurtherEntry();
+    __attribute__((noinline)) void EnterFirst(); // a function of its own, so that the other ways through Enter need no stack frame
 
     pthread_mutex_t Mutex;
     const bool Recursive;
