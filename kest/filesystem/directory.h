@@ -23,6 +23,7 @@ public:
     /// An entry: a value that does not refer back to its directory.
     class KEST_EXPORT TEntry : public Interface::TDirectory<System::TFile>::TEntry {
     public:
+        /// An entry of that name.
         explicit TEntry(std::string name) noexcept;
         ~TEntry() override;
         TEntry(const TEntry&) = default;

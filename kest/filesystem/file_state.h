@@ -33,9 +33,9 @@ public:
     /// Size in bytes.
     std::int64_t GetSize() const override;
 
-    double GetLastChangeTime() const override; ///< when the status changed last
-    double GetLastAccessTime() const override;
-    double GetLastModificationTime() const override;
+    double GetLastChangeTime() const override;       ///< when the status changed last
+    double GetLastAccessTime() const override;       ///< when it was read last, as far as the file system keeps that
+    double GetLastModificationTime() const override; ///< when its content changed last
 
     /// Sets the file's modification time to @p time, truncated toward zero to whole seconds, and its access time to what this object
     /// holds. A time that the file system cannot hold is stored as the nearest it can, without an error.

@@ -13,11 +13,12 @@ namespace Kest::System::Interface {
 template <class TFileClass>
 class KEST_EXPORT TDirectory {
 public:
-    using TFile = TFileClass;
+    using TFile = TFileClass; ///< the platform's class of files
 
     /// Thrown by a reader that has delivered its last entry.
     class KEST_EXPORT EEnd : public EException {
     public:
+        /// With the message @p text.
         explicit EEnd(const std::string& text) noexcept : EException(text) {}
     };
 

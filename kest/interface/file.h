@@ -24,14 +24,16 @@ public:
     class KEST_EXPORT TState {
     public:
         virtual ~TState() = default;
-        virtual TType GetType() const = 0;
-        virtual std::int64_t GetSize() const = 0; ///< in bytes
-        virtual double GetLastChangeTime() const = 0;
-        virtual double GetLastAccessTime() const = 0;
-        virtual double GetLastModificationTime() const = 0;
+        virtual TType GetType() const = 0;                  ///< what the file is
+        virtual std::int64_t GetSize() const = 0;           ///< in bytes
+        virtual double GetLastChangeTime() const = 0;       ///< when the status changed last
+        virtual double GetLastAccessTime() const = 0;       ///< when the file was read last
+        virtual double GetLastModificationTime() const = 0; ///< when the content changed last
 
-        /// Set one time of the file and keep the other as this object holds it.
+        /// Sets the modification time of the file and its access time to what this object holds.
         virtual void SetLastModificationTime(double time) = 0;
+
+        /// Sets the access time of the file and its modification time to what this object holds.
         virtual void SetLastAccessTime(double time) = 0;
 
     protected:

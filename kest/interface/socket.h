@@ -57,8 +57,10 @@ public:
     /// Sends; bytes sent, which are all with a send limit.
     virtual int Send(const void* data, unsigned size) = 0;
 
-    /// The same with the sender's address, which @p address becomes, and to the address @p address.
+    /// The same as Receive; @p address becomes the sender's.
     virtual int ReceiveFrom(void* buffer, unsigned size, TAddress& address) = 0;
+
+    /// The same as Send, to @p address.
     virtual int SendTo(const void* data, unsigned size, const TAddress& address) = 0;
 
     virtual void Bind(const TAddress& address) = 0;    ///< gives the socket its own address

@@ -46,7 +46,10 @@ public:
     ///                            or without a detail: the host is no dotted decimal address.
     TAddress(const std::string& domain, const std::string& address, bool resolve);
 
+    /// A copy of the domain and the bytes.
     TAddress(const TAddress& other);
+
+    /// Takes over the domain and a copy of the bytes of @p other. Unchanged where there is no memory for them.
     TAddress& operator=(const TAddress& other);
     ~TAddress() override;
 

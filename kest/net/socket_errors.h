@@ -28,6 +28,7 @@ namespace Kest::System::Interface::_Socket {
 class KEST_EXPORT EUnsupportedDomain : public EException {
 public:
     EUnsupportedDomain() noexcept : EException("unsupported socket domain (address family)") {}
+    /// With @p detail at the end of the message.
     explicit EUnsupportedDomain(const std::string& detail) noexcept : EException("unsupported socket domain (address family): " + detail) {}
 };
 
@@ -35,6 +36,7 @@ public:
 class KEST_EXPORT EUnsupportedType : public EException {
 public:
     EUnsupportedType() noexcept : EException("unsupported socket type") {}
+    /// With @p detail at the end of the message.
     explicit EUnsupportedType(const std::string& detail) noexcept : EException("unsupported socket type: " + detail) {}
 };
 
@@ -43,6 +45,7 @@ public:
 class KEST_EXPORT EUnsupportedProtocol : public EException {
 public:
     EUnsupportedProtocol() noexcept : EException("unsupported socket protocol") {}
+    /// With @p detail at the end of the message.
     explicit EUnsupportedProtocol(const std::string& detail) noexcept : EException("unsupported socket protocol: " + detail) {}
 };
 
@@ -50,6 +53,7 @@ public:
 class KEST_EXPORT EBadAddress : public EException {
 public:
     EBadAddress() noexcept : EException("bad socket address") {}
+    /// With @p detail at the end of the message.
     explicit EBadAddress(const std::string& detail) noexcept : EException("bad socket address: " + detail) {}
 };
 
@@ -57,6 +61,7 @@ public:
 class KEST_EXPORT EIOError : public EException {
 public:
     EIOError() noexcept : EException("socket IO error") {}
+    /// With @p detail at the end of the message.
     explicit EIOError(const std::string& detail) noexcept : EException("socket IO error: " + detail) {}
 };
 
@@ -64,6 +69,7 @@ public:
 class KEST_EXPORT ENotConnected : public EIOError {
 public:
     ENotConnected() noexcept : EIOError("socket not connected") {}
+    /// With @p detail at the end of the message.
     explicit ENotConnected(const std::string& detail) noexcept : EIOError("socket not connected: " + detail) {}
 };
 
@@ -71,6 +77,7 @@ public:
 class KEST_EXPORT EWouldBlock : public EIOError {
 public:
     EWouldBlock() noexcept : EIOError("non-blocking socket would block") {}
+    /// With @p detail at the end of the message.
     explicit EWouldBlock(const std::string& detail) noexcept : EIOError("non-blocking socket would block: " + detail) {}
 };
 
@@ -78,6 +85,7 @@ public:
 class KEST_EXPORT EAbort : public EIOError {
 public:
     EAbort() noexcept : EIOError("socket connection aborted") {}
+    /// With @p detail at the end of the message.
     explicit EAbort(const std::string& detail) noexcept : EIOError("socket connection aborted: " + detail) {}
 };
 
@@ -85,6 +93,7 @@ public:
 class KEST_EXPORT ETimeout : public EAbort {
 public:
     ETimeout() noexcept : EAbort("socket connection timeout") {}
+    /// With @p detail at the end of the message.
     explicit ETimeout(const std::string& detail) noexcept : EAbort("socket connection timeout: " + detail) {}
 };
 
@@ -92,6 +101,7 @@ public:
 class KEST_EXPORT EReset : public EAbort {
 public:
     EReset() noexcept : EAbort("socket connection was reset by remote side") {}
+    /// With @p detail at the end of the message.
     explicit EReset(const std::string& detail) noexcept : EAbort("socket connection was reset by remote side: " + detail) {}
 };
 
@@ -99,6 +109,7 @@ public:
 class KEST_EXPORT EShutdown : public EAbort {
 public:
     EShutdown() noexcept : EAbort("socket connection was shutdown'ed") {}
+    /// With @p detail at the end of the message.
     explicit EShutdown(const std::string& detail) noexcept : EAbort("socket connection was shutdown'ed: " + detail) {}
 };
 

@@ -11,6 +11,7 @@ namespace Kest::System {
 /// The socket is borrowed and must outlive the adapter.
 class KEST_EXPORT _TSocketStreamInterface : public _Gadgets::TStream::TInterface {
 public:
+    /// A transport over @p socket.
     explicit _TSocketStreamInterface(TSocket& socket) noexcept : Socket(&socket) {}
 
     /// What the socket's Receive returns; -1 for ETimeout, -2 for EShutdown, -3 for any other exception. No exception leaves it; a

@@ -21,6 +21,7 @@ public:
     TDLL& operator=(const TDLL&) = delete;
 
 protected:
+    /// Holds @p handle, which the derived class got from the loader and gives back to it.
     explicit TDLL(void* handle) noexcept : Handle(handle) {}
     ~TDLL() override = default;
 
