@@ -1,4 +1,5 @@
-# The headers, the library, the CMake package and kest.pc.
+# The headers, the library, the CMake package and kest.pc. Component "runtime" is what a program needs to run, "development" what it
+# needs to be built.
 include(CMakePackageConfigHelpers)
 
 # Headers that only the library's own sources include.
@@ -8,28 +9,33 @@ set(internal_headers
     foundation/interval.h
     net/descriptor_set.h
     net/lookup.h
+    text/system_name.h
+    text/utf8_forms.h
     threads/guard.h)
 
 file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${CMAKE_CURRENT_SOURCE_DIR}" "*.h" "*/*.h")
 list(REMOVE_ITEM headers ${internal_headers})
 foreach(header IN LISTS headers)
     get_filename_component(folder "${header}" DIRECTORY)
-    install(FILES "${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kest/${folder}")
+    install(FILES "${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kest/${folder}" COMPONENT development)
 endforeach()
 
-install(TARGETS kest EXPORT kestTargets
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+set(libraries kest)
+if(TARGET kest_static)
+    list(APPEND libraries kest_static)
+endif()
+install(TARGETS ${libraries} EXPORT kestTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
 
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/kest")
-install(EXPORT kestTargets NAMESPACE kest:: DESTINATION "${package_folder}")
+install(EXPORT kestTargets NAMESPACE kest:: DESTINATION "${package_folder}" COMPONENT development)
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/kestConfig.cmake.in" "${CMAKE_CURRENT_BINARY_DIR}/kestConfig.cmake"
     INSTALL_DESTINATION "${package_folder}" NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/kestConfigVersion.cmake"
     COMPATIBILITY SameMajorVersion)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kestConfig.cmake" "${CMAKE_CURRENT_BINARY_DIR}/kestConfigVersion.cmake"
-    DESTINATION "${package_folder}")
+    DESTINATION "${package_folder}" COMPONENT development)
 
 # kest.pc finds its prefix from where it lies, so the tree may be installed with another prefix, or moved.
 set(pc_folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
@@ -51,4 +57,4 @@ foreach(library IN LISTS CMAKE_DL_LIBS)
     string(APPEND PC_LIBS_PRIVATE " -l${library}")
 endforeach()
 configure_file("${PROJECT_SOURCE_DIR}/cmake/kest.pc.in" "${CMAKE_CURRENT_BINARY_DIR}/kest.pc" @ONLY)
-install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kest.pc" DESTINATION "${pc_folder}")
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kest.pc" DESTINATION "${pc_folder}" COMPONENT development)
