@@ -1,0 +1,358 @@
+#include "world.h"
+
+#include <kest/threads/guard.h>
+
+#include <atomic>
+#include <climits>
+#include <limits>
+#include <list>
+#include <utility>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::System::TMutex;
+using C = TCall;
+
+namespace {
+
+/// AddressSanitizer does not notice that a cancellation leaves frames: it is told that nothing below is guarded any more.
+__attribute__((no_sanitize("address"))) void ForgetLeftFrames() {
+#ifdef __SANITIZE_ADDRESS__
+    constexpr std::size_t deepest = 1 << 15;
+    __asan_unpoison_memory_region(static_cast<char*>(__builtin_frame_address(0)) - deepest, deepest);
+#endif
+}
+
+/// Asks the calling thread to end at its next cancellation point.
+void CancelMyself() {
+    (void)::pthread_cancel(::pthread_self());
+}
+
+/// What a cancellation point is once that has been asked.
+void EndMyself() {
+    CancelMyself();
+    ::pthread_testcancel();
+}
+
+/// A transport in which the calling thread is cancelled, at the first call.
+struct TTransport : Kest::_Gadgets::TStream::TInterface {
+    int Read(void*, unsigned) override {
+        Cancel();
+        return 0;
+    }
+    int Write(const void* bytes, unsigned size) override {
+        Cancel();
+        Written.append(static_cast<const char*>(bytes), size);
+        return static_cast<int>(size);
+    }
+    void Cancel() {
+        if (!std::exchange(IsCancelled, true))
+            CancelMyself();
+        ::pthread_testcancel();
+    }
+
+    bool IsCancelled = false;
+    std::string Written;
+};
+
+/// What the cancelled thread works on, and what its unwinding came to.
+struct TScene : TWorld {
+    explicit TScene(const TTree& tree) : TWorld(tree) { Other.Start(); }
+    ~TScene() { Go.Open(); }
+
+    /// In the frame from which the thread is to be unwound.
+    struct TWitness {
+        explicit TWitness(TScene& scene) : Scene(scene), Blocks(BlocksInUse), Locks(LocksHeld()) {}
+        TWitness(const TWitness&) = delete;
+        TWitness& operator=(const TWitness&) = delete;
+        ~TWitness() {
+            ForgetLeftFrames();
+            Scene.Leaked = {BlocksInUse - Blocks, LocksHeld() - Locks};
+        }
+        TScene& Scene;
+        const long Blocks;
+        const int Locks;
+    };
+
+    bool IsPast = false;
+    std::array<long, 2> Leaked{-1, -1}; ///< blocks and locks, once it is unwound
+    TMutex Plain{false}, Guard{true};
+    TCondition Condition;
+    TSocket Socket{StreamOf("fs")};
+    TTransport Transport;
+    TGate Go;
+    TFunctionThread Other{[this] { return Go.Wait(), 9; }};
+};
+
+struct TRow {
+    const char* Name;
+    std::function<void(TScene&)> Body; ///< blocks, or cancels its thread itself
+    bool Blocks = true;
+    std::function<void(TScene&)> After = [](TScene&) {};
+    TTree Before = {"from=content", "to=old"};
+};
+
+/// Waits in a guard that is entered so often, or once in one that is not recursive.
+std::function<void(TScene&)> Waiting(int entries, double limit) {
+    return [=](TScene& s) {
+        TMutex& guard = entries == 0 ? s.Plain : s.Guard;
+        std::list<_TScopedEntry> more;
+        const _TScopedEntry entry(guard);
+        for (int left = entries - 1; left > 0; --left)
+            more.emplace_back(guard);
+        limit < 0 ? s.Condition.Wait(guard) : (void)s.Condition.Wait(guard, limit);
+    };
+}
+
+void GuardIsFree(TScene& s) {
+    for (TMutex* guard : {&s.Plain, &s.Guard}) {
+        EXPECT_TRUE(OthersMayEnter(*guard));
+        const _TScopedEntry entry(*guard);
+        EXPECT_FALSE(s.Condition.Wait(*guard, 0.001));
+    }
+}
+
+[[maybe_unused]] void OtherEnds(TScene& s) {
+    s.Go.Open();
+    EXPECT_EQ(s.Other.WaitFor(), 9) << "the handle was not put back";
+}
+
+void ConnectToFull(TScene& s, double limit) {
+    const TFullListener listener("fs");
+    s.Socket.SetSendTimeout(limit);
+    s.Socket.Connect(listener.Address);
+}
+
+void SendToFull(TScene& s, double limit) {
+    TSocket receiver(DatagramOf("fs"));
+    const TAddress place("fs", s.Place / "receiver", false);
+    receiver.Bind(place);
+    TSocket sender(DatagramOf("fs"));
+    sender.SetBlocking(false);
+    try {
+        for (;;)
+            (void)sender.SendTo("x", 1, place);
+    } catch (const Interface::_Socket::EWouldBlock&) {
+    }
+    sender.SetBlocking(true);
+    sender.SetSendTimeout(limit);
+    (void)sender.SendTo("x", 1, place);
+}
+
+/// Makes the calling thread go by @p rules while it runs @p body.
+template <class TBody>
+std::function<void(TScene&)> By(const std::vector<TRule>& rules, TBody body) {
+    return [=](TScene& s) {
+        TPlan plan(rules);
+        plan.Run([&] { body(s); });
+    };
+}
+
+/// A stream with something pending, in which @p action cancels the thread.
+template <class TAction>
+std::function<void(TScene&)> Streaming(unsigned size, TAction action) {
+    return [=](TScene& s) {
+        Kest::_Gadgets::TStream stream(s.Transport, size);
+        stream << "pending";
+        action(stream);
+    };
+}
+
+/// Releases, which a cancellation that is pending must not disturb.
+template <class TBody>
+std::function<void(TScene&)> Releasing(TBody body) {
+    return [=](TScene& s) {
+        body(s);
+        s.IsPast = true;
+        TThreadInstance::Yield();
+    };
+}
+
+/// The same with a cancellation that is pending from the beginning.
+std::function<void(TScene&)> Pending(void (*body)()) {
+    return Releasing([=](TScene&) {
+        CancelMyself();
+        body();
+    });
+}
+
+template <class TBody>
+std::function<void(TScene&)> Limited(TBody body) {
+    return [=](TScene& s) {
+        for (TSocket* socket : {&s.Net.Server, &s.Net.Listener.Socket}) {
+            socket->SetReceiveTimeout(100.0);
+            socket->SetSendTimeout(100.0);
+        }
+        body(s);
+    };
+}
+
+void FillAndSelect(TScene& s) {
+    FillUp(s.Net.Server);
+    s.Net.Server.SelectWrite(100.0);
+}
+
+void FlushTooMuch(TScene& s) {
+    TSocket::TStream stream(s.Net.Server, 1 << 25);
+    stream << TooMuch() << std::flush;
+}
+
+void IsWritten(TScene& s) {
+    EXPECT_EQ(s.Transport.Written, "pending");
+}
+void IsWrittenAndPast(TScene& s) {
+    IsWritten(s);
+    EXPECT_TRUE(s.IsPast);
+}
+void IsPast(TScene& s) {
+    EXPECT_TRUE(s.IsPast);
+}
+void ModeIsBlocking(TScene& s) {
+    EXPECT_TRUE(IsInBlockingMode(s.Socket));
+}
+
+/// Keeps a pipe open at both ends, so that opening it does not block.
+struct THeldPipe {
+    explicit THeldPipe(const std::string& path) : Descriptor(::open(path.c_str(), O_RDWR)) {}
+    THeldPipe(const THeldPipe&) = delete;
+    THeldPipe& operator=(const THeldPipe&) = delete;
+    ~THeldPipe() { (void)::close(Descriptor); }
+    const int Descriptor;
+};
+
+[[maybe_unused]] const auto Copy = [](TScene& s) { TFile::Copy(s.From, s.To); };
+[[maybe_unused]] const auto Move = By({{C::rename, EXDEV}}, [](TScene& s) { TFile::Rename(s.From, s.To); });
+
+/// Does @p body while both ends of the pipe @p name are open, so that opening it does not block.
+template <class TBody>
+std::function<void(TScene&)> Held(const char* name, TBody body) {
+    return [=](TScene& s) {
+        const THeldPipe held(s.Place / name);
+        body(s);
+    };
+}
+
+[[maybe_unused]] std::function<void(TScene&)> TreeIs(const TTree& tree) {
+    return [=](TScene& s) { EXPECT_EQ(TreeOf(s.Place.GetPath()), tree); };
+}
+
+void Resolve(TScene&) {
+    (void)TAddress("inet", "127.0.0.1:1", false).Get(true);
+}
+
+char Byte;
+TAddress Peer("fs");
+const bool Itself = false;
+const double None = -1.0;
+[[maybe_unused]] const TTree PipeToFile = {"from|", "to=old"};
+[[maybe_unused]] const TTree FileToPipe = {"from=" + std::string(200000, 'x'), "to|"};
+const TRule CancelInAddressLookUp(C::gethostbyaddr, &CancelMyself);
+
+void ReceivesNext(TScene& s) {
+    s.Net.Client.Send("y", 1);
+    EXPECT_EQ(s.Net.Server.Receive(&Byte, 1), 1);
+}
+
+void AcceptsNext(TScene& s) {
+    s.Socket.Connect(s.Net.Listener.Address);
+    EXPECT_EQ(s.Net.Listener.Socket.Accept(Peer).SelectRead(0.001), false);
+}
+
+const TRow Rows[] = {
+    {"wait", Waiting(1, None), true, GuardIsFree},
+    {"wait, entered three times", Waiting(3, None), true, GuardIsFree},
+    {"wait, not recursive", Waiting(0, None), true, GuardIsFree},
+    {"wait, 0.0", Waiting(1, 0.0), true, GuardIsFree},
+    {"wait, 1000.0", Waiting(1, 1000.0), true, GuardIsFree},
+    {"wait, infinite, entered three times", Waiting(3, std::numeric_limits<double>::infinity()), true, GuardIsFree},
+    {"sleep, -0.0", [](TScene&) { TThreadInstance::Sleep(-0.0); }},
+    {"sleep, 1000.5", [](TScene&) { TThreadInstance::Sleep(1000.5); }},
+    {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
+#ifndef __SANITIZE_THREAD__ // whose own pthread_join does not bear it
+    {"wait for a thread", [](TScene& s) { s.Other.WaitFor(); }, true, OtherEnds},
+#endif
+    {"receive", [](TScene& s) { s.Net.Server.Receive(&Byte, 1); }, true, ReceivesNext},
+    {"receive from", [](TScene& s) { s.Net.Server.ReceiveFrom(&Byte, 1, Peer); }, true, ReceivesNext},
+    {"receive with a limit", Limited([](TScene& s) { s.Net.Server.Receive(&Byte, 1); }), true, ReceivesNext},
+    {"accept", [](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }, true, AcceptsNext},
+    {"accept with a limit", Limited([](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }), true, AcceptsNext},
+    {"send", [](TScene& s) { SendTooMuch(s.Net.Server); }},
+    {"send with a limit", Limited([](TScene& s) { SendTooMuch(s.Net.Server); })},
+    {"send to", [](TScene& s) { SendToFull(s, 0.0); }},
+    {"send to with a limit", [](TScene& s) { SendToFull(s, 100.0); }},
+    {"connect", [](TScene& s) { ConnectToFull(s, 0.0); }},
+    {"connect with a limit", [](TScene& s) { ConnectToFull(s, 100.0); }, true, ModeIsBlocking},
+    {"select to read", [](TScene& s) { s.Net.Server.SelectRead(100.0); }},
+    {"select to read, 0.0", [](TScene& s) { s.Net.Server.SelectRead(0.0); }},
+    {"select to write", FillAndSelect},
+    {"read from a socket's stream", [](TScene& s) { TSocket::TStream(s.Net.Server, 16).get(); }},
+    {"write to a socket's stream", [](TScene& s) { TSocket::TStream(s.Net.Server, 0) << TooMuch(); }},
+    {"flush of a socket's stream", By({TRule(C::send, EPIPE).At(2)}, FlushTooMuch)}, // the destructor tries it once more
+    // Between the steps of others.
+    {"look-up of a name", By({CancelInAddressLookUp}, Resolve), Itself, Resolve},
+    {"look-up of a protocol", By({{C::getprotobyname, &CancelMyself}}, [](TScene&) { TSocket{StreamOf("fs")}; }), Itself, Resolve},
+    {"look-up of a host", By({{C::gethostbyname2_r, &CancelMyself}}, [](TScene&) { TAddress("inet", "127.0.0.1:1", true); }), Itself},
+#ifndef __SANITIZE_ADDRESS__ // which looks at the stack on the way, before it can be told what was left
+    {"copy from a pipe that nobody opens", Copy, true, TreeIs(PipeToFile), PipeToFile},
+    {"copy from a silent pipe", Held("from", Copy), true, TreeIs({"from|", "to="}), PipeToFile},
+    {"copy to a pipe that nobody opens", Copy, true, TreeIs(FileToPipe), FileToPipe},
+    {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
+    {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
+    {"rename of a silent pipe", Held("from", Move), true, TreeIs({"from|"}), PipeToFile},
+#endif
+    // Streams over a transport that is cancelled: what is pending is written by the destructor.
+    {"refill", Streaming(16, [](auto& stream) { stream.get(); }), Itself, IsWritten},
+    {"refill without a buffer", [](TScene& s) { Kest::_Gadgets::TStream(s.Transport, 1).get(); }, Itself},
+    {"write without a buffer", Streaming(1, [](auto&) {}), Itself},
+    {"flush", Streaming(16, [](auto& stream) { stream.flush(); }), Itself, IsWritten},
+    {"destroying a buffer", Streaming(16, [](auto& stream) { stream.DestroyBuffer(); }), Itself, IsWritten},
+    {"another buffer", Streaming(16, [](auto& stream) { stream.allocate(4); }), Itself, IsWritten},
+    {"full buffer", Streaming(7, [](auto& stream) { stream << '!'; }), Itself, IsWritten},
+    // Releasing comes to its end, and the thread is cancelled at its next point.
+    {"stream's final flush", Releasing(Streaming(16, [](auto&) {})), Itself, IsWrittenAndPast},
+    {"flush from a sentry", Releasing(Streaming(16, [](auto& stream) { stream << std::unitbuf << ""; })), Itself, IsWrittenAndPast},
+    {"socket", Releasing([](TScene& s) {
+         const TSocket copy(s.Socket);
+         CancelMyself();
+     }),
+     Itself, IsPast},
+    {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
+    {"thread", Pending([] { TFunctionThread([] {}); }), Itself, IsPast},
+    {"library", Releasing(By({{C::dlopen, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
+};
+
+TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
+    (void)TooMuch(); // made here, not by a thread that counts its blocks
+    for (const TRow& row : Rows) {
+        SCOPED_TRACE(row.Name);
+        TScene scene(row.Before);
+        auto before = Resources();
+        before.back() = LONG_MAX; // memory is counted by each thread for itself
+        {
+            std::atomic<pid_t> number{0};
+            TFunctionThread thread([&] {
+                const TScene::TWitness witness(scene);
+                number = ::gettid();
+                row.Body(scene);
+            });
+            thread.Start();
+            if (row.Blocks) {
+                EXPECT_TRUE(FallsAsleep(number));
+                thread.Cancel();
+            }
+            EXPECT_EQ(thread.WaitFor(), -1);
+        }
+        EXPECT_EQ(scene.Leaked, (std::array<long, 2>{0, 0})) << "blocks and locks, or not unwound";
+        row.After(scene);
+        ExpectNothingLeaked(before);
+    }
+}
+
+} // namespace

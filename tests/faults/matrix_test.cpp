@@ -1,0 +1,276 @@
+#include "world.h"
+
+#include <kest/threads/guard.h>
+
+#include <netdb.h>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::System::TMutex;
+using C = TCall;
+
+namespace {
+
+const TTree Usual = {"from=content", "to=old"};
+const TTree Copied = {"from=content", "to=content"};
+const TTree Emptied = {"from=content", "to="};
+const TTree Alone = {"from=content"};
+
+/// An operation, what of it fails, and what comes of that: text for OutcomeOf() and Filled(), and the files afterwards.
+struct TRow {
+    template <class TOperation>
+    TRow(TRule rule, const char* operation, TOperation body, const char* outcome, TTree after = Usual)
+        : Rules{std::move(rule)}, Operation(operation), Body([body](TWorld& w) { return OutcomeOf([&] { return body(w); }); }),
+          Outcome(outcome), After(std::move(after)),
+          Case(NameOf(Rules[0].Call), operation, *outcome == 0 ? "no failure" : (*outcome == 'E' ? "`" : "the result `") + Outcome + '`') {}
+
+    /// Another rule that is in force meanwhile.
+    TRow With(TRule rule) const {
+        TRow row = *this;
+        row.Rules.push_back(std::move(rule));
+        return row;
+    }
+    TRow On(TTree tree) const {
+        TRow row = *this;
+        row.Before = std::move(tree);
+        return row;
+    }
+    /// The operation would not end, or not well, without the fault.
+    TRow Once() const {
+        TRow row = *this;
+        row.Again = false;
+        return row;
+    }
+
+    std::vector<TRule> Rules;
+    const char* Operation;
+    std::function<std::string(TWorld&)> Body;
+    std::string Outcome;
+    TTree After, Before = Usual;
+    bool Again = true;
+    TCase Case;
+};
+
+/// Waits, inside a recursive guard, without or with a limit that is over.
+void WaitInside(bool limited) {
+    TMutex mutex(true);
+    const _TScopedEntry entry(mutex);
+    limited ? (void)TCondition().Wait(mutex, -1.0) : TCondition().Wait(mutex);
+}
+
+bool TryRecursive() {
+    TMutex mutex(true);
+    const bool entered = mutex.TryEnter();
+    if (entered)
+        mutex.Leave();
+    return entered;
+}
+
+int ExitValue() {
+    TFunctionThread thread([] { return 5; });
+    thread.Start();
+    return thread.WaitFor();
+}
+
+/// Destroys a thread that is past its gate and that nobody waited for.
+void Abandon() {
+    struct TDetached : TThread {
+        int Run() override {
+            Inside->Open();
+            return 0;
+        }
+        std::shared_ptr<TGate> Inside = std::make_shared<TGate>();
+    };
+    const auto thread = std::make_unique<TDetached>();
+    const auto inside = thread->Inside;
+    thread->Start();
+    inside->Wait();
+}
+
+/// What a thread does, done by the calling one.
+std::intptr_t RunHere() {
+    TFunctionThread thread([] { return 7; });
+    thread.Start();
+    return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(&thread));
+}
+
+std::string ApplicationOf(TWorld& w) {
+    char* arguments[] = {const_cast<char*>(w.From.c_str()), nullptr};
+    return GetApplicationFileName(1, arguments);
+}
+
+const char Odd[] = "an odd text";
+char Registered[] = "registered";
+char* Addresses[] = {Registered, nullptr};
+const hostent Named{Registered, nullptr, AF_INET, 4, Addresses};
+const hostent Addressless{Registered, nullptr, AF_INET, 4, Addresses + 1};
+
+const char* const StateFailed = "EException: getting file state failed: WHY";
+const char* const TimeFailed = "EException: SetLastModificationTime failed: WHY";
+const char* const CopyError = "EException: file copy error: from FROM to TO";
+const char* const CopyFailed = "EException: cross device link: tryed to copy and remove: copy failed";
+const char* const RemoveFailed = "EException: cross device link: tryed to copy and remove: remove failed";
+const char* const RenameFailed = "EException: rename failed: from 'FROM' to 'TO': WHY";
+const char* const NoPath = "EException: realpath() failed";
+const char* const NoMode = "EException: socket blocking setup failure";
+const char* const BadAddress = "EBadAddress: bad socket address";
+const char* const NoHost = "EBadAddress: bad socket address: host not resolved: 127.0.0.1:1";
+
+const auto State = [](TWorld& w) { TFile::TState{w.From}; };
+const auto SetModification = [](TWorld& w) { TFile::TState(w.From).SetLastModificationTime(1); };
+const auto SetAccess = [](TWorld& w) { TFile::TState(w.From).SetLastAccessTime(1); };
+const auto Copy = [](TWorld& w) { TFile::Copy(w.From, w.To); };
+const auto Move = [](TWorld& w) { _RenameHelper(w.From, w.To); };
+const auto Open = [](TWorld& w) { TDirectory{w.Place.GetPath()}; };
+const auto Mutex = [](TWorld&) { TMutex{true}; };
+const auto Enter = [](TWorld&) { TryRecursive(); };
+const auto Condition = [](TWorld&) { TCondition{}; };
+const auto Socket = [](TWorld&) { TSocket{StreamOf("fs")}; };
+const auto Blocking = [](TWorld& w) { w.Net.Client.SetBlocking(true); };
+const auto Number = [](TWorld&) { return TAddress("inet", "127.0.0.1:1", false).Get(false); };
+const auto Name = [](TWorld&) { return TAddress("inet", "127.0.0.1:1", false).Get(true); };
+const auto Host = [](TWorld&) { TAddress("inet", "127.0.0.1:1", true); };
+const auto Library = [](TWorld&) { TDLL{"libc.so.6"}; };
+const TRule Far{C::rename, EXDEV}; ///< as between two file systems
+const TRule Apart{C::copy_file_range, EXDEV};
+
+const TRow Rows[] = {
+    // Files and directories.
+    {{C::stat, EACCES}, "TFile::TState", State, StateFailed},
+    {{C::utime, EPERM}, "SetLastModificationTime", SetModification, TimeFailed},
+    {{C::utime, EROFS}, "SetLastAccessTime", SetAccess, "EException: SetLastAccessTime failed: WHY"},
+    {TRule(C::stat, EACCES).At(1), "TFile::Copy, of the source", Copy, StateFailed},
+    {TRule(C::stat, EIO).At(3), "TFile::Copy, of the copy", Copy, StateFailed, Copied},
+    {{C::utime, EPERM}, "TFile::Copy", Copy, TimeFailed, Copied},
+    {TRule(C::open, EMFILE).At(2), "TFile::Copy, of the destination", Copy, CopyError},
+    {TRule(C::open, EACCES).At(1), "TFile::Copy, of the source", Copy, CopyError, Emptied},
+    TRow({C::read, EIO}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
+    TRow({C::write, ENOSPC}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
+    {{C::remove, EACCES}, "Remove", [](TWorld& w) { TFile::Remove(w.From); }, "EException: unable to remove file 'FROM': WHY"},
+    {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
+    TRow({C::unlink, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On({"from=content", "to&from"}),
+    {{C::lstat, EACCES}, "_RenameHelper, after it succeeded", Move, "", {"to=content"}},
+    TRow({C::faccessat, EACCES}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow(TRule(C::open, EMFILE).At(2), "_RenameHelper, over file systems, of the destination", Move, CopyFailed).With(Far),
+    TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
+    TRow({C::read, EIO}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
+    TRow({C::utime, EPERM}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far),
+    TRow(TRule(C::remove, EPERM).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow({C::remove, EPERM}, "_RenameHelper, over file systems, of a link in the way", Move, CopyFailed, {"from=content", "to->gone"})
+        .On({"from=content", "to->gone"})
+        .With(Far),
+    {{C::realpath, EACCES}, "GetFullPathName", [](TWorld& w) { return GetFullPathName(w.From); }, NoPath},
+    {{C::realpath, ELOOP}, "GetPathName", [](TWorld& w) { return TFile::GetPathName(w.From); }, NoPath},
+    {{C::fnmatch, 0}, "GetFileNameMatch", [](TWorld&) { return GetFileNameMatch("a", "*"); }, "0"},
+    {{C::opendir, EMFILE}, "TDirectory", Open, "EException: directory opening failed: WHY"},
+    {TRule(C::closedir, EIO).Made(), "~TDirectory", Open, ""},
+    {{C::mkdir, EACCES}, "Create", [](TWorld& w) { TDirectory::Create(w.Place / "d"); }, "EException: unable to create directory: WHY"},
+    TRow({C::rmdir, EBUSY}, "Remove", [](TWorld& w) { TDirectory::Remove(w.To); }, "EException: unable to remove directory: WHY", {"to/"})
+        .On({"to/"}),
+    {{C::getcwd, ERANGE}, "GetCurrent", [](TWorld&) { TDirectory::GetCurrent(); }, "EException: unable to get current directory: WHY"},
+    {{C::chdir, EACCES}, "Change", [](TWorld&) { TDirectory::Change("."); }, "EException: unable to set current directory to .: WHY"},
+    // Time, process and messages.
+    {{C::gettimeofday, EINVAL}, "GetCurrentTime", [](TWorld&) { GetCurrentTime(); }, "EException: WHY"},
+    {{C::localtime_r, EOVERFLOW}, "_UTCLocalTimeDifference", [](TWorld&) { return _UTCLocalTimeDifference(0); }, "0"},
+    TRow(
+        {C::nanosleep, EINTR}, "Sleep", [](TWorld&) { TThreadInstance::Sleep(1000.0); }, "")
+        .Once(),
+    {{C::getenv, 0}, "locale detection", [](TWorld&) { return _TSystemLocaleDetector().Encoding; }, "UTF-8"},
+    {{C::getenv, 0}, "GetApplicationFileName", ApplicationOf, "FROM"},
+    {{C::getpriority, ESRCH}, "GetProcessPriority", [](TWorld&) { GetProcessPriority(); }, "EException: WHY"},
+    {{C::setpriority, EACCES}, "SetProcessPriority", [](TWorld&) { SetProcessPriority(GetProcessPriority()); }, "EException: WHY"},
+    TRow({C::strerror, Odd}, "a message", Open, "EException: directory opening failed: an odd text").With({C::opendir, EIO}),
+    // Threads.
+    {TRule(C::pthread_mutexattr_init, ENOMEM).Made(), "TMutex", Mutex, ""},
+    {TRule(C::pthread_mutexattr_destroy, EINVAL).Made(), "TMutex", Mutex, ""},
+    {TRule(C::pthread_mutex_init, EAGAIN).Made(), "TMutex", Mutex, ""},
+    {TRule(C::pthread_mutex_destroy, EBUSY).Made(), "~TMutex", Mutex, ""},
+    TRow(
+        {C::pthread_mutex_lock, EINVAL}, "Enter", [](TWorld&) { TDirectory("/").Rewind(); }, "")
+        .With({C::pthread_mutex_unlock, EPERM}),
+    {{C::pthread_mutex_trylock, EBUSY}, "TryEnter", [](TWorld&) { return TryRecursive(); }, "0"},
+    TRow(TRule(C::pthread_mutex_unlock, EPERM), "Leave", Enter, "").With(TRule(C::pthread_mutex_trylock, 0)),
+    {{C::pthread_cond_init, ENOMEM}, "TCondition", Condition, "EException: initialization of condition failed: WHY"},
+    TRow(
+        {C::pthread_cond_wait, EPERM}, "Wait", [](TWorld&) { WaitInside(false); }, "EException: condition wait failed: WHY")
+        .Once(),
+    {{C::pthread_cond_timedwait, EPERM},
+     "Wait with a limit",
+     [](TWorld&) { WaitInside(true); },
+     "EException: condition timed wait failure: pthread_cond_timedwait: WHY"},
+    {{C::gettimeofday, EFAULT},
+     "Wait with a limit",
+     [](TWorld&) { WaitInside(true); },
+     "EException: condition timed wait failure: gettimeofday: WHY"},
+    {{C::pthread_cond_signal, EINVAL}, "Signal", [](TWorld&) { TCondition().Signal(); }, ""},
+    {{C::pthread_cond_broadcast, EINVAL}, "Broadcast", [](TWorld&) { TCondition().Broadcast(); }, ""},
+    {TRule(C::pthread_cond_destroy, EBUSY).Made(), "~TCondition", Condition, ""},
+    {{C::pthread_create, EAGAIN}, "TThread", [](TWorld&) { TFunctionThread{[] {}}; }, "EException: thread creation error"},
+    {TRule(C::pthread_join, EDEADLK).Made(), "WaitFor", [](TWorld&) { return ExitValue(); }, "0"},
+    {TRule(C::pthread_detach, ESRCH).Made(), "~TThread", [](TWorld&) { Abandon(); }, ""},
+    {{C::pthread_cancel, ESRCH}, "Cancel", [](TWorld&) { TFunctionThread([] {}).Cancel(); }, "EException: thread cancelation failed"},
+    TRow(
+        {C::sigprocmask, EINVAL}, "the start of a thread", [](TWorld&) { return RunHere(); }, "7")
+        .Once(),
+    // Sockets.
+    {{C::socket, EMFILE}, "TSocket", Socket, "EException: socket creation error"},
+    {{C::getprotobyname, 0}, "TSocket", Socket, "EUnsupportedProtocol: unsupported socket protocol"},
+    {TRule(C::close, EIO).Made(), "~TSocket", Socket, "EException: socket closing failed"},
+    {{C::shutdown, ENOTCONN}, "~TSocket", Socket, ""},
+    {TRule(C::fcntl, EBADF).At(1), "SetBlocking, asking for the mode", Blocking, NoMode},
+    {TRule(C::fcntl, EBADF).At(2), "SetBlocking, setting the mode", Blocking, NoMode},
+    {{C::setsockopt, EPERM},
+     "SetBroadcast",
+     [](TWorld& w) { w.Net.Client.SetBroadcast(true); },
+     "EException: socket broadcast setup failure"},
+    {{C::setsockopt, EPERM},
+     "SetReuseAddress",
+     [](TWorld& w) { w.Net.Client.SetReuseAddress(true); },
+     "EException: socket reuseaddr setup failure"},
+    {{C::setsockopt, EPERM}, "SetSendBufferSize", [](TWorld& w) { w.Net.Client.SetSendBufferSize(9000); }, "EException: setsockopt failed"},
+    {{C::getsockopt, EPERM},
+     "SetReceiveBufferSize",
+     [](TWorld& w) { w.Net.Client.SetReceiveBufferSize(9000); },
+     "EException: getsockopt failed"},
+    {{C::bind, EADDRINUSE},
+     "Bind",
+     [](TWorld& w) { TSocket(StreamOf("fs")).Bind(TAddress("fs", w.From + "2", false)); },
+     "EException: socket bind failed: FROM2",
+     Usual},
+    {{C::listen, EADDRINUSE}, "Listen", [](TWorld& w) { w.Net.Listener.Socket.Listen(0); }, "EException: socket listen failed"},
+    // Addresses and the loader.
+    {{C::gethostbyname2_r, ERANGE}, "TAddress of a name", Host, NoHost},
+    {TRule(C::gethostbyname2_r, 0).Giving(0), "TAddress of a name without an entry", Host, NoHost},
+    {TRule(C::inet_pton, 0).Giving(0), "TAddress of what is no number", Number, BadAddress},
+    {{C::inet_pton, EAFNOSUPPORT}, "TAddress of a number", Number, BadAddress},
+    {{C::inet_ntop, ENOSPC}, "Get(false)", Number, BadAddress},
+    {{C::gethostbyaddr, 0}, "Get(true)", Name, BadAddress},
+    {{C::gethostbyaddr, &Addressless}, "Get(true) of a host without an address", Name, BadAddress},
+    TRow({C::inet_addr, 0}, "Get(true)", Name, BadAddress).With({C::gethostbyaddr, &Named}),
+    TRow({C::dlopen, 0}, "TDLL", Library, "EException: an odd text").With(TRule(C::dlerror, Odd).At(1)),
+    TRow({C::dlerror, 0}, "TDLL, for its message", Library, "EException: ").With({C::dlopen, 0}),
+    {TRule(C::dlclose, 0).Made(), "~TDLL", Library, ""},
+};
+
+TEST(Fault, EachCallThatFailsHasItsOutcomeAndLeaksNothing) {
+    for (const TRow& row : Rows) {
+        const TRule& rule = row.Rules[0];
+        SCOPED_TRACE(std::string(NameOf(rule.Call)) + " in " + row.Operation);
+        TWorld world(row.Before);
+        TPlan plan(row.Rules);
+        const std::string expected = Filled(row.Outcome, world, rule.Code);
+        std::string outcome(1000, '\0'); // so that it needs no memory any more
+        const auto before = Resources();
+        outcome.assign(plan.Run([&] { return row.Body(world); }).c_str());
+        ExpectNothingLeaked(before);
+        EXPECT_EQ(outcome, expected);
+        EXPECT_GE(plan.CountOf(rule.Call), rule.From) << "not called";
+        EXPECT_EQ(TreeOf(world.Place.GetPath()), row.After);
+        if (row.Again && row.After == row.Before) {
+            outcome = row.Body(world);
+            EXPECT_EQ(outcome.find(": "), std::string::npos) << "afterwards: " << outcome;
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,226 @@
+#include "world.h"
+
+#include <kest/foundation/failure.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::EException;
+
+namespace {
+
+/// Runs an action without memory and, if that made it fail, with memory a check and then the action once more.
+using TAttempt = std::function<void(const std::function<void()>& action, const std::function<void()>& check)>;
+
+enum TEnd { Success, Failure, NoMemory = 42, Terminated }; ///< of a child process
+
+/// An operation: simply one, or one that makes its attempt between what it prepares and what it checks.
+struct TRow {
+    template <class TBody>
+    TRow(const char* name, TBody body, bool composes = false) : Name(name), Composes(composes) {
+        if constexpr (std::is_invocable_v<TBody, TWorld&, const TAttempt&>)
+            Operation = body;
+        else
+            Operation = [body](TWorld& w, const TAttempt& attempt) { attempt([&] { body(w); }, {}); };
+    }
+
+    const char* Name;
+    std::function<void(TWorld&, const TAttempt&)> Operation;
+    bool Composes; ///< a message, for want of which the process ends; otherwise the allocation's exception leaves
+};
+
+struct TSink : Kest::_Gadgets::TStream::TInterface {
+    TSink() { Written.reserve(100); } // what is written needs no memory
+    int Read(void*, unsigned) override { return 0; }
+    int Write(const void* bytes, unsigned size) override {
+        Written.append(static_cast<const char*>(bytes), size);
+        return static_cast<int>(size);
+    }
+    std::string Written;
+};
+
+const std::string Long(60, 'x'); ///< too long for a string without memory
+
+void AllocateStream(TWorld&, const TAttempt& attempt) {
+    TSink sink;
+    Kest::_Gadgets::TStream stream(sink, 8);
+    stream << "pending";
+    attempt([&] { stream.allocate(32); },
+            [&] {
+                EXPECT_EQ(sink.Written, "pending");
+                EXPECT_EQ(stream.rdbuf()->sgetc(), -1) << "there are no buffers";
+                EXPECT_EQ(stream.rdbuf()->sputc('x'), -1);
+            });
+    stream << "and more" << std::flush;
+    EXPECT_EQ(sink.Written, "pendingand more");
+}
+
+void Accept(TWorld& w, const TAttempt& attempt) {
+    TSocket client(StreamOf("fs"));
+    client.Connect(w.Net.Listener.Address);
+    TAddress peer("inet", "127.0.0.1:7", false);
+    attempt([&] { const TSocket socket = w.Net.Listener.Socket.Accept(peer); }, [&] { EXPECT_EQ(peer.Get(false), "127.0.0.1:7"); });
+}
+
+void ReceiveFrom(TWorld& w, const TAttempt& attempt) {
+    char byte = 0;
+    TAddress sender("fs");
+    attempt([&] { EXPECT_EQ(w.Net.Client.ReceiveFrom(&byte, 1, sender), 1); }, {});
+    EXPECT_EQ(byte, 's') << "nothing was taken before";
+}
+
+void ReadDirectory(TWorld& w, const TAttempt& attempt) {
+    WriteFile(w.Place / Long, "");
+    TDirectory directory(w.Place.GetPath());
+    int count = 0;
+    attempt(
+        [&] {
+            for (; count < 5; ++count)
+                (void)directory.Read();
+        },
+        {});
+    EXPECT_THROW(directory.Read(), TDirectory::EEnd);
+}
+
+void AssignAddress(TWorld&, const TAttempt& attempt) {
+    const TAddress from("fs", Long, false);
+    TAddress to("inet", "1.2.3.4:5", false);
+    attempt([&] { to = from; }, [&] { EXPECT_EQ(to.Get(false), "1.2.3.4:5"); });
+    EXPECT_EQ(to.Get(false), Long);
+}
+
+void MoveFar(TWorld& w, const TAttempt& attempt) {
+    TPlan plan({{TCall::rename, EXDEV}});
+    attempt([&] { plan.Run([&] { TFile::Rename(w.From, w.To); }); }, {});
+    EXPECT_LE(plan.CountOf(TCall::rename), 2) << "tried again without memory";
+    EXPECT_EQ(TreeOf(w.Place.GetPath()), TTree{"to=content"});
+}
+
+void ReachTheEnd(TWorld&, const TAttempt& attempt) {
+    TPlan plan({{TCall::readdir, 0}});
+    TDirectory directory("/");
+    attempt([&] { EXPECT_THROW(plan.Run([&] { directory.Read(); }), TDirectory::EEnd); }, {});
+}
+
+void LoseThePeer(TWorld& w, const TAttempt& attempt) {
+    TPlan plan({{TCall::send, ECONNRESET}});
+    attempt([&] { EXPECT_THROW(plan.Run([&] { w.Net.Client.Send("x", 1); }), Interface::_Socket::EReset); }, {});
+}
+
+void DetectLocale(TWorld&, const TAttempt& attempt) {
+    (void)::setenv("LANG", (Long + '_' + Long + '.' + Long).c_str(), 1);
+    attempt([] { EXPECT_EQ(_TSystemLocaleDetector().Encoding, "UTF-8"); }, {});
+}
+
+void Describe(TWorld&) {
+    errno = EPROTONOSUPPORT;
+    EXPECT_EQ(_GetLastErrorDescription(), std::strerror(EPROTONOSUPPORT));
+}
+
+void GoAndTell(TWorld& w) {
+    TDirectory::Change(w.Place.GetPath());
+    EXPECT_EQ(TDirectory::GetCurrent(), w.Place.GetPath());
+}
+
+const bool Composes = true;
+
+const TRow Rows[] = {
+    {"file state", [](TWorld& w) { TFile::TState{w.From}; }},
+    {"full path", [](TWorld& w) { (void)TFile::GetPathName(w.Place / "../../etc"); }},
+    {"copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }},
+    {"rename", [](TWorld& w) { TFile::Rename(w.From, w.To); }},
+    {"rename over file systems", MoveFar},
+    {"directory", [](TWorld& w) { TDirectory{w.Place.GetPath()}; }},
+    {"directory's entries", ReadDirectory},
+    {"current directory", GoAndTell},
+    {"accept", Accept},
+    {"receive from", ReceiveFrom},
+    {"socket's stream", [](TWorld& w) { TSocket::TStream(w.Net.Client, 16).get(); }},
+    {"address", [](TWorld&) { (void)TAddress("inet", "127.0.0.1:1", true).Get(true); }},
+    {"address of a path", [](TWorld&) { (void)TAddress(TAddress("fs", Long, false)).Get(false); }},
+    {"address assigned", AssignAddress},
+    {"stream's buffers", AllocateStream},
+    {"thread", [](TWorld&) { TFunctionThread([] {}).Start(); }},
+    {"text", [](TWorld&) { (void)UCSToUTF8(UTF8ToUCS(Long)); }},
+    {"exception", [](TWorld&) { EException{Long}; }, Composes},
+    {"joining",
+     [](TWorld&) {
+         (void)_JoinMessage({Long, Long});
+     },
+     Composes},
+    {"description", Describe, Composes},
+    {"locale", DetectLocale},
+    {"missing file", [](TWorld&) { EXPECT_THROW(TFile::Remove("gone"), EException); }, Composes},
+    {"end of directory", ReachTheEnd, Composes},
+    {"failed transfer", LoseThePeer, Composes},
+    {"missing library", [](TWorld&) { EXPECT_THROW(TDLL{Long}, EException); }, Composes},
+};
+
+/// How @p row ends when the memory for @p allocations is there.
+TEnd EndOf(const TRow& row, long allocations) {
+    SCOPED_TRACE("with memory for " + std::to_string(allocations) + " allocations");
+    TWorld world;
+    bool isEnough = true;
+    row.Operation(world, [&](const std::function<void()>& action, const std::function<void()>& check) {
+        const auto before = Resources();
+        try {
+            const TFailingNew failing(allocations);
+            action();
+        } catch (const std::bad_alloc&) {
+            isEnough = false;
+        }
+        ExpectNothingLeaked(before);
+        if (isEnough)
+            return;
+        if (check)
+            check();
+        action();
+    });
+    return isEnough ? Success : NoMemory;
+}
+
+/// The result of @p body in a process of its own, which may be terminated.
+int InProcess(const std::function<TEnd()>& body) {
+    std::fflush(nullptr);
+    const bool hasFailed = testing::Test::HasFailure();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::set_terminate([] { ::_exit(Terminated); });
+        const TEnd end = body();
+        std::fflush(nullptr);
+        ::_exit(testing::Test::HasFailure() && !hasFailed ? Failure : end);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : Failure;
+}
+
+TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
+    (void)TAddress("inet", "127.0.0.1:1", true).Get(true); // what is made on first use
+    for (const TRow& row : Rows) {
+        SCOPED_TRACE(row.Name);
+        const auto withMoreAndMore = [&row] {
+            long allocations = 0;
+            while (EndOf(row, allocations) != Success)
+                ++allocations;
+            EXPECT_GT(allocations, 0) << "needs no memory";
+            return Success;
+        };
+        bool isTerminated = false;
+        int end = row.Composes ? NoMemory : InProcess(withMoreAndMore);
+        for (long allocations = 0; row.Composes && (end == NoMemory || end == Terminated); ++allocations) {
+            end = InProcess([&] { return EndOf(row, allocations); });
+            isTerminated = isTerminated || end == Terminated;
+        }
+        EXPECT_EQ(end, Success);
+        EXPECT_EQ(isTerminated, row.Composes);
+    }
+}
+
+} // namespace

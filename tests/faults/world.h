@@ -1,0 +1,98 @@
+#ifndef KEST_TESTS_FAULTS_WORLD_H
+#define KEST_TESTS_FAULTS_WORLD_H
+
+#include "calls.h"
+#include <filesystem/files.h>
+#include <support/descriptors.h>
+#include <support/failing_new.h>
+#include <support/sockets.h>
+
+#include <kest/kest.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <typeinfo>
+#include <vector>
+
+namespace Kest::Test {
+
+/// Something for every operation to work on.
+struct TWorld {
+    explicit TWorld(const TTree& tree = {"from=content", "to=old"}) {
+        Make(Place.GetPath(), tree);
+        (void)Net.Server.Send("some", 4);
+    }
+
+    TTemporaryDirectory Place;
+    const std::string From = Place / "from";
+    const std::string To = Place / "to";
+    TConnection Net{"fs"}; ///< the client has something to receive
+};
+
+/// What an operation may leak: descriptors, threads, locks and blocks of the heap, the last two as far as the calling thread can tell.
+inline std::array<long, 4> Resources() {
+    using std::filesystem::directory_iterator;
+    return {OpenDescriptors(), std::distance(directory_iterator("/proc/self/task"), directory_iterator()), LocksHeld(), BlocksInUse};
+}
+
+/// Checks that nothing is left of an operation. A thread that was waited for is still listed for a moment.
+inline void ExpectNothingLeaked(std::array<long, 4> before) {
+    for (int round = 0; round < 10000 && Resources()[1] > before[1]; ++round)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto after = Resources();
+    for (const std::size_t index : {1U, 3U})
+        before[index] = std::min(before[index], after[index]); // what an operation ends or releases is its own affair
+    EXPECT_EQ(after, before) << "descriptors, threads, locks, blocks of the heap";
+}
+
+/// What comes of an operation: its result as text, or "class: message" of its exception, without the prefix that all messages have.
+template <class TAction>
+std::string OutcomeOf(const TAction& action) {
+    const auto thrown = [] {
+        const std::unique_ptr<char, decltype(&std::free)> name(
+            abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr, nullptr, nullptr), &std::free);
+        const std::string whole = name.get();
+        return whole.substr(whole.rfind(':') + 1);
+    };
+    try {
+        if constexpr (std::is_void_v<decltype(action())>) {
+            action();
+            return "";
+        } else if constexpr (std::is_arithmetic_v<decltype(action())>) {
+            return std::to_string(action());
+        } else {
+            return action();
+        }
+    } catch (const EException& exception) {
+        const std::string& message = exception.GetMessage();
+        return thrown() + ": " + (message.rfind("Kest: ", 0) == 0 ? message.substr(6) : "without prefix: " + message);
+    } catch (const std::exception&) {
+        return thrown();
+    }
+}
+
+/// @p text with the words FROM, TO and WHY replaced by the paths of @p world and the description of @p code.
+inline std::string Filled(std::string text, const TWorld& world, int code) {
+    const std::pair<const char*, std::string> words[] = {{"FROM", world.From}, {"TO", world.To}, {"WHY", std::strerror(code)}};
+    for (const auto& [word, value] : words)
+        for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos; at += value.size())
+            text.replace(at, std::strlen(word), value);
+    return text;
+}
+
+} // namespace Kest::Test
+
+#endif
