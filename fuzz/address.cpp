@@ -89,7 +89,7 @@ void CheckAccepted(const std::string& domain, const TAddress& address, const std
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider input(data, size);
-    const unsigned int choice = input.ConsumeIntegralInRange<unsigned int>(0, 7);
+    const auto choice = input.ConsumeIntegralInRange<unsigned int>(0, 7);
     const std::string known[] = {"inet", "inet", "inet", "inet", "fs", "ipx", ""};
     const std::string domain = choice < 7 ? known[choice] : input.ConsumeRandomLengthString(8);
     const std::string text = input.ConsumeRemainingBytesAsString();

@@ -1,7 +1,6 @@
 // A stream over a transport beside a model of it: any operations, sizes and answers of the transport.
 #include "fuzz.h"
-
-#include <support/stream_model.h>
+#include "stream_model.h"
 
 #include <vector>
 

@@ -1,15 +1,8 @@
 #include <kest/filesystem/file_state.h>
 
 #include "files.h"
-#include <support/message.h>
-#include <support/temporary_directory.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <cmath>
-#include <filesystem>
-#include <string>
 
 using namespace Kest::Test;
 using namespace Kest::System;

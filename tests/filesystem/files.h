@@ -2,20 +2,16 @@
 #define KEST_TESTS_FILESYSTEM_FILES_H
 
 #include <support/helper_thread.h>
+#include <support/message.h>
 #include <support/temporary_directory.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <random>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 #include <fcntl.h>
@@ -25,11 +21,6 @@
 #include <unistd.h>
 
 namespace Kest::Test {
-
-/// The message of a failure that ends with the system's description.
-inline std::string Described(const std::string& what, int code) {
-    return "Kest: " + what + std::strerror(code);
-}
 
 inline void Ensure(bool condition, const std::string& what) {
     if (!condition)

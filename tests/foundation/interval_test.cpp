@@ -23,17 +23,12 @@ TEST(Interval, SplitsIntoWholeSecondsAndAFractionTowardZero) {
         std::int64_t Whole;
         long Nanoseconds;
     } cases[] = {{0.5, 0, 500000000},
-                 {2.0, 2, 0},
-                 {1.25, 1, 250000000},
                  {Below1, 0, 999999999},
                  {-0.25, 0, -250000000},
-                 {-1.5, -1, -500000000}, // refused by the system, which is what a negative interval is for
+                 {-1.5, -1, -500000000},
                  {NaN, -1, 0},
-                 {5e9, 5000000000, 0},
                  {Infinity, Max, 0},
                  {-Infinity, Min, 0},
-                 {1e300, Max, 0},
-                 {-1e300, Min, 0},
                  {LargestWhole, Max - 1023, 0},
                  {9223372036854775808.0, Max, 0},
                  {-9223372036854775808.0, Min, 0}};
@@ -46,15 +41,6 @@ TEST(Interval, SplitsIntoWholeSecondsAndAFractionTowardZero) {
         EXPECT_EQ(val.tv_sec, each.Whole);
         EXPECT_EQ(val.tv_usec, each.Nanoseconds / 1000);
     }
-}
-
-TEST(Interval, TruncationIsTowardZeroAndCutToTheRange) {
-    const struct {
-        double Value;
-        std::int64_t Expected;
-    } cases[] = {{12.9, 12}, {-12.9, -12}, {-0.5, 0}, {NaN, 77}, {1e19, Max}, {-1e19, Min}, {Infinity, Max}, {LargestWhole, Max - 1023}};
-    for (const auto& each : cases)
-        EXPECT_EQ(Interval::Truncate(each.Value, 77), each.Expected) << each.Value;
 }
 
 TEST(Interval, DeadlineCarriesAndEndsWithTime) {
@@ -71,11 +57,8 @@ TEST(Interval, DeadlineCarriesAndEndsWithTime) {
                  {100, 0, 3e9, 3000000100, 0},
                  {100, 7, 1e-12, 100, 7000}, // no longer than it takes to ask
                  {100, 0, -0.25, 0, 0},
-                 {100, 0, -1e300, 0, 0},
                  {100, 0, NaN, 0, 0},
-                 {100, 0, -Infinity, 0, 0},
                  {100, 0, Infinity, Max, 0},
-                 {100, 0, 1e300, Max, 0},
                  {2000, 0, LargestWhole, Max, 0}, // one second later than can be counted
                  {1000, 0, LargestWhole, Max - 23, 0}};
     for (const auto& each : cases) {
@@ -87,12 +70,6 @@ TEST(Interval, DeadlineCarriesAndEndsWithTime) {
         EXPECT_EQ(deadline.tv_sec, each.Expected);
         EXPECT_EQ(deadline.tv_nsec, each.Nanoseconds);
     }
-    timeval now{};
-    now.tv_usec = 999999;
-    const timespec deadline = Interval::ToDeadline(now, Below1);
-    EXPECT_EQ(deadline.tv_sec, 1);
-    EXPECT_GE(deadline.tv_nsec, 999998999); // the 32-bit target calculates more precisely and truncates to one less
-    EXPECT_LE(deadline.tv_nsec, 999999000);
 }
 
 } // namespace

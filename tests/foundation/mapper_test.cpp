@@ -7,7 +7,7 @@
 #include <limits>
 #include <type_traits>
 
-using Kest::Test::Slot;
+using Kest::Test::Slots;
 using TPriorityMapper = Kest::System::_Template::TMetaPriorityRangeMapper<int, 20, -20>;
 
 namespace {
@@ -58,12 +58,9 @@ TEST(Mapper, ArithmeticWraps) {
 }
 
 TEST(Mapper, OperationsKeepTheirPlaces) {
-    EXPECT_EQ(Slot(&TPriorityMapper::GetAA), 0);
-    EXPECT_EQ(Slot(&TPriorityMapper::GetAB), 1);
-    EXPECT_EQ(Slot(&TPriorityMapper::GetBA), 2);
-    EXPECT_EQ(Slot(&TPriorityMapper::GetBB), 3);
-    EXPECT_EQ(Slot(&TPriorityMapper::GetA), 4);
-    EXPECT_EQ(Slot(&TPriorityMapper::GetB), 5);
+    EXPECT_EQ(Slots(&TPriorityMapper::GetAA, &TPriorityMapper::GetAB, &TPriorityMapper::GetBA, &TPriorityMapper::GetBB,
+                    &TPriorityMapper::GetA, &TPriorityMapper::GetB),
+              (std::vector{0, 1, 2, 3, 4, 5}));
 }
 
 } // namespace

@@ -1,24 +1,14 @@
 #include <kest/foundation/stream.h>
 
-#include "support/failing_new.h"
-#include "support/helper_thread.h"
+#include "fuzz/stream_model.h"
 #include "support/slot.h"
-#include "support/stream_model.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <deque>
 #include <limits>
-#include <memory>
 #include <random>
-#include <sstream>
-#include <stdexcept>
-#include <string>
 #include <type_traits>
-
-#include <pthread.h>
-#include <unistd.h>
 
 using namespace Kest::Test;
 
@@ -29,25 +19,20 @@ static_assert(!std::is_copy_constructible_v<TStream> && std::has_virtual_destruc
 
 constexpr int Throws = std::numeric_limits<int>::min(); ///< as an answer of a scripted transport
 
-/// What a scripted Read does: deliver bytes, over as many calls as it takes, or return a code.
-struct TAnswer {
-    TAnswer(int code) : Code(code) {}
-    TAnswer(const char* data) : Data(data) {}
-    int Code = 0;
-    std::string Data;
-};
-
-/// Answers by its script, after whose end it has no data and takes everything, and writes down each call.
+/// Answers by its script, after whose end it has no data and takes everything, and writes down each call. A read gives bytes, over as
+/// many calls as they take, or a code, which is written as "0" or "-2".
 class TScript final : public TStream::TInterface {
 public:
-    explicit TScript(std::deque<TAnswer> reads = {}, std::deque<int> writes = {}) : Reads(std::move(reads)), Writes(std::move(writes)) {}
+    explicit TScript(std::deque<std::string> reads = {}, std::deque<int> writes = {})
+        : Reads(std::move(reads)), Writes(std::move(writes)) {}
 
     int Read(void* buffer, unsigned int size) override {
         Log += "R" + std::to_string(size) + " ";
         if (Reads.empty())
             return 0;
-        std::string& data = Reads.front().Data;
-        const int result = data.empty() ? Reads.front().Code : static_cast<int>(data.copy(static_cast<char*>(buffer), size));
+        std::string& data = Reads.front();
+        const bool isCode = data == "0" || data[0] == '-';
+        const int result = isCode ? std::stoi(std::exchange(data, "")) : static_cast<int>(data.copy(static_cast<char*>(buffer), size));
         if (data.erase(0, size).empty())
             Reads.pop_front();
         return result;
@@ -67,7 +52,7 @@ public:
     std::string TakeLog() { return std::exchange(Log, std::string()); }
 
 private:
-    std::deque<TAnswer> Reads;
+    std::deque<std::string> Reads;
     std::deque<int> Writes;
     std::string Log;
 };
@@ -87,37 +72,26 @@ TEST(Stream, MakesTheseTransportCalls) {
     const struct {
         const char* Name;
         unsigned int Size;
-        std::deque<TAnswer> Reads;
+        std::deque<std::string> Reads;
         std::deque<int> Writes;
         const char *Operations, *Results, *Log; // the log up to and including the destructor
     } cases[] = {
         // clang-format off
         {"a refill asks for the whole buffer", 2, {"abc"}, {}, "r1 r1 r1 o", "a b c 0", "R2 R2 "},
-        {"what was read is used up first", 8, {"abc", "d"}, {}, "r4 o", "abcd 0", "R8 R8 "},
-        {"a long read", 4, {"abcdefghij"}, {}, "r10 o", "abcdefghij 0", "R4 R4 R4 "},
-        {"looking consumes nothing", 8, {"ab"}, {}, "p p r2", "97 97 ab", "R8 "},
-        {"without a buffer it does", 1, {"abc"}, {}, "p p r1", "97 98 c", "R1 R1 R1 "},
         {"the last byte value is no end", 2, {"\xFF\xFE"}, {}, "p g G", "255 255 254", "R2 "},
-        {"nor without a buffer", 1, {"\xFF\xFF"}, {}, "g P W\xFF", "255 255 255", "R1 R1 W[\xFF] "},
-        {"no data ends the reading until it is cleared", 4, {0, "x"}, {}, "g o g c g o", "-1 ef0 -1 120 0", "R4 R4 "},
-        {"no data sets no bit by itself", 4, {0}, {}, "P o", "-1 0", "R4 "},
-        {"nor without a buffer", 1, {0}, {}, "P o", "-1 0", "R1 "},
-        {"a failed read, a good one, whose caller clears the bit", 4, {-2, "x"}, {}, "P o P o", "-1 f-2 120 f0", "R4 R4 "},
-        {"the same without a buffer", 1, {-2, 0}, {}, "P o P o", "-1 f-2 -1 f0", "R1 R1 "},
-        {"input stays while output is collected", 8, {"abc"}, {}, "r1 wxy r1", "a b", "R8 W[xy] "},
+        {"no data ends the reading until it is cleared", 4, {"0", "x"}, {}, "g o g c g o", "-1 ef0 -1 120 0", "R4 R4 "},
+        {"a failed read, a good one, whose caller clears the bit", 4, {"-2", "x"}, {}, "P o P o", "-1 f-2 120 f0", "R4 R4 "},
         {"a flush drops what was read ahead", 8, {"abc", "def"}, {}, "r1 f r1", "a d", "R8 R8 "},
-        {"one that fails does too", 8, {"abc", "def"}, {-1}, "r1 wx F o P o", "a 0 f-1 100 f0", "R8 W[x] R8 W[x] "},
         {"output waits for a full buffer", 4, {}, {}, "w123456789 f f o", "0", "W[1234] W[5678] W[9] "},
         {"a flush offers once and the rest comes first", 8, {}, {3}, "w12345678 f w9 f o", "0", "W[12345678] W[456789] "},
-        {"a full buffer offers once and has room then", 4, {}, {1, 1}, "w123456 o", "0", "W[1234] W[2345] W[3456] "},
         {"nothing taken from a full buffer loses nothing", 4, {}, {0}, "W12345 o w6 o", "4 0 0", "W[1234] W[1234] W[6] "},
-        {"nothing taken by a flush sets no bit", 4, {}, {0}, "w1 F o", "0 0", "W[1] W[1] "},
-        {"a failed flush keeps the output", 4, {}, {-2}, "w12 F o F o", "0 f-2 0 f0", "W[12] W[12] "},
         {"each character without a buffer", 1, {}, {1, 0, -3}, "Wa Wb o Wc o", "97 -1 0 -1 f-3", "W[a] W[b] W[c] "},
-        {"a flush without a buffer has nothing to do", 1, {}, {}, "f F o", "0 0", ""},
         {"putting back within what was read", 8, {"ab"}, {}, "r1 u r1 u u o", "a a b0", "R8 "},
         {"no buffers, no calls", 4, {"abc", "d"}, {}, "i r1 wx d P G W1 W12 F d o i i wy r1", "0 a -1 -1 -1 0 0 0 1 0 d",
             "R4 W[x] W[y] R1 "},
+        {"a size that means no buffer", 0, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
+        {"another one", 0x80000000u, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
+        {"and another", 0xFFFFFFFFu, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
         // clang-format on
     };
     for (const auto& each : cases) {
@@ -129,24 +103,6 @@ TEST(Stream, MakesTheseTransportCalls) {
         }
         EXPECT_EQ(script.TakeLog(), each.Log);
     }
-}
-
-TEST(Stream, SizesThatMeanNoBuffer) {
-    for (const unsigned int size : {0u, 1u, 0x80000000u, 0xFFFFFFFFu}) {
-        SCOPED_TRACE(size);
-        TScript script({"ab"});
-        TStream stream(script, size);
-        EXPECT_EQ(PerformAll(stream, "o wxy r2"), "0 ab");
-        EXPECT_EQ(script.TakeLog(), "W[x] W[y] R1 R1 ");
-    }
-}
-
-TEST(Stream, HasNoPositions) {
-    TScript script;
-    TStream stream(script, 8);
-    EXPECT_EQ(stream.tellg(), std::streampos(-1));
-    EXPECT_TRUE(stream.good());
-    EXPECT_TRUE(stream.seekg(0).fail());
 }
 
 TEST(Stream, NewBuffersBeginAfreshWhateverTheOldOnesCameTo) {
@@ -168,7 +124,7 @@ TEST(Stream, NewBuffersBeginAfreshWhateverTheOldOnesCameTo) {
 
 TEST(Stream, StateExceptionsAreThrownWhenEnabledButNotByTheDestructor) {
     for (const int answer : {-2, Throws}) {
-        TScript script({-3}, {-1, answer});
+        TScript script({"-3"}, {-1, answer});
         {
             TStream stream(script, 4);
             stream.exceptions(std::ios::failbit);
@@ -197,35 +153,6 @@ TEST(Stream, FlushFromASentryEndsNoProcess) {
     }
 }
 
-TEST(Stream, NoMemoryForABufferLeaksNothingAndLeavesAStreamWithoutBuffers) {
-    for (const int successes : {0, 1}) {
-        SCOPED_TRACE(successes);
-        TScript script({"abc"});
-        const long before = BlocksInUse;
-        EXPECT_THROW(
-            {
-                const TFailingNew failing(successes);
-                TStream stream(script, 64);
-            },
-            std::bad_alloc);
-        EXPECT_EQ(BlocksInUse, before);
-        {
-            TStream stream(script, 64);
-            stream << "x";
-            EXPECT_THROW(
-                {
-                    const TFailingNew failing(successes);
-                    stream.allocate(32);
-                },
-                std::bad_alloc);
-            EXPECT_EQ(BlocksInUse, before); // the old buffers are gone
-            EXPECT_EQ(PerformAll(stream, "P Wx a32 r3"), "-1 -1 abc");
-        }
-        EXPECT_EQ(script.TakeLog(), "W[x] R32 ");
-        EXPECT_EQ(BlocksInUse, before);
-    }
-}
-
 TEST(Stream, OperationsReachEachOtherThroughTheTable) {
     struct TDerived : TStream {
         using TStream::TStream;
@@ -241,13 +168,12 @@ TEST(Stream, OperationsReachEachOtherThroughTheTable) {
     stream.doallocate();
     stream.uflow();
     EXPECT_EQ(stream.Log, "sync overflow allocate underflow ");
-    EXPECT_EQ(Slot(&TStream::doallocate), 14); // behind the destructor and the twelve operations of a stream buffer
-    EXPECT_EQ(Slot(&TStream::allocate), 15);
-    EXPECT_EQ(Slot(&TStream::TInterface::Read), 0);
-    EXPECT_EQ(Slot(&TStream::TInterface::Write), 1);
+    EXPECT_EQ(stream.tellg(), std::streampos(-1));
+    EXPECT_TRUE(stream.seekg(0).fail());
+    // Behind the destructor and the twelve operations of a stream buffer.
+    EXPECT_EQ(Slots(&TStream::doallocate, &TStream::allocate), (std::vector{14, 15}));
+    EXPECT_EQ(Slots(&TStream::TInterface::Read, &TStream::TInterface::Write), (std::vector{0, 1}));
 }
-
-// A random walk beside a model.
 
 TEST(Stream, BehavesLikeTheModel) {
     for (unsigned int seed = 1; seed <= 60; ++seed) {
@@ -268,115 +194,6 @@ TEST(Stream, BehavesLikeTheModel) {
         }
         const auto [actual, expected] = walk.End();
         ASSERT_EQ(actual, expected) << "in the destructor, seed " << seed;
-    }
-}
-
-// Cancellation.
-
-class TFunctionTransport final : public TStream::TInterface {
-public:
-    TFunctionTransport(std::function<void()> beforeRead, std::function<void()> beforeWrite)
-        : BeforeRead(std::move(beforeRead)), BeforeWrite(std::move(beforeWrite)) {}
-
-    int Read(void*, unsigned int) override { return BeforeRead(), 0; }
-    int Write(const void* buffer, unsigned int size) override {
-        BeforeWrite();
-        Written.append(static_cast<const char*>(buffer), size);
-        return static_cast<int>(size);
-    }
-
-    std::string Written;
-
-private:
-    std::function<void()> BeforeRead, BeforeWrite;
-};
-
-/// Blocks in a read, which is a cancellation point, for ever.
-void Block(TGate& begun) {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::pipe(ends), 0);
-    struct TCloser {
-        ~TCloser() { ::close(Ends[0]), ::close(Ends[1]); }
-        int* Ends;
-    } closer{ends};
-    begun.Open();
-    char byte = 0;
-    (void)!::read(ends[0], &byte, 1);
-}
-
-TEST(StreamCancellation, InARefillUnwindsAndWritesWhatIsPending) {
-    for (const unsigned int size : {1u, 16u}) {
-        SCOPED_TRACE(size);
-        TGate reading;
-        TFunctionTransport transport{[&] { Block(reading); }, [] { ::pthread_testcancel(); }};
-        bool returned = false;
-        TFunctionThread thread([&] {
-            TStream stream(transport, size);
-            stream << "pending";
-            std::string line;
-            std::getline(stream, line);
-            returned = true;
-        });
-        thread.Start();
-        reading.Wait();
-        thread.Cancel();
-        EXPECT_EQ(thread.WaitFor(), -1);
-        EXPECT_FALSE(returned);
-        EXPECT_EQ(transport.Written, "pending");
-    }
-}
-
-TEST(StreamCancellation, InAFlushUnwindsAndTheDestructorTriesAgain) {
-    void (*const acts[])(TStream&) = {
-        [](TStream& stream) { stream.flush(); },
-        [](TStream& stream) { stream.DestroyBuffer(); },
-        [](TStream& stream) { stream.allocate(4); },
-        [](TStream& stream) { stream << "more than there is room for"; },
-    };
-    for (const auto act : acts) {
-        TGate writing;
-        bool isFirst = true, returned = false;
-        TFunctionTransport transport{[] {},
-                                     [&] {
-                                         if (std::exchange(isFirst, false))
-                                             Block(writing);
-                                     }};
-        TFunctionThread thread([&] {
-            TStream stream(transport, 7);
-            stream << "pending";
-            act(stream);
-            returned = true;
-        });
-        thread.Start();
-        writing.Wait();
-        thread.Cancel();
-        EXPECT_EQ(thread.WaitFor(), -1);
-        EXPECT_FALSE(returned);
-        EXPECT_EQ(transport.Written, "pending");
-    }
-}
-
-TEST(StreamCancellation, WaitsWhileADestructorFlushes) {
-    for (const bool isUnitBuffered : {false, true}) {
-        SCOPED_TRACE(isUnitBuffered);
-        TFunctionTransport transport{[] {}, [] { ::pthread_testcancel(); }};
-        int reached = 0;
-        TFunctionThread thread([&] {
-            auto stream = std::make_unique<TStream>(transport, 16);
-            ::pthread_cancel(::pthread_self());
-            if (isUnitBuffered)
-                *stream << std::unitbuf; // the sentry's destructor flushes
-            *stream << "pending";
-            reached = 1;
-            stream.reset();
-            reached = 2;
-            ::pthread_testcancel();
-            reached = 3;
-        });
-        thread.Start();
-        EXPECT_EQ(thread.WaitFor(), -1);
-        EXPECT_EQ(reached, 2);
-        EXPECT_EQ(transport.Written, "pending");
     }
 }
 

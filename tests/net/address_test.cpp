@@ -1,12 +1,12 @@
 #include <kest/net/address.h>
 
-#include <support/helper_thread.h>
-#include <support/message.h>
+#include <kest/threads/guard.h>
+
 #include <support/sockets.h>
 
 #include <functional>
+#include <future>
 #include <memory>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,20 +21,9 @@ namespace {
 
 const std::string Bad = "Kest: bad socket address";
 const std::string BadDomain = "Kest: unsupported socket domain (address family): ";
-const in_addr Loopback{htonl(INADDR_LOOPBACK)};
-const in_addr Nameless{INADDR_NONE};
 
 TSocket::TMutex& ResolverLock() {
     return _Gadgets::TSingleton<TSocket::TMutex>::GetObject();
-}
-
-std::string LoopbackName() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr = Loopback;
-    char name[NI_MAXHOST] = "";
-    EXPECT_EQ(::getnameinfo(reinterpret_cast<sockaddr*>(&address), sizeof address, name, sizeof name, nullptr, 0, NI_NAMEREQD), 0);
-    return name;
 }
 
 TEST(SocketAddress, PortIsTheLow16BitsOfTheNumberAfterTheFirstColon) {
@@ -43,8 +32,6 @@ TEST(SocketAddress, PortIsTheLow16BitsOfTheNumberAfterTheFirstColon) {
         const char* Expected;
     } cases[] = {
         {"10.0.0.1:8080", "10.0.0.1:8080"},
-        {"255.255.255.255:65535", "255.255.255.255:65535"},
-        {"0.0.0.0:0", "0.0.0.0:0"},
         {"10.0.0.1:8080abc", "10.0.0.1:8080"},
         {"10.0.0.1:x", "10.0.0.1:0"},
         {"10.0.0.1:0x10", "10.0.0.1:0"},
@@ -54,10 +41,7 @@ TEST(SocketAddress, PortIsTheLow16BitsOfTheNumberAfterTheFirstColon) {
         {"10.0.0.1:-1", "10.0.0.1:65535"},
         {"10.0.0.1:80:90", "10.0.0.1:80"},
         {"10.0.0.1::", "10.0.0.1:0"}, // the second colon is the last character, the first is not
-        {std::string("10.0.0.1:8\0"
-                     "0",
-                     12),
-         "10.0.0.1:8"},
+        {std::string("10.0.0.1:8") + '\0' + '0', "10.0.0.1:8"},
         {"10.0.0.1:" + std::string(251, '0') + "81", "10.0.0.1:81"}, // 262 characters
     };
     for (const auto& each : cases) {
@@ -77,7 +61,6 @@ TEST(SocketAddress, WhatIsNoAddressIsRefusedWithItsReason) {
         std::string Message;
     } cases[] = {
         {"", false, format},
-        {":", false, format + ":"},
         {"10.0.0.1", true, format + "10.0.0.1"},
         {"10.0.0.1:", false, format + "10.0.0.1:"},
         {"localhost:", true, format + "localhost:"},
@@ -86,7 +69,6 @@ TEST(SocketAddress, WhatIsNoAddressIsRefusedWithItsReason) {
         {"10.0.0.1:" + std::string(254, '0'), true, tooLong}, // 263 characters
         {"localhost:80", false, Bad},
         {":80", false, Bad},
-        {"a:b:c", false, Bad},
         {"10.0.1:80", false, Bad}, // what inet_aton would take
         {" 10.0.0.1:80", false, Bad},
         {std::string("10.0.0.1\0x:80", 13), false, Bad},
@@ -124,21 +106,18 @@ TEST(SocketAddress, EmptyOneIsSixteenZeroBytes) {
     socket.Connect(TAddress("inet", NameOf(socket), false));
     EXPECT_EQ(socket.Send("x", 1), 1);
     socket.Connect(TAddress("ipx")); // family 0 ends the association, any other family is refused here
-    EXPECT_KEST_THROW(socket.Send("x", 1), EException, SystemMessage(EDESTADDRREQ));
+    EXPECT_KEST_THROW(socket.Send("x", 1), EException, Described("", EDESTADDRREQ));
 }
 
-TEST(SocketAddress, PathIsKeptWhole) {
-    for (const std::string& path :
-         {std::string(), std::string("/tmp/sock"), std::string("a:b c\xC3\xA4"), std::string(300, 'p'), std::string(70000, 'p')}) {
+TEST(SocketAddress, PathIsKeptWholeAndBehindItAZero) {
+    for (const std::string& path : {std::string(), std::string("a:b c\xC3\xA4"), std::string(300, 'p'), std::string(70000, 'p')}) {
         EXPECT_EQ(TAddress("fs", path, false).Get(false), path);
         EXPECT_EQ(TAddress("fs", path, true).Get(true), path);
     }
     EXPECT_EQ(TAddress("fs", std::string("left\0right", 10), false).Get(false), "left");
-}
 
-TEST(SocketAddress, BytesOfAPathAreTheFamilyThePathAndAZero) {
     // A name outside the file system, which the system takes and returns byte for byte.
-    const std::string name = std::string(1, '\0') + "kest-test-" + std::to_string(::getpid());
+    const std::string name = '\0' + ("kest-test-" + std::to_string(::getpid()));
     TSocket socket(DatagramOf("fs"));
     socket.Bind(TAddress("fs", name, false));
     EXPECT_EQ(NameOf(socket), name) << "NameOf leaves out the last byte";
@@ -164,61 +143,38 @@ TEST(SocketAddress, CopiesOutliveWhatTheyWereMadeFrom) {
     EXPECT_EQ(longer.Get(false), path);
 }
 
-TEST(SocketAddress, NameIsTheRegisteredOne) {
-    EXPECT_EQ(TAddress("inet", "127.0.0.1:7", false).Get(true), LoopbackName() + ":7");
-    ResolverLock().Enter();
-    EXPECT_STREQ(ip2name(Loopback), LoopbackName().c_str());
-    EXPECT_EQ(ip2name(Nameless), nullptr);
-    ResolverLock().Leave();
-}
-
-TEST(SocketAddress, LookUpThatFailsOrIsCancelledLeavesTheResolverLockFree) {
+TEST(SocketAddress, NameIsTheRegisteredOneAndALookUpThatFailsLeavesTheResolverLockFree) {
+    const in_addr loopback{htonl(INADDR_LOOPBACK)};
+    const std::string name = ::gethostbyaddr(&loopback, sizeof loopback, AF_INET)->h_name;
+    EXPECT_EQ(TAddress("inet", "127.0.0.1:7", false).Get(true), name + ":7");
     EXPECT_KEST_THROW(TAddress("inet", "255.255.255.255:1", false).Get(true), EBadAddress, Bad);
     EXPECT_TRUE(OthersMayEnter(ResolverLock()));
     EXPECT_KEST_THROW(TSocket({"inet", TSocket::Stream, "no such protocol"}), EUnsupportedProtocol, "Kest: unsupported socket protocol");
     EXPECT_TRUE(OthersMayEnter(ResolverLock()));
-    TFunctionThread thread([] {
-        (void)::pthread_cancel(::pthread_self());
-        return static_cast<int>(TAddress("inet", "127.0.0.1:7", false).Get(true).size());
-    });
-    thread.Start();
-    EXPECT_EQ(thread.WaitFor(), -1);
-    EXPECT_TRUE(OthersMayEnter(ResolverLock()));
+    const _TScopedEntry entry(ResolverLock());
+    EXPECT_STREQ(ip2name(loopback), name.c_str());
+    EXPECT_EQ(ip2name({INADDR_NONE}), nullptr);
 }
 
 TEST(SocketAddress, LookUpsWaitForTheResolverLock) {
-    const std::function<void()> lookUps[] = {[] { (void)TAddress("inet", "127.0.0.1:7", false).Get(true); },
-                                             [] { const TSocket socket(StreamOf("inet")); }};
+    const TAddress loopback("inet", "127.0.0.1:7", false);
+    const std::function<void()> lookUps[] = {[&] { (void)loopback.Get(true); }, [] { const TSocket socket(StreamOf("inet")); }};
     for (const auto& lookUp : lookUps) {
         ResolverLock().Enter();
-        (void)WhileBlocked(
-            [&](TBlockingPoint& point) {
-                point.Enter();
-                lookUp();
-            },
-            [](TFunctionThread&) { ResolverLock().Leave(); });
+        EXPECT_EQ(WhileBlocked(lookUp, [] { ResolverLock().Leave(); }), 0);
     }
 }
 
-/// Alone in its process, this is the first use of all three.
+/// Alone in its process, this is the first use of both.
 TEST(SocketAddress, FirstUseMayBeMadeByManyThreadsAtOnce) {
-    std::atomic<int> ready{0};
-    std::atomic<int> wrong{0};
-    std::atomic<TSocket::TMutex*> lock{nullptr};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 16; ++i)
-        threads.emplace_back([&] {
-            for (++ready; ready < 16;)
-                std::this_thread::yield();
-            if (TSocket::MapDomain("fs") != 1 || TAddress::MapDomain("inet") != 2)
-                ++wrong;
-            TSocket::TMutex* first = nullptr;
-            if (!lock.compare_exchange_strong(first, &ResolverLock()) && first != &ResolverLock())
-                ++wrong;
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong, 0);
+    TGate start;
+    std::vector<std::future<int>> threads(16);
+    for (auto& thread : threads)
+        thread =
+            std::async(std::launch::async, [&start] { return start.Wait(), TSocket::MapDomain("fs") * 10 + TAddress::MapDomain("inet"); });
+    start.Open();
+    for (auto& thread : threads)
+        EXPECT_EQ(thread.get(), 12);
 }
 
 } // namespace

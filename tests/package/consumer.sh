@@ -25,7 +25,6 @@ pkg-config)
     pc=$(find "$prefix" -name kest.pc)
     PKG_CONFIG_PATH=$(dirname "$pc")
     export PKG_CONFIG_PATH
-    pkg-config --exact-version=1.0.0 kest || fail "kest.pc states another version"
     options=(--cflags --libs)
     [[ $kind == shared ]] || options+=(--static)
     flags=$(pkg-config "${options[@]}" kest)

@@ -12,6 +12,9 @@ grep -q 'int main' "$work_dir/readme.cpp" || { echo "README.md has no program"; 
     "$work_dir/readme.cpp" "-L$library_dir" "-Wl,-rpath,$library_dir" -lkest -o "$work_dir/readme"
 
 port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-answer=$(${KEST_EMULATOR:+"$KEST_EMULATOR"} "$work_dir/readme" "127.0.0.1:$port")
-echo "$answer"
-[[ $answer =~ ^127\.0\.0\.1:[0-9]+\ said:\ Hello,\ Kest$ ]] || { echo "not the answer that was expected"; exit 1; }
+# Twice, as people do: the address of the first run is still occupied by its connection.
+for _ in first second; do
+    answer=$(${KEST_EMULATOR:+"$KEST_EMULATOR"} "$work_dir/readme" "127.0.0.1:$port")
+    echo "$answer"
+    [[ $answer =~ ^127\.0\.0\.1:[0-9]+\ said:\ Hello,\ Kest$ ]] || { echo "not the answer that was expected"; exit 1; }
+done

@@ -3,12 +3,7 @@
 #include <support/message.h>
 #include <support/temporary_directory.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <string>
 
 #include <dlfcn.h>
 

@@ -4,6 +4,8 @@
 #include <kest/interface/mutex.h>
 #include <kest/threads/thread.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -17,6 +19,19 @@ namespace Kest::Test {
 
 /// Far more than anything in a test takes: only a test that fails gets there.
 constexpr std::chrono::seconds Patience{20};
+
+/// The longest that anything timed takes, the steps of a second that timed operations make included.
+constexpr double Soon = 8.0;
+
+/// Checks that an action takes at least @p least seconds and not much more.
+template <class TAction>
+void ExpectWait(double least, const TAction& action) {
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(elapsed, least);
+    EXPECT_LT(elapsed, Soon);
+}
 
 /// The result of @p action, run on a thread of its own; so are its exceptions.
 template <class TAction>
@@ -66,7 +81,13 @@ private:
 class TFunctionThread : public System::TThread {
 public:
     template <class TBody>
-    explicit TFunctionThread(TBody body) : Body(Adapt(std::move(body))) {}
+    explicit TFunctionThread(TBody body)
+        : Body([body = std::move(body)]() mutable -> int {
+              if constexpr (std::is_void_v<decltype(body())>)
+                  return body(), 0;
+              else
+                  return body();
+          }) {}
     ~TFunctionThread() override {
         if (IsStarted)
             (void)WaitFor();
@@ -80,17 +101,6 @@ public:
     int Run() override { return Body(); }
 
 private:
-    template <class TBody>
-    static std::function<int()> Adapt(TBody body) {
-        if constexpr (std::is_void_v<decltype(body())>)
-            return [body = std::move(body)]() mutable {
-                body();
-                return 0;
-            };
-        else
-            return body;
-    }
-
     std::function<int()> Body;
     bool IsStarted = false;
 };

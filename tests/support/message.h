@@ -5,11 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <cxxabi.h>
 #include <string>
 #include <typeinfo>
 
 namespace Kest::Test {
+
+/// The message of a failure that ends with the system's description.
+inline std::string Described(const std::string& what, int code) {
+    return "Kest: " + what + std::strerror(code);
+}
 
 /// The message of the exception that @p action throws. It must be one of exactly the class @p TException: the classes are not
 /// polymorphic, so only the language runtime knows which one was thrown. Anything else is a failure of the test.

@@ -3,26 +3,20 @@
 
 #include <kest/net/socket.h>
 #include <support/helper_thread.h>
+#include <support/message.h>
 #include <support/temporary_directory.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <chrono>
 #include <cstddef>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <list>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -40,19 +34,6 @@ inline const std::string Abort = IOError + ": socket connection aborted";
 inline const std::string Timeout = Abort + ": socket connection timeout";
 inline const std::string Reset = Abort + ": socket connection was reset by remote side";
 inline const std::string Shutdown = Abort + ": socket connection was shutdown'ed";
-
-/// The message of an error of the system that has no class of its own.
-inline std::string SystemMessage(int code) {
-    return std::string("Kest: ") + std::strerror(code);
-}
-
-/// Whether the program runs under the emulation that the build arranges where the kernel runs no 32-bit programs.
-inline bool IsEmulated() {
-    return std::getenv("KEST_EMULATOR") != nullptr;
-}
-
-/// The longest that anything timed takes, the steps of a second that timed operations make included.
-constexpr double Soon = 8.0;
 
 inline TSocket::TProtocolInfo StreamOf(const std::string& domain) {
     return {domain, TSocket::Stream, domain == "inet" ? "tcp" : "ip"};
@@ -79,12 +60,11 @@ inline std::string NameOf(const TSocket& socket) {
     return ::inet_ntoa(inet.sin_addr) + (':' + std::to_string(ntohs(inet.sin_port)));
 }
 
-template <class TValue = int>
-TValue OptionOf(const TSocket& socket, int level, int option) {
-    TValue value{};
+/// -1 when it cannot be read.
+inline int OptionOf(const TSocket& socket, int level, int option) {
+    int value = -1;
     socklen_t length = sizeof value;
-    if (::getsockopt(socket.GetDescriptor(), level, option, &value, &length) != 0)
-        throw std::runtime_error("an option of a test's socket cannot be read");
+    (void)::getsockopt(socket.GetDescriptor(), level, option, &value, &length);
     return value;
 }
 
@@ -92,29 +72,6 @@ TValue OptionOf(const TSocket& socket, int level, int option) {
 inline bool IsInBlockingMode(const TSocket& socket) {
     return (::fcntl(socket.GetDescriptor(), F_GETFL) & O_NONBLOCK) == 0;
 }
-
-/// Puts something in place of the socket's descriptor with which every call but close fails with EBADF.
-inline void Break(const TSocket& socket) {
-    const int nothing = ::open("/", O_PATH);
-    (void)::dup2(nothing, socket.GetDescriptor());
-    (void)::close(nothing);
-}
-
-/// The program's limit of open descriptors, while the object lives.
-class TDescriptorLimit {
-public:
-    explicit TDescriptorLimit(rlim_t count) {
-        (void)::getrlimit(RLIMIT_NOFILE, &Usual);
-        const rlimit limit{count, Usual.rlim_max};
-        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    }
-    TDescriptorLimit(const TDescriptorLimit&) = delete;
-    TDescriptorLimit& operator=(const TDescriptorLimit&) = delete;
-    ~TDescriptorLimit() { (void)::setrlimit(RLIMIT_NOFILE, &Usual); }
-
-private:
-    rlimit Usual{};
-};
 
 /// A bound socket that listens, and where.
 struct TListener {
@@ -148,29 +105,26 @@ private:
 /// A listener that leaves further connections hanging: its queue is full.
 struct TFullListener : TListener {
     explicit TFullListener(const std::string& domain, unsigned backlog = 1) : TListener(domain, backlog) {
-        try {
-            for (;;) {
-                Clients.emplace_back(StreamOf(domain));
-                Clients.back().SetBlocking(false);
-                ConnectSoon(Clients.back());
-            }
-        } catch (const System::Interface::_Socket::EWouldBlock&) {
-            Clients.pop_back();
+        while (ConnectSoon(Clients.emplace_back(StreamOf(domain)))) {
         }
+        Clients.pop_back();
     }
 
     std::list<TSocket> Clients; ///< those that are in the queue
 
 private:
     /// A handshake over TCP is over in a moment, unless the queue is full.
-    void ConnectSoon(TSocket& client) {
+    bool ConnectSoon(TSocket& client) {
+        client.SetBlocking(false);
         try {
             client.Connect(Address);
         } catch (const System::Interface::_Socket::EWouldBlock&) {
             pollfd connected{client.GetDescriptor(), POLLOUT, 0};
-            if (Address.Get(false)[0] == '/' || ::poll(&connected, 1, 50) == 0)
-                throw;
+            (void)::poll(&connected, 1, 50);
         }
+        sockaddr_storage peer{};
+        socklen_t length = sizeof peer;
+        return ::getpeername(client.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &length) == 0;
     }
 };
 
@@ -202,58 +156,29 @@ inline void FillUp(const TSocket& socket) {
     } while (::poll(&writable, 1, 10) > 0);
 }
 
-/// Where a thread says that its next call is the one it blocks in, and others wait until it does.
-class TBlockingPoint {
-public:
-    void Enter() { Thread = ::gettid(); }
-
-    /// Whether the thread came to sleep in the system, within far more time than it needs.
-    bool WaitUntilBlocked() const {
-        for (int round = 0; round < 10000; ++round) {
-            if (Thread != 0 && IsAsleep(Thread))
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
-    }
-
-private:
-    static bool IsAsleep(pid_t thread) {
+/// Whether a thread that is about to tell its number comes to sleep in the system, within far more time than it needs.
+inline bool FallsAsleep(const std::atomic<pid_t>& thread) {
+    for (int round = 0; round < 10000; ++round) {
         std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
         std::string line;
         std::getline(file, line);
         const std::size_t name = line.rfind(") ");
-        return name != std::string::npos && line[name + 2] == 'S';
+        if (name != std::string::npos && line[name + 2] == 'S')
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    return false;
+}
 
-    std::atomic<pid_t> Thread{0};
-};
-
-/// Runs @p body on a thread of the library and does @p action to that thread once it is blocked behind the point that the body enters.
-/// Returns the thread's exit value.
-template <class TBody, class TAction>
-int WhileBlocked(TBody body, TAction action) {
-    TBlockingPoint point;
-    TFunctionThread thread([&] { return body(point); });
+/// Makes a call on a thread of the library and does @p action once the thread is blocked in it. Returns the thread's exit value.
+template <class TCall, class TAction>
+int WhileBlocked(TCall call, TAction action) {
+    std::atomic<pid_t> number{0};
+    TFunctionThread thread([&] { return number = ::gettid(), call(); });
     thread.Start();
-    EXPECT_TRUE(point.WaitUntilBlocked());
-    action(thread);
-    return thread.WaitFor();
-}
-
-template <class TBody>
-int CancelledWhileBlocked(TBody body) {
-    return WhileBlocked(body, [](TFunctionThread& thread) { thread.Cancel(); });
-}
-
-/// Checks that an action takes at least @p least seconds and not much more.
-template <class TAction>
-void ExpectWait(double least, const TAction& action) {
-    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(FallsAsleep(number));
     action();
-    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(elapsed, least);
-    EXPECT_LT(elapsed, Soon);
+    return thread.WaitFor();
 }
 
 } // namespace Kest::Test

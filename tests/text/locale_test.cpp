@@ -4,12 +4,9 @@
 #include <support/child.h>
 #include <support/message.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 using namespace Kest::System;
 using Kest::EException;
