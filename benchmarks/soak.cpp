@@ -28,6 +28,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 using namespace Kest::System;
 using namespace Kest::Test;
@@ -108,12 +109,9 @@ constexpr unsigned LongestFrame = 1U << 18;
 struct TPlan {
     enum TKind { Calm, Interrupted, HalfClosed, CutByClient, CutByServer, Kinds };
 
-    TPlan(unsigned seed, unsigned number) : Random(seed * 1000003U + number), Kind(static_cast<TKind>(number / 2 % Kinds)) {
-        Frames = 10 + Below(30);
-        CutAt = Below(Frames);
-        IsUnbuffered = Below(16) == 0;
-        BufferSize = IsUnbuffered ? 1 : 2 + Below(65536);
-    }
+    TPlan(unsigned seed, unsigned number)
+        : Random(seed * 1000003U + number), Kind(static_cast<TKind>(number / 2 % Kinds)), Frames(10 + Below(30)), CutAt(Below(Frames)),
+          IsUnbuffered(Below(16) == 0), BufferSize(IsUnbuffered ? 1 : 2 + Below(65536)) {}
 
     unsigned Below(std::size_t limit) { return static_cast<unsigned>(Random() % limit); }
 
@@ -126,8 +124,9 @@ struct TPlan {
 
     std::mt19937 Random;
     TKind Kind;
-    unsigned Frames, CutAt, BufferSize;
+    unsigned Frames, CutAt; // in the order in which they depend on each other
     bool IsUnbuffered;
+    unsigned BufferSize;
 };
 
 /// The connection is over.
