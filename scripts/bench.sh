@@ -1,0 +1,107 @@
+#!/bin/bash
+# Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...], where a topic is a file of benchmarks/, mutex for instance.
+# Prints a table a topic: what the library and its peers need, as ratios to the same work done with bare calls. A run of all topics also
+# writes docs/performance.md and its plots; it takes about ten minutes and wants the machine for itself. --quick measures everything but the
+# largest sizes, a short time each: enough to see that it runs, not to quote a figure.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+quick=
+if [[ ${1:-} == --quick ]]; then
+    quick=--quick
+    shift
+fi
+all=()
+for file in benchmarks/*.cpp; do
+    topic=$(basename "$file" .cpp)
+    [[ $topic == main || $topic == soak ]] || all+=("$topic")
+done
+topics=("$@")
+(($# > 0)) || topics=("${all[@]}")
+for topic in "${topics[@]}"; do
+    if [[ " ${all[*]} " != *" $topic "* ]]; then
+        echo "bench: no topic '$topic'; there are: ${all[*]}" >&2
+        exit 2
+    fi
+done
+
+"$root/scripts/setup.sh" libbenchmark-dev libpoco-dev libapr1-dev libboost-dev libboost-chrono-dev libboost-filesystem-dev \
+    libboost-thread-dev libicu-dev libglib2.0-dev libboost-locale-dev python3-matplotlib
+
+work=$(mktemp -d /var/tmp/kest-bench.XXXXXX) # on a disk, unlike /tmp on many systems
+memory=$(mktemp -d /dev/shm/kest-bench.XXXXXX)
+trap 'rm -rf "$work" "$memory"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory
+[[ -n $quick ]] || export KEST_BENCHMARK_WHOLE=1
+
+build() { # PRESET: builds the topics; fails, with the reason in its log, where that is impossible
+    local targets=("${topics[@]/#/bench_}")
+    mkdir -p "$root/build/logs"
+    cmake --preset "$1" >"$root/build/logs/$1.log" 2>&1 &&
+        cmake --build --preset "$1" -j2 --target "${targets[@]}" >>"$root/build/logs/$1.log" 2>&1
+}
+
+# In random order, so that whatever else the machine does meanwhile meets all who are compared alike.
+run() { # PRESET
+    local results=$root/build/$1/results topic
+    local -a effort=(--benchmark_repetitions=15 --benchmark_min_time=0.02)
+    [[ -z $quick ]] || effort=(--benchmark_repetitions=5 --benchmark_min_time=0.002)
+    mkdir -p "$results"
+    for topic in "${topics[@]}"; do
+        echo "bench: $1: $topic" >&2
+        "$root/build/$1/benchmarks/bench_$topic" "${effort[@]}" --benchmark_enable_random_interleaving=true \
+            --benchmark_out="$results/$topic.json" --benchmark_out_format=json >"$root/build/logs/$1-$topic.log" 2>&1 || {
+            tail -n 20 "$root/build/logs/$1-$topic.log" >&2
+            exit 1
+        }
+    done
+}
+
+runs_32_bits() {
+    echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$work/program" 2>/dev/null && "$work/program" 2>/dev/null
+}
+
+begin=$SECONDS
+if ! build bench; then
+    tail -n 50 "$root/build/logs/bench.log" >&2
+    exit 1
+fi
+run bench
+
+# Figures of an emulated processor would say nothing.
+results_32=()
+if ! runs_32_bits; then
+    about_32="none: this machine runs no 32-bit programs itself, and figures from an emulation would say nothing"
+elif ! build bench-32; then
+    about_32="none: there is no Google Benchmark for 32 bits on this machine"
+else
+    run bench-32
+    about_32="beside those of 64 bits"
+    results_32=(--results-32 "$root/build/bench-32/results")
+fi
+
+cache() { # NAME: its value in the build's cache
+    sed -n "s/^$1:[A-Z]*=//p" "$root/build/bench/CMakeCache.txt"
+}
+compiler=$(cache CMAKE_CXX_COMPILER)
+cat >"$root/build/bench/results/run.txt" <<END
+Date=$(date -u '+%Y-%m-%d %H:%M UTC')
+Processor=$(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1), $(nproc) in use
+System=$(uname -s) $(uname -r) $(uname -m), $(getconf GNU_LIBC_VERSION)
+Compiler=$("$compiler" --version | head -n 1)
+Flags=$(cache CMAKE_CXX_FLAGS_RELEASE), shared library
+Disk=$(df --output=fstype "$work" | tail -n 1)
+Memory file system=$(df --output=fstype "$memory" | tail -n 1)
+32-bit figures=$about_32
+END
+page=()
+((${#topics[@]} != ${#all[@]})) || page=(--page "$root/docs/performance.md")
+# The system's own python3, which has the system's packages: another one may come first in PATH.
+/usr/bin/python3 "$root/scripts/bench_report.py" ${quick:+"$quick"} --results "$root/build/bench/results" "${results_32[@]}" "${page[@]}" \
+    --goals "$root/scripts/bench_goals.csv" "${topics[@]}"
+echo "bench: measured and reported in $((SECONDS - begin)) s"
+((${#page[@]} > 0)) ||
+    echo "bench: not all topics, so docs/performance.md is left as it was"
