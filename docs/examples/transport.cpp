@@ -1,0 +1,33 @@
+#include <kest/foundation/stream.h>
+
+#include <algorithm>
+#include <iostream>
+#include <string>
+
+/// A transport of one's own: what is written can be read again.
+class TLoop : public Kest::_Gadgets::TStream::TInterface {
+public:
+    int Read(void* buffer, unsigned size) override {
+        const std::size_t count = std::min<std::size_t>(size, Bytes.size());
+        Bytes.copy(static_cast<char*>(buffer), count);
+        Bytes.erase(0, count);
+        return static_cast<int>(count); // 0 is the end of the data, a negative number a failure
+    }
+
+    int Write(const void* buffer, unsigned size) override {
+        Bytes.append(static_cast<const char*>(buffer), size);
+        return static_cast<int>(size);
+    }
+
+private:
+    std::string Bytes;
+};
+
+int main() {
+    TLoop loop;
+    Kest::_Gadgets::TStream stream(loop, 256); // the transport outlives the stream
+    stream << 6 << ' ' << 7 << std::flush;
+    int left = 0, right = 0;
+    stream >> left >> right;
+    std::cout << left * right << '\n';
+}
