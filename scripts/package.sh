@@ -1,0 +1,100 @@
+#!/bin/bash
+# Builds the Debian packages libkest1, libkest-dev and libkest-doc for 64 bits and libkest1 and libkest-dev for 32 bits into build/packages,
+# and lets lintian look at them. With an argument, amd64 or i386, only those of that architecture. Fails when lintian has anything to say
+# that is not explained in packaging/*.lintian-overrides.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+architectures=("${@:-amd64}")
+(($# > 0)) || architectures=(amd64 i386)
+for architecture in "${architectures[@]}"; do
+    [[ $architecture == amd64 || $architecture == i386 ]] || { echo "usage: package.sh [amd64|i386]" >&2; exit 2; }
+done
+
+# Not what developers need besides: whoever only wants the packages need not wait for compilers and tools of another kind.
+needed=(cmake ninja-build g++ pkg-config dpkg-dev lintian doxygen graphviz file)
+[[ " ${architectures[*]} " != *" i386 "* ]] || needed+=(g++-multilib)
+missing=()
+for package in "${needed[@]}"; do
+    dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+done
+if ((${#missing[@]} > 0)); then
+    as_root=()
+    ((EUID == 0)) || as_root=(sudo)
+    echo "package: installing ${missing[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+packages=$root/build/packages
+log=$root/build/logs/package.log
+mkdir -p "$packages" "$(dirname "$log")"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# The same sources give the same packages: the times in them are that of the last commit.
+SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
+export SOURCE_DATE_EPOCH
+date=$(LC_ALL=C date -u -R -d "@$SOURCE_DATE_EPOCH")
+
+configure() { # PRESET BUILD_DIR MULTIARCH_NAME OPTION...
+    cmake --preset "$1" -B "$2" -DCMAKE_INSTALL_PREFIX=/usr "-DCMAKE_INSTALL_LIBDIR=lib/$3" -DKEST_BUILD_TESTS=OFF \
+        -DKEST_BUILD_EXAMPLES=OFF -DKEST_BUILD_STATIC_TOO=ON "-DKEST_PACKAGE_DATE=$date" "${@:4}"
+}
+
+# The packages of the libraries that LIBRARY needs, with versions. What a 64-bit system has of 32 bits lies in packages of other names.
+dependencies_of() { # LIBRARY
+    mkdir -p "$work/debian"
+    printf 'Source: kest\n\nPackage: libkest1\nArchitecture: any\n' >"$work/debian/control"
+    (cd "$work" && dpkg-shlibdeps -O "$1") | sed -n 's/^shlibs:Depends=//p' |
+        sed -E 's/\blib32(stdc\+\+6|gcc-s1)\b/lib\1/g; s/\blibc6-i386\b/libc6/g'
+}
+
+# Adds what CPack has no words for: the field Multi-Arch, a first line of the description for each package, and the trigger that makes the
+# system look at its libraries again in place of scripts that do so.
+complete() { # PACKAGE_FILE
+    local folder=$work/package name field=same kind
+    rm -rf "$folder"
+    dpkg-deb --raw-extract "$1" "$folder"
+    name=$(dpkg-deb --field "$1" Package)
+    case $name in
+    libkest-dev) kind=development ;;
+    libkest-doc) kind=manual field=foreign ;;
+    *) kind=runtime ;;
+    esac
+    sed -i "s/^Description: .*/& - $kind/" "$folder/DEBIAN/control"
+    sed -i "/^Architecture:/a Multi-Arch: $field" "$folder/DEBIAN/control"
+    rm -f "$folder/DEBIAN/postinst" "$folder/DEBIAN/postrm"
+    [[ $kind != runtime ]] || echo "activate-noawait ldconfig" >"$folder/DEBIAN/triggers"
+    find "$folder" -newermt "@$SOURCE_DATE_EPOCH" -print0 | xargs -0r touch --no-dereference -d "@$SOURCE_DATE_EPOCH"
+    dpkg-deb --root-owner-group -Zxz --build "$folder" "$1" >/dev/null
+}
+
+for architecture in "${architectures[@]}"; do
+    case $architecture in
+    amd64) preset=release multiarch=x86_64-linux-gnu docs=ON ;;
+    i386) preset=release-32 multiarch=i386-linux-gnu docs=OFF ;;
+    esac
+    build=$root/build/package-$architecture
+    {
+        configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs &&
+            cmake --build "$build" -j2 &&
+            dependencies=$(dependencies_of "$build/kest/libkest.so") &&
+            configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs "-DKEST_PACKAGE_ARCHITECTURE=$architecture" \
+                "-DKEST_PACKAGE_DEPENDS=$dependencies" &&
+            rm -f "$build"/*.deb &&
+            (cd "$build" && cpack)
+    } >"$log" 2>&1 || { tail -n 60 "$log"; exit 1; }
+    for package in "$build"/*.deb; do
+        complete "$package"
+        mv "$package" "$packages"
+    done
+done
+
+cd "$packages"
+status=0
+# Run as root, which a container's user is, lintian would complain about that.
+lintian --allow-root --fail-on error,warning --display-level '>=warning' --tag-display-limit 0 ./*.deb || status=$?
+for package in ./*.deb; do
+    printf '%-36s %8d bytes  depends: %s\n' "${package#./}" "$(stat -c %s "$package")" "$(dpkg-deb --field "$package" Depends)"
+done
+exit "$status"
