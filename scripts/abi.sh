@@ -1,0 +1,82 @@
+#!/bin/bash
+# Compares the library's binary interface with the one in abi/, for 64 and 32 bits. The exported symbols must be those of abi/*.symbols, no
+# more and no less; of what abi/*.abi knows of types and functions nothing may have changed or gone unless the SONAME has. What was only added
+# is fine once it is written down: "abi.sh update" writes both kinds of files, and refuses an incompatible change under the old SONAME as well.
+# KEST_ABI_SOURCE names another tree than this one to look at, for trying changes.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+action=${1:-check}
+if (($# > 1)) || [[ $action != check && $action != update ]]; then
+    echo "usage: abi.sh [check|update]" >&2
+    exit 2
+fi
+source_dir=${KEST_ABI_SOURCE:-$root}
+"$root/scripts/setup.sh" abigail-tools
+log=$root/build/logs/abi.log
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$(dirname "$log")" abi
+
+# What is shipped, with what a debugger knows of it, from which the tools read the types.
+build() { # BUILD_DIR FLAGS
+    # Paths as the compiler would see them in the tree's root: those of this machine are nobody's business.
+    cmake -S "$source_dir" -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=g++ \
+        "-DCMAKE_CXX_FLAGS=$2 -g -ffile-prefix-map=$source_dir=. -fdebug-prefix-map=$1=." -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
+        cmake --build "$1" -j2 --target kest
+}
+
+soname_of() { sed -nE "s/^<abi-corpus .*\bsoname='([^']*)'.*/\1/p" "$1"; }
+
+failures=0
+for target in x86-64 i386; do
+    flags=-m64
+    [[ $target == x86-64 ]] || flags=-m32
+    folder=$root/build/abi-$target
+    [[ $source_dir == "$root" ]] || folder=$work/build-$target
+    build "$folder" "$flags" >"$log" 2>&1 || { tail -n 60 "$log"; exit 1; }
+    library=$folder/kest/libkest.so
+
+    # Kind and mangled name; weak symbols are inline functions, virtual tables and type information that callers may have too.
+    nm -D --defined-only --format=posix "$library" | awk '{ print $2, $1 }' | LC_ALL=C sort -k 2 >"$work/$target.symbols"
+    # Only what callers can see: types of public headers, no paths, no lines.
+    abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --headers-dir "$source_dir/kest" --drop-private-types \
+        "$library" >"$work/$target.abi"
+    ! grep -nF "$root" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
+
+    if [[ -e abi/$target.abi ]]; then
+        old=$(soname_of "abi/$target.abi") new=$(soname_of "$work/$target.abi")
+        # Bits of the answer: 1 and 2 are errors, 4 a change, 8 one that is incompatible beyond doubt. Additions are left out of it, so any
+        # change breaks callers or may do so.
+        result=0
+        abidiff --no-added-syms "abi/$target.abi" "$work/$target.abi" >"$work/difference" 2>&1 || result=$?
+        if ((result & 3)); then
+            cat "$work/difference"
+            exit 1
+        elif ((result != 0)) && [[ $old == "$new" ]]; then
+            cat "$work/difference"
+            echo "abi: $target: INCOMPATIBLE, and the SONAME is still $new: raise KEST_VERSION_MAJOR in kest/version.h, or do without it"
+            failures=$((failures + 1))
+            continue
+        elif [[ $old != "$new" && $action == check ]]; then
+            echo "abi: $target: the SONAME went from $old to $new: abi.sh update begins anew"
+            failures=$((failures + 1))
+            continue
+        fi
+    elif [[ $action == check ]]; then
+        echo "abi: $target: there is nothing to compare with: abi.sh update"
+        failures=$((failures + 1))
+        continue
+    fi
+
+    if [[ $action == update ]]; then
+        cp "$work/$target.abi" "$work/$target.symbols" abi/
+        echo "abi: $target: written, $(wc -l <"$work/$target.symbols") symbols"
+    elif ! diff -u "abi/$target.symbols" "$work/$target.symbols" | c++filt; then
+        echo "abi: $target: the exported symbols are not those of abi/$target.symbols; abi.sh update where that is meant"
+        failures=$((failures + 1))
+    else
+        echo "abi: $target: unchanged, $(wc -l <"$work/$target.symbols") symbols, $(soname_of "abi/$target.abi")"
+    fi
+done
+exit $((failures > 0))
