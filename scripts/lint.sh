@@ -18,15 +18,15 @@ step() { # NAME COMMAND...
 }
 
 format() {
-    find kest tests examples \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run --Werror
+    find kest tests examples benchmarks docs fuzz \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run --Werror
 }
 
-# clang-tidy is told how each source is compiled by a preset of its own compiler, and looks at headers through the sources
-# that include them. Tests have a configuration of their own, tests/.clang-tidy.
+# clang-tidy is told how each source is compiled by a build of its own compiler that has everything in it, and looks at headers through the
+# sources that include them. Tests, examples and benchmarks have configurations of their own, in the .clang-tidy of their folders.
 tidy() {
-    cmake --preset release-clang >/dev/null
+    cmake --preset release-clang -B build/lint -DKEST_BUILD_BENCHMARKS=ON -DKEST_BUILD_FUZZERS=ON >/dev/null || return 1
     local log=$root/build/clang-tidy.log
-    run-clang-tidy -quiet -j2 -p build/release-clang '/(kest|examples|tests)/' >"$log" 2>&1 && return 0
+    run-clang-tidy -quiet -j2 -p build/lint "^$root/(kest|docs|examples|tests|benchmarks|fuzz)/" >"$log" 2>&1 && return 0
     grep -vE '^clang-tidy|^[0-9]+ warnings?( and [0-9]+ errors?)? generated|^Suppressed|^Use -' "$log" || true
     return 1
 }

@@ -1,11 +1,13 @@
 #!/bin/bash
-# Installs what the build, the tests and the lint need on a Debian system, and does nothing when all of it is there.
+# Installs what the build, the tests and the lint need on a Debian system, and the packages named as arguments besides; does nothing when all
+# of it is there.
 set -euo pipefail
 
 packages=(
     cmake ninja-build g++ g++-multilib clang libclang-rt-dev # the builds; multilib brings 32 bits for both compilers
     clang-format clang-tidy                                  # the lint; clang-tidy brings run-clang-tidy
     googletest                                               # its sources are built with each preset's flags
+    libbenchmark-dev                                         # the lint looks at the benchmarks too
     netbase                                                  # /etc/protocols, which sockets are made with
     pkg-config binutils                                      # the tests of the package
     netcat-openbsd socat                                     # programs that are not ours to talk to
@@ -51,6 +53,6 @@ runs_32_bits() {
     return "$result"
 }
 
-install_missing "${packages[@]}"
+install_missing "${packages[@]}" "$@"
 # Where the kernel does not run 32-bit programs, their tests are emulated (cmake/emulator.cmake).
 is_installed qemu-user || runs_32_bits || install_missing qemu-user
