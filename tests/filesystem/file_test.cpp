@@ -51,8 +51,11 @@ void Check(const TCase& each, TCall call) {
     Check(each, directory.GetPath(), call, [&directory] { return TreeOf(directory.GetPath()); });
 }
 
-const std::string Copying = "Kest: file copy error: from ";
-const std::string CopyError = Copying + "FROM to TO";
+const std::string CopyError = "Kest: file copy error: from FROM to TO";
+std::string FailureOfCopy(const std::string& from, const std::string& to) {
+    return Replaced(Replaced(CopyError, "TO", to), "FROM", from);
+}
+
 const std::string CopyFailed = "Kest: cross device link: tryed to copy and remove: copy failed";
 const std::string RemoveFailed = "Kest: cross device link: tryed to copy and remove: remove failed";
 
@@ -96,16 +99,16 @@ TEST_F(WithMounts, CopyToAFullDiskIsTheCopyErrorAndOntoItselfTouchesNothing) {
         for (const std::size_t size : {std::size_t{1}, std::size_t{8192}, FarSize, FarSize + 1, FarSize + 100000}) {
             SCOPED_TRACE(size);
             WriteFile(from, SomeBytes(size));
-            EXPECT_KEST_THROW(TFile::Copy(from, "/dev/full"), EException, Copying + from + " to /dev/full");
+            EXPECT_KEST_THROW(TFile::Copy(from, "/dev/full"), EException, FailureOfCopy(from, "/dev/full"));
             if (size <= FarSize)
                 TFile::Copy(from, to);
             else
-                EXPECT_KEST_THROW(TFile::Copy(from, to), EException, Copying + from + " to " + to);
+                EXPECT_KEST_THROW(TFile::Copy(from, to), EException, FailureOfCopy(from, to));
             EXPECT_TRUE(ReadFile(to) == SomeBytes(size).substr(0, FarSize)) << "what was written stays";
         }
         Make(Directory.GetPath(), {"near/b=1", "near/h&near/b"});
         for (const std::string& road : {Directory / "again/b", Directory / "again/h"})
-            EXPECT_KEST_THROW(TFile::Copy(Directory / "near/b", road), EException, Copying + (Directory / "near/b") + " to " + road);
+            EXPECT_KEST_THROW(TFile::Copy(Directory / "near/b", road), EException, FailureOfCopy(Directory / "near/b", road));
         EXPECT_EQ(ReadFile(Directory / "near/b"), "1");
     });
 }
