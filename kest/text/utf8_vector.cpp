@@ -7,6 +7,12 @@
 
 #include <algorithm>
 
+// GCC 12 warns of the registers that its own header leaves undefined on purpose, where it has put their users into functions of this file.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
+
 #include <immintrin.h>
 
 // What a form may use of the processor stands at each function, since only the form is chosen when the program runs.
@@ -422,7 +428,11 @@ KEST_AVX512 std::size_t CountCharactersWide(const char* text, std::size_t length
     std::size_t index = 0;
     for (; index + step <= length; index += step)
         characters += static_cast<std::size_t>(__builtin_popcountll(_mm512_cmpgt_epi8_mask(LoadWide(text + index), last)));
-    return characters + CountCharacters(text + index, length - index);
+    if (index == length)
+        return characters;
+    const __mmask64 rest = ~std::uint64_t{0} >> (step - (length - index));
+    const __m512i bytes = _mm512_maskz_loadu_epi8(rest, text + index);
+    return characters + static_cast<std::size_t>(__builtin_popcountll(_mm512_mask_cmpgt_epi8_mask(rest, bytes, last)));
 }
 
 KEST_AVX512 std::size_t CountBytesWide(const wchar_t* text, std::size_t& length) noexcept {
@@ -431,7 +441,8 @@ KEST_AVX512 std::size_t CountBytesWide(const wchar_t* text, std::size_t& length)
     __m512i longer = _mm512_setzero_si512();
     std::size_t index = 0;
     for (; index + step <= length; index += step) {
-        const __m512i units[4] = {LoadWide(text + index), LoadWide(text + index + 16), LoadWide(text + index + 32), LoadWide(text + index + 48)};
+        const wchar_t* const place = text + index;
+        const __m512i units[4] = {LoadWide(place), LoadWide(place + 16), LoadWide(place + 32), LoadWide(place + 48)};
         const __m512i least = _mm512_min_epu32(_mm512_min_epu32(units[0], units[1]), _mm512_min_epu32(units[2], units[3]));
         if (_mm512_testn_epi32_mask(least, least) != 0)
             break;
@@ -486,11 +497,11 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
         const __m512i lows = _mm512_maskz_compress_epi8(ends, low);
         const __m512i highs = _mm512_maskz_compress_epi8(ends, high);
         const int count = __builtin_popcountll(ends);
-        for (int quarter = 0; quarter < 4; ++quarter) {
+        for (std::ptrdiff_t quarter = 0; quarter < 4; ++quarter) {
             if (quarter >= 2 && count <= 16 * quarter)
                 break;
-            _mm512_storeu_si512(out + 16 * quarter, _mm512_maskz_permutex2var_epi8(0x3333333333333333U, lows,
-                                                                                    LoadWide(PlacesOfUnits[quarter].data()), highs));
+            const __m512i places = LoadWide(PlacesOfUnits[quarter].data());
+            _mm512_storeu_si512(out + 16 * quarter, _mm512_maskz_permutex2var_epi8(0x3333333333333333U, lows, places, highs));
         }
         out += count;
         payloadBefore = payload;
