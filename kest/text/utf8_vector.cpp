@@ -437,7 +437,7 @@ KEST_AVX512 std::size_t CountCharactersWide(const char* text, std::size_t length
 
 KEST_AVX512 std::size_t CountBytesWide(const wchar_t* text, std::size_t& length) noexcept {
     constexpr std::size_t step = WideStep;
-    const __m512i one = _mm512_set1_epi64(1);
+    const __m512i one = _mm512_set1_epi32(1);
     __m512i longer = _mm512_setzero_si512();
     std::size_t index = 0;
     for (; index + step <= length; index += step) {
@@ -530,7 +530,7 @@ KEST_AVX512 std::size_t DecodeWide(const char*& text, const char* limit, const c
 /// Writes the bytes of sixteen code units.
 KEST_AVX512 inline char* StoreAnyBytesWide(__m512i units, char* out) noexcept {
     // From each unit the bits from 12, 6 and 0 on, or from 6 and 0.
-    const __m512i three = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x00202620'0000060C), units);
+    const __m512i three = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x0020262C'0000060C), units);
     const __m512i two = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x00202026'00000006), units);
     const __mmask16 isLong = _mm512_test_epi32_mask(units, _mm512_set1_epi32(~0x7F));
     const __mmask16 isThree = _mm512_test_epi32_mask(units, _mm512_set1_epi32(~0x7FF));
