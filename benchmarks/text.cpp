@@ -2,7 +2,7 @@
 // between those that are read and those that are written.
 #include <benchmarks/topic.h>
 #include <kest/text/utf8.h>
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_strings.h>
 
 #include <algorithm>
 #include <clocale>
@@ -45,28 +45,11 @@ struct TKest {
     static std::string Encode(const std::wstring& text) { return System::UCSToUTF8(text); }
 };
 
-/// Kest as it is where no other form can be used; not across the boundary of the library.
+/// Kest as it is where the processor has none of the vectors it could use; not across the boundary of the library.
 struct TPortable {
     static constexpr const char* Name = "kest-portable";
-    static constexpr const System::_TUTF8Form& Form = System::_PortableUTF8Form;
-
-    static std::wstring Decode(const std::string& text) {
-        const std::size_t characters = Form.CountCharacters(text.data(), text.size());
-        std::wstring result(characters + System::_TUTF8Form::Slack, 0);
-        const char* source = text.data();
-        (void)Form.Decode(source, source + text.size(), source + text.size(), result.data(), characters);
-        result.resize(characters);
-        return result;
-    }
-
-    static std::string Encode(const std::wstring& text) {
-        std::size_t units = text.size();
-        const std::size_t bytes = Form.CountBytes(text.data(), units);
-        std::string result(bytes + System::_TUTF8Form::Slack, 0);
-        (void)Form.Encode(text.data(), units, result.data());
-        result.resize(bytes);
-        return result;
-    }
+    static std::wstring Decode(const std::string& text) { return System::_DecodeUTF8String(System::_PortableUTF8Form, text); }
+    static std::string Encode(const std::wstring& text) { return System::_EncodeUTF8String(System::_PortableUTF8Form, text); }
 };
 
 /// The rules as one would write them down: the number of characters is counted, then each is converted.

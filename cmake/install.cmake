@@ -11,6 +11,7 @@ set(internal_headers
     net/lookup.h
     text/system_name.h
     text/utf8_forms.h
+    text/utf8_strings.h
     threads/guard.h)
 
 file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${CMAKE_CURRENT_SOURCE_DIR}" "*.h" "*/*.h")

@@ -1,8 +1,8 @@
 #include <kest/text/utf8.h>
 
 #include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_strings.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cwchar>
@@ -11,31 +11,13 @@ namespace Kest::System {
 
 namespace {
 
-// The counted routines take 32-bit counts, a string may be longer. A form writes a few elements beyond its text: in a string there is room
-// for them, which is given up in the end; the last characters of a counted buffer are left to the plain rule of one form.
+// A form writes a few elements beyond its text, for which a counted buffer has no room: its last characters are left to the plain rule of
+// one form.
 
 constexpr std::size_t Slack = _TUTF8Form::Slack;
 
 /// Bytes of which the last step of a form leaves so many that they hold at least as many characters as it writes too many.
 constexpr std::size_t SlackOfBytes = _TUTF8Form::LongestStep + 3 * Slack;
-
-/// A longer result grows by stretches of this length, which the cache holds from when they are made until they are written.
-constexpr std::size_t StretchLength = 4096;
-
-std::basic_string<wchar_t> DecodeByStretches(const _TUTF8Form& form, const std::string& text, std::size_t characters) {
-    const char* source = text.data();
-    const char* const end = source + text.size();
-    std::basic_string<wchar_t> result;
-    result.reserve(characters + Slack);
-    while (result.size() < characters && source < end) {
-        const std::size_t count = result.size();
-        const std::size_t room = std::min(characters - count, StretchLength);
-        result.resize(count + room + Slack);
-        result.resize(count + form.Decode(source, end, end, result.data() + count, room));
-    }
-    result.resize(characters);
-    return result;
-}
 
 } // namespace
 
@@ -73,28 +55,11 @@ unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, 
 }
 
 std::basic_string<wchar_t> UTF8ToUCS(const std::string& text) {
-    const _TUTF8Form& form = _ChooseUTF8Form(text.size());
-    const std::size_t characters = form.CountCharacters(text.data(), text.size());
-    if (characters > StretchLength)
-        return DecodeByStretches(form, text, characters);
-    std::basic_string<wchar_t> result(characters + Slack, 0);
-    const char* source = text.data();
-    const char* const end = source + text.size();
-    const std::size_t count = form.Decode(source, end, end, result.data(), characters);
-    if (count < characters)
-        std::fill(result.begin() + static_cast<std::ptrdiff_t>(count), result.end(), 0);
-    result.resize(characters);
-    return result;
+    return _DecodeUTF8String(_ChooseUTF8Form(text.size()), text);
 }
 
 std::string UCSToUTF8(const std::basic_string<wchar_t>& text) {
-    std::size_t units = text.size();
-    const _TUTF8Form& form = _ChooseUTF8Form(units);
-    const std::size_t bytes = form.CountBytes(text.data(), units);
-    std::string result(bytes + Slack, 0);
-    (void)form.Encode(text.data(), units, result.data());
-    result.resize(bytes);
-    return result;
+    return _EncodeUTF8String(_ChooseUTF8Form(text.size()), text);
 }
 
 } // namespace Kest::System

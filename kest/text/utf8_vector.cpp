@@ -446,6 +446,9 @@ KEST_AVX512 std::size_t CountBytesWide(const wchar_t* text, std::size_t& length)
         const __m512i least = _mm512_min_epu32(_mm512_min_epu32(units[0], units[1]), _mm512_min_epu32(units[2], units[3]));
         if (_mm512_testn_epi32_mask(least, least) != 0)
             break;
+        const __m512i any = _mm512_or_si512(_mm512_or_si512(units[0], units[1]), _mm512_or_si512(units[2], units[3]));
+        if (_mm512_test_epi32_mask(any, _mm512_set1_epi32(~0x7F)) == 0)
+            continue;
         for (const __m512i& each : units) {
             longer = _mm512_mask_add_epi32(longer, _mm512_test_epi32_mask(each, _mm512_set1_epi32(~0x7F)), longer, one);
             longer = _mm512_mask_add_epi32(longer, _mm512_test_epi32_mask(each, _mm512_set1_epi32(~0x7FF)), longer, one);
@@ -524,6 +527,7 @@ KEST_AVX512 std::size_t DecodeWide(const char*& text, const char* limit, const c
             *out++ = _DecodeUTF8Form(text, end);
     }
     const auto count = static_cast<std::size_t>(out - outBegin);
+    _mm256_zeroupper(); // GCC leaves it out here, and each narrow step after it would wait for the upper halves of its registers
     return text < limit && count < room ? count + Decode(text, limit, end, out, room - count) : count;
 }
 
