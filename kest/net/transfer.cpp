@@ -50,10 +50,11 @@ bool WouldBlock(int code) {
 }
 
 /// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
-/// writable at once, and waiting for that would spin.
-KEST_LEFT_BY_CANCELLATION void PauseForQueue() {
+/// writable at once, and waiting for that would spin. The result is the system's: nearly all of the time passes here, so this is where a
+/// signal ends the wait.
+KEST_LEFT_BY_CANCELLATION int PauseForQueue() {
     const timespec aMoment{0, 5000000}; // short beside any limit, long beside a call
-    (void)::nanosleep(&aMoment, nullptr);
+    return ::nanosleep(&aMoment, nullptr);
 }
 
 /// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
@@ -139,7 +140,7 @@ void TSocket::ConnectWithin(double limit, const TAddress& target) {
         if (!(GetCurrentTime() - start < limit))
             throw ETimeout();
         if (SelectWrite(LongestWait) && code == EAGAIN)
-            PauseForQueue();
+            (void)CheckResult(PauseForQueue());
     }
 }
 
@@ -188,7 +189,7 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
             if (!(GetCurrentTime() - start < SendTimeout))
                 throw ETimeout();
             if (wasWritable)
-                PauseForQueue();
+                (void)CheckResult(PauseForQueue());
             wasWritable = SelectWrite(LongestWait);
             continue;
         }
