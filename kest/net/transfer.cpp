@@ -57,6 +57,16 @@ KEST_LEFT_BY_CANCELLATION int PauseForQueue() {
     return ::nanosleep(&aMoment, nullptr);
 }
 
+/// A C library before 2.41 may act on a cancellation after the system has made the new descriptor, which is lost then. So where the call
+/// does not wait, a cancellation is acted on before it. A wait has to be cut off, whatever it costs.
+KEST_LEFT_BY_CANCELLATION int AcceptOnce(int listener, bool mayWait, sockaddr* peer, socklen_t* length) {
+    if (mayWait)
+        return ::accept(listener, peer, length);
+    ::pthread_testcancel();
+    const _TCancellationOff off;
+    return ::accept(listener, peer, length);
+}
+
 /// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
 /// handler in its way: a handler for it would end the process if the thread were handling an exception of its own at the time.
 class TBlockingAgain {
@@ -101,7 +111,7 @@ TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
     if (Blocking && ReceiveTimeout != EndlessTimeInterval)
         ValidateReceive();
     socklen_t length = AddressRoom;
-    const int descriptor = CheckResult(::accept(Descriptor, AsSystemAddress(bytes.get()), &length));
+    const int descriptor = CheckResult(AcceptOnce(Descriptor, Blocking, AsSystemAddress(bytes.get()), &length));
     const int family = FamilyOf(bytes.get());
     peer.Assume(std::move(bytes), std::min(length, AddressRoom));
     return TSocket(descriptor, family);
