@@ -76,10 +76,13 @@ struct ERefused {};
 struct EOutput {};
 struct EInput {};
 
-/// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared.
+/// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared. An
+/// address that the system cannot take, such as too long a path, is not told apart from a socket without a connection, which this one is.
 void Connect(TSocket& socket, const TSocket::TAddress& address) {
     try {
         socket.Connect(address);
+    } catch (const ENotConnected&) {
+        throw EBadAddress("refused by the system");
     } catch (const EException& failure) {
         if (Lines::ReasonOf(failure) == std::strerror(ECONNREFUSED)) // NOLINT(concurrency-mt-unsafe): there is one thread
             throw ERefused();

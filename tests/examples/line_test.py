@@ -475,6 +475,7 @@ class ClientTest(LineTest):
             ("inet", "x" * 300 + ":1", 'bad address: "xxx'),
             ("martian", "x", 'bad address: "martian" has no addresses ('),
             ("ipx", "x", 'bad address: "ipx" has no addresses ('),
+            ("fs", "/" + "x" * 200, 'bad address: "/xxx'),  # the system takes 107 bytes
         ):
             with self.subTest(domain=domain, address=address):
                 result = run_client(domain, address, "1", b"line\n")
