@@ -366,7 +366,8 @@ class ServerTest(LineTest):
             (["inet", "127.0.0.1:0", "1", "2"], 2, "usage: line_server DOMAIN ADDRESS [LIMIT]\n"),
             (["inet", "nonsense"], 1, "line_server: bad socket address: "),
             (["ipx", "x"], 1, "line_server: unsupported socket domain (address family): "),
-            (["inet", taken], 1, "line_server: "),
+            (["inet", taken], 1, "line_server: socket bind failed: "),
+            (["inet", taken.replace("127.0.0.1", "0.0.0.0")], 1, "line_server: socket bind failed: 0.0.0.0:"),
             (["fs", self.path], 1, f"line_server: socket bind failed: {self.path}\n"),
         ):
             with self.subTest(arguments=arguments):
