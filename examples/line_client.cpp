@@ -12,6 +12,9 @@
 #include <iostream>
 #include <string>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 using Kest::EException;
 using Kest::System::TSocket;
 using namespace Kest::System::Interface::_Socket;
@@ -118,6 +121,15 @@ void Run(const std::string& domain, const std::string& text, double limit) {
     Converse(socket);
 }
 
+/// A standard stream that is closed would lend its number to the socket, and answers would go back to the server. It gets a descriptor for
+/// the other direction, with which reading or writing fails.
+void FillStandardDescriptors() {
+    for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(number, F_GETFD) == -1)
+            (void)::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY); // gives the lowest number that is free
+    }
+}
+
 TStatus End(TStatus status, const std::string& sentence) {
     std::cerr << "line_client: " + sentence + '\n';
     return status;
@@ -164,6 +176,7 @@ int main(int argc, char** argv) {
         std::cerr << Usage;
         return BadArguments;
     }
+    FillStandardDescriptors();
     std::ios_base::sync_with_stdio(false);
     return RunAndTell(argv[1], argv[2], limit);
 }

@@ -495,9 +495,12 @@ class ClientTest(LineTest):
 
     def test_answers_that_cannot_be_written(self):
         server = self.start()
-        with open("/dev/full", "wb") as full:
-            result = run_client("inet", server.address, "10", b"line\n", stdout=full)
-        self.assertEqual((result.returncode, result.stderr), (8, b"line_client: output: the answers cannot be written to standard output.\n"))
+        for output in "/dev/full", "&-":  # the latter is closed
+            command = ["sh", "-c", f'exec "$@" >{output}', "sh", *CLIENT, "inet", server.address, "10"]
+            result = subprocess.run(command, input=b"line\n", stderr=subprocess.PIPE, timeout=PATIENCE, check=False)
+            self.assertEqual(
+                (result.returncode, result.stderr), (8, b"line_client: output: the answers cannot be written to standard output.\n")
+            )
 
     def test_other_failures_are_told_too(self):
         self.assertEnds(run_client("fs", self.path, "1"), (1, f"failure: {os.strerror(errno.ENOENT)}."))
