@@ -12,6 +12,9 @@
 #include <iostream>
 #include <string>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 using Kest::EException;
 using Kest::System::TSocket;
 using namespace Kest::System::Interface::_Socket;
@@ -76,10 +79,13 @@ struct ERefused {};
 struct EOutput {};
 struct EInput {};
 
-/// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared.
+/// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared. An
+/// address that the system cannot take, such as too long a path, is not told apart from a socket without a connection, which this one is.
 void Connect(TSocket& socket, const TSocket::TAddress& address) {
     try {
         socket.Connect(address);
+    } catch (const ENotConnected&) {
+        throw EBadAddress("refused by the system");
     } catch (const EException& failure) {
         if (Lines::ReasonOf(failure) == std::strerror(ECONNREFUSED)) // NOLINT(concurrency-mt-unsafe): there is one thread
             throw ERefused();
@@ -113,6 +119,15 @@ void Run(const std::string& domain, const std::string& text, double limit) {
     Lines::SetLimits(socket, limit);
     Connect(socket, address);
     Converse(socket);
+}
+
+/// A standard stream that is closed would lend its number to the socket, and answers would go back to the server. It gets a descriptor for
+/// the other direction, with which reading or writing fails.
+void FillStandardDescriptors() {
+    for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(number, F_GETFD) == -1)
+            (void)::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY); // gives the lowest number that is free
+    }
 }
 
 TStatus End(TStatus status, const std::string& sentence) {
@@ -161,6 +176,7 @@ int main(int argc, char** argv) {
         std::cerr << Usage;
         return BadArguments;
     }
+    FillStandardDescriptors();
     std::ios_base::sync_with_stdio(false);
     return RunAndTell(argv[1], argv[2], limit);
 }

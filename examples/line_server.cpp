@@ -192,11 +192,20 @@ std::string ListeningAddress(const TSocket& listener, const std::string& domain,
     return host + (':' + std::to_string(ntohs(own.sin_port)));
 }
 
+/// A failed Bind names the address, and fails in that where no name is registered for it, as for 0.0.0.0: the text is as good.
+void Bind(TSocket& listener, const TSocket::TAddress& address, const std::string& text) {
+    try {
+        listener.Bind(address);
+    } catch (const EBadAddress&) {
+        throw EException("socket bind failed: " + text);
+    }
+}
+
 void Run(const std::string& domain, const std::string& text, double limit) {
     const TSocket::TAddress address(domain, text, true);
     TSocket listener(Lines::ConnectionOf(domain));
     listener.SetReuseAddress(true);
-    listener.Bind(address);
+    Bind(listener, address, text);
     // From here on, whichever way this ends, the file of an "fs" listener goes.
     const std::unique_ptr<const char, int (*)(const char*)> file(domain == "fs" ? text.c_str() : nullptr, ::unlink);
     listener.Listen(0);

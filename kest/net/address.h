@@ -36,8 +36,8 @@ public:
     ///
     /// "inet": the first colon that is not the last character separates host and port. The port is what strtol reads in base 10, of
     /// which the low 16 bits count: leading white space and a sign are read, reading stops at what is no digit, no digits give 0, and what
-    /// does not fit a long counts as its largest value. A host with a zero byte in it is none. An "fs" path is kept whole, and read back
-    /// up to its first zero byte.
+    /// does not fit a long counts as the nearer end of its range. A host with a zero byte in it is none. An "fs" path is kept whole, and
+    /// read back up to its first zero byte.
     /// @param resolve  true: the host may be a name, the first address that the system's resolver has for it is taken; that may take
     ///                 seconds, and a cancellation waits for it. False: it must be a dotted decimal IPv4 address. Ignored for "fs".
     /// @throw EUnsupportedDomain  unknown family, the detail is its name; or "ipx" and "", "address error".

@@ -165,7 +165,8 @@ public:
     /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
     /// @throw std::bad_alloc  there is no memory for the address; nothing was accepted.
     /// A connection that is announced and aborted before it is accepted makes the call wait past its limit, unless the socket is
-    /// non-blocking. Cancellation point.
+    /// non-blocking. Cancellation point: one that arrives together with a connection may lose it and leave its descriptor open, since C
+    /// libraries before 2.41 act on it too late. A non-blocking socket loses none; threads that are cancelled wait with SelectRead() first.
     TSocket Accept(Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.

@@ -50,10 +50,21 @@ bool WouldBlock(int code) {
 }
 
 /// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
-/// writable at once, and waiting for that would spin.
-KEST_LEFT_BY_CANCELLATION void PauseForQueue() {
+/// writable at once, and waiting for that would spin. The result is the system's: nearly all of the time passes here, so this is where a
+/// signal ends the wait.
+KEST_LEFT_BY_CANCELLATION int PauseForQueue() {
     const timespec aMoment{0, 5000000}; // short beside any limit, long beside a call
-    (void)::nanosleep(&aMoment, nullptr);
+    return ::nanosleep(&aMoment, nullptr);
+}
+
+/// A C library before 2.41 may act on a cancellation after the system has made the new descriptor, which is lost then. So where the call
+/// does not wait, a cancellation is acted on before it. A wait has to be cut off, whatever it costs.
+KEST_LEFT_BY_CANCELLATION int AcceptOnce(int listener, bool mayWait, sockaddr* peer, socklen_t* length) {
+    if (mayWait)
+        return ::accept(listener, peer, length);
+    ::pthread_testcancel();
+    const _TCancellationOff off;
+    return ::accept(listener, peer, length);
 }
 
 /// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
@@ -100,7 +111,7 @@ TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
     if (Blocking && ReceiveTimeout != EndlessTimeInterval)
         ValidateReceive();
     socklen_t length = AddressRoom;
-    const int descriptor = CheckResult(::accept(Descriptor, AsSystemAddress(bytes.get()), &length));
+    const int descriptor = CheckResult(AcceptOnce(Descriptor, Blocking, AsSystemAddress(bytes.get()), &length));
     const int family = FamilyOf(bytes.get());
     peer.Assume(std::move(bytes), std::min(length, AddressRoom));
     return TSocket(descriptor, family);
@@ -139,7 +150,7 @@ void TSocket::ConnectWithin(double limit, const TAddress& target) {
         if (!(GetCurrentTime() - start < limit))
             throw ETimeout();
         if (SelectWrite(LongestWait) && code == EAGAIN)
-            PauseForQueue();
+            (void)CheckResult(PauseForQueue());
     }
 }
 
@@ -188,7 +199,7 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
             if (!(GetCurrentTime() - start < SendTimeout))
                 throw ETimeout();
             if (wasWritable)
-                PauseForQueue();
+                (void)CheckResult(PauseForQueue());
             wasWritable = SelectWrite(LongestWait);
             continue;
         }

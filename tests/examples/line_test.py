@@ -366,7 +366,8 @@ class ServerTest(LineTest):
             (["inet", "127.0.0.1:0", "1", "2"], 2, "usage: line_server DOMAIN ADDRESS [LIMIT]\n"),
             (["inet", "nonsense"], 1, "line_server: bad socket address: "),
             (["ipx", "x"], 1, "line_server: unsupported socket domain (address family): "),
-            (["inet", taken], 1, "line_server: "),
+            (["inet", taken], 1, "line_server: socket bind failed: "),
+            (["inet", taken.replace("127.0.0.1", "0.0.0.0")], 1, "line_server: socket bind failed: 0.0.0.0:"),
             (["fs", self.path], 1, f"line_server: socket bind failed: {self.path}\n"),
         ):
             with self.subTest(arguments=arguments):
@@ -475,6 +476,7 @@ class ClientTest(LineTest):
             ("inet", "x" * 300 + ":1", 'bad address: "xxx'),
             ("martian", "x", 'bad address: "martian" has no addresses ('),
             ("ipx", "x", 'bad address: "ipx" has no addresses ('),
+            ("fs", "/" + "x" * 200, 'bad address: "/xxx'),  # the system takes 107 bytes
         ):
             with self.subTest(domain=domain, address=address):
                 result = run_client(domain, address, "1", b"line\n")
@@ -493,9 +495,12 @@ class ClientTest(LineTest):
 
     def test_answers_that_cannot_be_written(self):
         server = self.start()
-        with open("/dev/full", "wb") as full:
-            result = run_client("inet", server.address, "10", b"line\n", stdout=full)
-        self.assertEqual((result.returncode, result.stderr), (8, b"line_client: output: the answers cannot be written to standard output.\n"))
+        for output in "/dev/full", "&-":  # the latter is closed
+            command = ["sh", "-c", f'exec "$@" >{output}', "sh", *CLIENT, "inet", server.address, "10"]
+            result = subprocess.run(command, input=b"line\n", stderr=subprocess.PIPE, timeout=PATIENCE, check=False)
+            self.assertEqual(
+                (result.returncode, result.stderr), (8, b"line_client: output: the answers cannot be written to standard output.\n")
+            )
 
     def test_other_failures_are_told_too(self):
         self.assertEnds(run_client("fs", self.path, "1"), (1, f"failure: {os.strerror(errno.ENOENT)}."))

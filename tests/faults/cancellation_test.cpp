@@ -282,6 +282,13 @@ const TRow Rows[] = {
     {"receive from", [](TScene& s) { s.Net.Server.ReceiveFrom(&Byte, 1, Peer); }, true, ReceivesNext},
     {"receive with a limit", Limited([](TScene& s) { s.Net.Server.Receive(&Byte, 1); }), true, ReceivesNext},
     {"accept", [](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }, true, AcceptsNext},
+    {"accept without waiting",
+     [](TScene& s) {
+         s.Socket.Connect(s.Net.Listener.Address);
+         s.Net.Listener.Socket.SetBlocking(false);
+         Releasing(By({{C::accept, &CancelMyself}}, [](TScene& t) { t.Net.Listener.Socket.Accept(Peer); }))(s);
+     },
+     Itself, IsPast},
     {"accept with a limit", Limited([](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }), true, AcceptsNext},
     {"send", [](TScene& s) { SendTooMuch(s.Net.Server); }},
     {"send with a limit", Limited([](TScene& s) { SendTooMuch(s.Net.Server); })},
