@@ -37,9 +37,9 @@ TMutex::~TMutex() {
     (void)::pthread_mutex_destroy(&Mutex);
 }
 
-/// For a recursive mutex: whether the calling thread is inside.
+/// For a recursive mutex: whether the calling thread is inside. A free one has no owner.
 bool TMutex::IsMine() const {
-    return Count.load(std::memory_order_relaxed) != 0 && Owner.load(std::memory_order_relaxed) == Self();
+    return Owner.load(std::memory_order_relaxed) == Self();
 }
 
 /// Of a recursive mutex, with the system mutex just taken.
