@@ -145,8 +145,9 @@ std::pair<std::string, std::string_view> SplitEntry(std::string_view path) {
     return {std::string(path.substr(0, separator + 1)), path.substr(separator + 1)};
 }
 
-/// Whether two paths are names of one directory entry: one folder by device and inode, and one name in it.
-bool IsSameEntry(const std::string& left, const std::string& right) {
+/// Whether two paths, which end at their first zero byte, are names of one directory entry: one folder by device and inode, and one name
+/// in it.
+bool IsSameEntry(const char* left, const char* right) {
     const auto [leftFolder, leftName] = SplitEntry(left);
     const auto [rightFolder, rightName] = SplitEntry(right);
     struct stat leftState {};
@@ -162,7 +163,7 @@ bool IsLeftHardLink(const std::string& from, const std::string& to) {
     struct stat source {};
     struct stat destination {};
     return ::lstat(from.c_str(), &source) == 0 && ::lstat(to.c_str(), &destination) == 0 && IsSameFile(source, destination) &&
-           !S_ISDIR(source.st_mode) && source.st_nlink >= 2 && !IsSameEntry(from, to);
+           !S_ISDIR(source.st_mode) && source.st_nlink >= 2 && !IsSameEntry(from.c_str(), to.c_str());
 }
 
 } // namespace
