@@ -140,6 +140,7 @@ class MoveFile(Case):
             (source, self.folder / "none" / "x", "'{from}' is a file of 5 bytes; '{to}' does not exist"),
             (self.folder / "link", full, "'{from}' is there, but cannot be looked at (Kest: getting file state failed: "),
             (source, pathlib.Path("/dev/full/x"), "'{from}' is a file of 5 bytes; '{to}' does not exist"),
+            (source, self.folder / ("x" * 300), "'{from}' is a file of 5 bytes; '{to}' cannot be looked at ("),
         )
         for origin, target, now in cases:
             with self.subTest(origin=origin, target=target):
