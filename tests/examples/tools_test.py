@@ -222,6 +222,7 @@ class WorkQueue(Case):
     def test_bad_use_is_told(self):
         for arguments in ((), ("file",), ("file", "0"), ("file", "257"), ("file", "2x")):
             self.assertEqual(run("work_queue", *arguments).returncode, 2)
+        self.assertEqual(run("work_queue", self.folder, "2").returncode, 3)  # opens, but cannot be read
         missing = run("work_queue", self.folder / "none", "2")
         self.assertEqual((missing.returncode, missing.stderr), (3, f"{self.folder}/none: No such file or directory\n"))
 
