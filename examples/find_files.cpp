@@ -3,7 +3,7 @@
 #include <kest/filesystem/directory.h>
 #include <kest/filesystem/file.h>
 #include <kest/filesystem/file_state.h>
-#include <kest/foundation/time.h>
+#include <kest/foundation/exception.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -38,11 +38,10 @@ const char* NameOf(TFile::TType type) {
 
 /// "2026-11-24 21:21:38" in the local zone.
 std::string LocalTimeText(double time) {
-    // The difference is UTC minus local time, so the local clock shows this many seconds when UTC shows `time`.
-    const auto shown = static_cast<time_t>(time) - _UTCLocalTimeDifference(static_cast<long>(time));
+    const auto instant = static_cast<time_t>(time);
     struct tm parts {};
     char text[64];
-    if (::gmtime_r(&shown, &parts) == nullptr || std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0)
+    if (::localtime_r(&instant, &parts) == nullptr || std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0)
         return "(no such time)";
     return text;
 }

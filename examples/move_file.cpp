@@ -1,12 +1,14 @@
 // Renames a file, over file systems too, and says what happened and, when it failed, what exists now.
 
-#include <kest/filesystem/directory.h>
 #include <kest/filesystem/file.h>
 #include <kest/filesystem/file_state.h>
+#include <kest/foundation/exception.h>
 
-#include <cinttypes>
+#include <cerrno>
 #include <cstdio>
 #include <string>
+
+#include <sys/stat.h>
 
 using namespace Kest::System;
 
@@ -15,21 +17,6 @@ namespace {
 constexpr int ExitMoved = 0;
 constexpr int ExitFailed = 1;
 constexpr int ExitUsage = 2;
-
-/// Whether the folder of @p path has an entry of that name, a link that leads nowhere included.
-bool IsEntry(const std::string& path) {
-    const std::size_t separator = path.rfind('/');
-    const std::string folder = separator == std::string::npos ? "." : path.substr(0, separator + 1);
-    const std::string name = path.substr(separator + 1); // npos + 1 is 0
-    try {
-        TDirectory reader(folder);
-        while (reader.Read().GetName() != name) {
-        }
-        return true;
-    } catch (const Kest::EException&) { // the end, or no such folder
-        return false;
-    }
-}
 
 /// What is at @p path now, for a person to read.
 std::string Describe(const std::string& path) {
@@ -41,9 +28,11 @@ std::string Describe(const std::string& path) {
                                                                        : "neither a file nor a directory";
         return "'" + path + "' is " + kind;
     } catch (const Kest::EException& failure) {
-        if (IsEntry(path))
-            return "'" + path + "' is there, but cannot be looked at (" + failure.GetMessage() + ")";
-        return "'" + path + "' does not exist";
+        struct stat entry {}; // of a link that leads nowhere, its own
+        const bool isThere = ::lstat(path.c_str(), &entry) == 0;
+        if (!isThere && (errno == ENOENT || errno == ENOTDIR))
+            return "'" + path + "' does not exist";
+        return "'" + path + (isThere ? "' is there, but cannot be looked at (" : "' cannot be looked at (") + failure.GetMessage() + ")";
     }
 }
 

@@ -31,7 +31,7 @@ constexpr int ExitInterrupted = 4;
 
 constexpr std::size_t MostWaiting = 64;
 constexpr long MostWorkers = 256;
-constexpr double LookInterval = 0.1; // seconds between two looks at the signal's flag, which no condition announces
+constexpr double LookInterval = 0.02; // seconds between two looks for the end or the signal
 
 volatile std::sig_atomic_t IsInterrupted = 0;
 
@@ -93,11 +93,9 @@ public:
         HasRoom.Broadcast();
     }
 
-    /// Waits for at most @p seconds until the queue is closed; true when it is.
-    bool WaitUntilClosed(double seconds) {
+    /// True when no more lines will come. Nobody can wait for that: a second kind of waiter would take signals away from the first.
+    bool IsOver() {
         const TInside inside(Mutex);
-        if (!IsClosed)
-            (void)HasRoom.Wait(Mutex, seconds);
         return IsClosed;
     }
 
@@ -183,13 +181,14 @@ int Process(std::ifstream& file, long workerCount) {
     TReader reader(file, queue);
     reader.Start();
 
-    while (!queue.WaitUntilClosed(LookInterval) && !IsInterrupted) {
-    }
+    while (!queue.IsOver() && !IsInterrupted)
+        TThreadInstance::Sleep(LookInterval); // a signal ends it
     if (IsInterrupted) {
         reader.Cancel(); // it may wait for a file that never ends
         queue.Close(true);
     }
     (void)reader.WaitFor();
+    const bool isRead = IsInterrupted || !file.bad();
 
     unsigned long lines = 0;
     unsigned long long characters = 0;
@@ -204,7 +203,9 @@ int Process(std::ifstream& file, long workerCount) {
     }
     std::printf("%s%lu lines, %llu characters, %lu changed, %ld workers\n", IsInterrupted ? "interrupted: " : "", lines, characters,
                 changed, workerCount);
-    return IsInterrupted ? ExitInterrupted : changed != 0 ? ExitChanged : ExitUnchanged;
+    if (!isRead)
+        std::fputs("the file could not be read to its end\n", stderr);
+    return !isRead ? ExitFailed : IsInterrupted ? ExitInterrupted : changed != 0 ? ExitChanged : ExitUnchanged;
 }
 
 } // namespace

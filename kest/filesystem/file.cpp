@@ -55,12 +55,21 @@ private:
 };
 
 /// Opens a file and tells whether it is open. A cancellation that arrives while the system opens one loses its descriptor, and emptying a
-/// large file takes its time, so cancellation is off for that; it stays on where opening may have to wait for somebody else.
-bool Open(TFileBuffer& file, const std::string& path, std::ios_base::openmode mode, bool mayWait) {
-    if (mayWait)
-        return file.open(path, mode | std::ios_base::binary) != nullptr;
+/// large file takes its time, so cancellation is off for that; it stays on where opening may have to wait for somebody else. Then only the
+/// system waits: a cancelled file stream would lose what the C library keeps of an open file.
+KEST_LEFT_BY_CANCELLATION bool Open(TFileBuffer& file, const std::string& path, std::ios_base::openmode mode, bool mayWait,
+                                    std::size_t bufferSize) {
+    const std::ios_base::openmode binary = mode | std::ios_base::binary;
+    if (!mayWait) {
+        const _TCancellationOff off;
+        return file.open(path, binary) != nullptr;
+    }
+    const int descriptor = ::open(path.c_str(), mode == std::ios_base::in ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0666);
     const _TCancellationOff off;
-    return file.open(path, mode | std::ios_base::binary) != nullptr;
+    file = TFileBuffer(descriptor, binary, bufferSize);
+    if (descriptor >= 0 && !file.is_open())
+        (void)::close(descriptor);
+    return file.is_open();
 }
 
 /// Lets the kernel move the next @p size bytes from file to file, until it refuses or there are none. Whatever stopped it: the descriptors
@@ -145,8 +154,9 @@ std::pair<std::string, std::string_view> SplitEntry(std::string_view path) {
     return {std::string(path.substr(0, separator + 1)), path.substr(separator + 1)};
 }
 
-/// Whether two paths are names of one directory entry: one folder by device and inode, and one name in it.
-bool IsSameEntry(const std::string& left, const std::string& right) {
+/// Whether two paths, which end at their first zero byte, are names of one directory entry: one folder by device and inode, and one name
+/// in it.
+bool IsSameEntry(const char* left, const char* right) {
     const auto [leftFolder, leftName] = SplitEntry(left);
     const auto [rightFolder, rightName] = SplitEntry(right);
     struct stat leftState {};
@@ -162,7 +172,7 @@ bool IsLeftHardLink(const std::string& from, const std::string& to) {
     struct stat source {};
     struct stat destination {};
     return ::lstat(from.c_str(), &source) == 0 && ::lstat(to.c_str(), &destination) == 0 && IsSameFile(source, destination) &&
-           !S_ISDIR(source.st_mode) && source.st_nlink >= 2 && !IsSameEntry(from, to);
+           !S_ISDIR(source.st_mode) && source.st_nlink >= 2 && !IsSameEntry(from.c_str(), to.c_str());
 }
 
 } // namespace
@@ -193,7 +203,7 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
     bool isComplete = false;
     {
         constexpr std::size_t bufferSize = (1U << 17U) + 1; // the standard library reads one byte less than its buffer holds
-        const bool isLarge = !isRegular || source.Status.st_size >= SmallestLargeFile;
+        const bool isLarge = isRegular && source.Status.st_size >= SmallestLargeFile;
         const std::unique_ptr<char[]> buffer(isLarge ? new char[bufferSize] : nullptr);
         TFileBuffer in;
         if (isLarge)
@@ -204,12 +214,12 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
         TFileBuffer out;
         (void)out.pubsetbuf(&unbuffered, 1);
         const TFileCloser closer(out, in);
-        const bool isReadable = Open(in, UTF8ToSystem(from), std::ios_base::in, !isRegular);
+        const bool isReadable = Open(in, UTF8ToSystem(from), std::ios_base::in, !isRegular, bufferSize);
         const std::string systemTo = UTF8ToSystem(to);
         struct stat old {};
         const bool isThere = ::stat(systemTo.c_str(), &old) == 0;
         if (!isThere || !IsSameFile(source.Status, old)) {
-            isOpenedForWriting = Open(out, systemTo, std::ios_base::out, isThere && !S_ISREG(old.st_mode));
+            isOpenedForWriting = Open(out, systemTo, std::ios_base::out, isThere && !S_ISREG(old.st_mode), 1);
             if (isOpenedForWriting && isReadable) {
                 if (isRegular)
                     MoveInKernel(in, out, source.Status.st_size);

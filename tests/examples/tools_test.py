@@ -61,13 +61,13 @@ class FindFiles(Case):
 
     def test_local_times_follow_the_zone(self):
         path = self.write("file")
-        os.utime(path, (1000000000, 1000000000))
-        for zone in ("UTC", "XXX-5:30", "XXX8"):
+        for instant, zone in ((0, "UTC"), (1000000000, "XXX-5:30"), (2224756800, "EST5EDT,M3.2.0,M11.1.0")):
             with self.subTest(zone=zone):
+                os.utime(path, (instant, instant))
                 environment = dict(os.environ, TZ=zone)
                 shown = run("find_files", self.folder, "file", env=environment).stdout.split()[2:4]
                 wanted = subprocess.run(
-                    ["date", "-d", "@1000000000", "+%Y-%m-%d %H:%M:%S"], capture_output=True, text=True, env=environment, check=True
+                    ["date", "-d", f"@{instant}", "+%Y-%m-%d %H:%M:%S"], capture_output=True, text=True, env=environment, check=True
                 )
                 self.assertEqual(" ".join(shown), wanted.stdout.strip())
 
@@ -140,6 +140,7 @@ class MoveFile(Case):
             (source, self.folder / "none" / "x", "'{from}' is a file of 5 bytes; '{to}' does not exist"),
             (self.folder / "link", full, "'{from}' is there, but cannot be looked at (Kest: getting file state failed: "),
             (source, pathlib.Path("/dev/full/x"), "'{from}' is a file of 5 bytes; '{to}' does not exist"),
+            (source, self.folder / ("x" * 300), "'{from}' is a file of 5 bytes; '{to}' cannot be looked at ("),
         )
         for origin, target, now in cases:
             with self.subTest(origin=origin, target=target):
@@ -221,6 +222,7 @@ class WorkQueue(Case):
     def test_bad_use_is_told(self):
         for arguments in ((), ("file",), ("file", "0"), ("file", "257"), ("file", "2x")):
             self.assertEqual(run("work_queue", *arguments).returncode, 2)
+        self.assertEqual(run("work_queue", self.folder, "2").returncode, 3)  # opens, but cannot be read
         missing = run("work_queue", self.folder / "none", "2")
         self.assertEqual((missing.returncode, missing.stderr), (3, f"{self.folder}/none: No such file or directory\n"))
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 #ifdef __SANITIZE_ADDRESS__
@@ -361,5 +362,26 @@ TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
         ExpectNothingLeaked(before);
     }
 }
+
+#ifndef __SANITIZE_ADDRESS__ // as above
+TEST(Fault, CancelledCopyLosesNoStreamOfTheCLibrary) {
+    TScene scene(PipeToFile);
+    std::size_t before = 0;
+    for (int round = 0; round < 40; ++round) {
+        if (round == 20) // all that is kept for later has been made by now
+            before = ::mallinfo2().uordblks;
+        std::atomic<pid_t> number{0};
+        TFunctionThread thread([&] {
+            number = ::gettid();
+            Copy(scene);
+        });
+        thread.Start();
+        EXPECT_TRUE(FallsAsleep(number));
+        thread.Cancel();
+        EXPECT_EQ(thread.WaitFor(), -1);
+    }
+    EXPECT_LT(::mallinfo2().uordblks, before + 2000);
+}
+#endif
 
 } // namespace

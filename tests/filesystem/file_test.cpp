@@ -123,6 +123,7 @@ TEST(FileRename, WithinAFileSystem) {
         {{"a=1", "d/"}, "a", "d/../a", "", {"a=1", "d/"}},
         {{"d/", "d/a=1", "l->d"}, "d/a", "l/a", "", {"d/", "d/a=1", "l->d"}},
         {{"a=1", "h&a", "l->."}, "a", "l/a", "", {"a=1", "h=1", "l->."}},
+        {{"a=1", "h&a"}, std::string("a\0x", 3), std::string("./a\0y", 5), "", {"a=1", "h=1"}}, // a path ends at its first zero
         // Two hard links of one file.
         {{"a=1", "h&a"}, "a", "h", "", {"h=1"}},
         {{"a=1", "l->a", "m&l"}, "l", "m", "", {"a=1", "m->a"}}, // two hard links of a symbolic link
