@@ -6,4 +6,8 @@
 /// library and all its callers.
 #define KEST_EXPORT __attribute__((visibility("default")))
 
+/// KEST_HIDDEN marks what an exported class keeps for itself: private operations that only the library's sources call. They are no part of
+/// the binary interface, so they may change in any version.
+#define KEST_HIDDEN __attribute__((visibility("hidden")))
+
 #endif

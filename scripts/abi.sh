@@ -2,6 +2,7 @@
 # Compares the library's binary interface with the one in abi/, for 64 and 32 bits. The exported symbols must be those of abi/*.symbols, no
 # more and no less; of what abi/*.abi knows of types and functions nothing may have changed or gone unless the SONAME has. What was only added
 # is fine once it is written down: "abi.sh update" writes both kinds of files, and refuses an incompatible change under the old SONAME as well.
+# Under another SONAME everything passes; the test of the version fails until "abi.sh update" has written that down too.
 # KEST_ABI_SOURCE names another tree than this one to look at, for trying changes.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -59,8 +60,7 @@ for target in x86-64 i386; do
             failures=$((failures + 1))
             continue
         elif [[ $old != "$new" && $action == check ]]; then
-            echo "abi: $target: the SONAME went from $old to $new: abi.sh update begins anew"
-            failures=$((failures + 1))
+            echo "abi: $target: the SONAME went from $old to $new, so anything may have changed; abi.sh update writes down what is kept from now on"
             continue
         fi
     elif [[ $action == check ]]; then

@@ -36,7 +36,7 @@ public:
 private:
     friend KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
 
-    static void Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting);
+    KEST_HIDDEN static void Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting);
 };
 
 /// One attempt to rename @p from to @p to.

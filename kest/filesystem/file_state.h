@@ -50,7 +50,7 @@ public:
 private:
     friend class TFile;
 
-    void StoreTimes(const char* failure) const;
+    KEST_HIDDEN void StoreTimes(const char* failure) const;
 
     // The size of the record depends on these flags, and the library is built with them.
     static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "compile with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64, as kest.pc says");

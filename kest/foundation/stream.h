@@ -102,10 +102,10 @@ public:
 
 private:
     bool IsUnbuffered() const noexcept { return BufferSize == 1; }
-    void ResetAreas() noexcept;
-    bool Record(int result);
-    bool WritePending();
-    void FlushFromSentry();
+    KEST_HIDDEN void ResetAreas() noexcept;
+    KEST_HIDDEN bool Record(int result);
+    KEST_HIDDEN bool WritePending();
+    KEST_HIDDEN void FlushFromSentry();
 
     TInterface& Transport;
     int LastResult = 0;

@@ -68,11 +68,11 @@ public:
 private:
     friend class TSocket;
 
-    void SetPath(const std::string& path);
-    void SetHostAndPort(const std::string& domain, const std::string& address, bool resolve);
-    std::string GetPath() const;
-    std::string GetHostAndPort(bool resolve) const;
-    void Assume(std::unique_ptr<char[]> bytes, socklen_t length) noexcept;
+    KEST_HIDDEN void SetPath(const std::string& path);
+    KEST_HIDDEN void SetHostAndPort(const std::string& domain, const std::string& address, bool resolve);
+    KEST_HIDDEN std::string GetPath() const;
+    KEST_HIDDEN std::string GetHostAndPort(bool resolve) const;
+    KEST_HIDDEN void Assume(std::unique_ptr<char[]> bytes, socklen_t length) noexcept;
 
     int Domain;
     char* Data;

@@ -207,11 +207,11 @@ public:
     int CheckIOResult(int result) const;
 
 private:
-    void SetFlag(int option, bool on, const char* failure);
-    int CountReady(const double& limit, bool forWriting) const;
-    void ConnectWithin(double limit, const TAddress& target);
-    long SendOnce(const char* data, unsigned size, int flags, const TAddress* target) const;
-    int Transmit(const void* data, unsigned size, const TAddress* target);
+    KEST_HIDDEN void SetFlag(int option, bool on, const char* failure);
+    KEST_HIDDEN int CountReady(const double& limit, bool forWriting) const;
+    KEST_HIDDEN void ConnectWithin(double limit, const TAddress& target);
+    KEST_HIDDEN long SendOnce(const char* data, unsigned size, int flags, const TAddress* target) const;
+    KEST_HIDDEN int Transmit(const void* data, unsigned size, const TAddress* target);
 
     mutable bool HandOver;
     mutable bool OwnsDescriptor;

@@ -36,8 +36,7 @@ protected:
 class KEST_EXPORT TDLL : public _Template::TDLL<void*> {
 public:
     /// Loads the library @p name (UTF-8): a path, or a name that the system looks for in its own places; the empty name stands for the
-    /// program itself. If that fails, ".so" is
-    /// appended and it is tried once more, whatever the name ends in.
+    /// program itself. If that fails, ".so" is appended and it is tried once more, whatever the name ends in.
     /// The library's own start code runs meanwhile, with cancellation off.
     /// @throw EException  the loader's text on the second attempt, alone.
     explicit TDLL(const std::string& name);

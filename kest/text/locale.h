@@ -30,7 +30,7 @@ public:
     std::string Country;  ///< upper-case where detected, empty when unknown
 
 private:
-    void Detect(const std::string& name);
+    KEST_HIDDEN void Detect(const std::string& name);
 };
 
 /// The user's language, "" when unknown: on this platform always.

@@ -46,7 +46,7 @@ private:
     /// @cond
     /// Count and owner, put aside while the object lives: for a wait, which gives the system mutex to others. A cancelled wait unwinds
     /// with the system mutex held again, so the destructor may write them.
-    class _TBookkeepingAside {
+    class KEST_HIDDEN _TBookkeepingAside {
     public:
         explicit _TBookkeepingAside(TMutex& mutex);
         _TBookkeepingAside(const _TBookkeepingAside&) = delete;
@@ -60,10 +60,11 @@ private:
     };
     /// @endcond
 
-    bool IsMine() const;
-    void NoteFirstEntry();
-    void NoteFurtherEntry();
-    __attribute__((noinline)) void EnterFirst(); // a function of its own, so that the other ways through Enter need no stack frame
+    KEST_HIDDEN bool IsMine() const;
+    KEST_HIDDEN void NoteFirstEntry();
+    KEST_HIDDEN void NoteFurtherEntry();
+    /// A function of its own, so that the other ways through Enter need no stack frame.
+    KEST_HIDDEN __attribute__((noinline)) void EnterFirst();
 
     pthread_mutex_t Mutex;
     const bool Recursive;

@@ -28,5 +28,9 @@ check "the header's numbers" "$numbers"
 check "the library's file" "${library##*/libkest.so.}"
 check "kest.pc" "$(PKG_CONFIG_PATH=$folder/pkgconfig pkg-config --modversion kest)"
 check "the CMake package" "$(sed -nE 's/^set\(PACKAGE_VERSION "(.*)"\)$/\1/p' "$folder/cmake/kest/kestConfigVersion.cmake")"
+for interface in "$source_dir"/abi/*.abi; do
+    soname=$(sed -nE "s/^<abi-corpus .*\bsoname='libkest\.so\.([^']*)'.*/\1/p" "$interface")
+    [[ $soname == "${version%%.*}" ]] || { echo "$interface is of major version '$soname'"; failures=$((failures + 1)); }
+done
 check "the newest entry of CHANGELOG.md" "$(sed -n 's/^## //p' "$source_dir/CHANGELOG.md" | head -n 1)"
 exit $((failures > 0))
