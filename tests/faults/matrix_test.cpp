@@ -91,7 +91,7 @@ void Abandon() {
 std::intptr_t RunHere() {
     TFunctionThread thread([] { return 7; });
     thread.Start();
-    return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(&thread));
+    return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(&thread.Get()));
 }
 
 std::string ApplicationOf(TWorld& w) {
