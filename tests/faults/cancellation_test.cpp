@@ -227,7 +227,7 @@ struct THeldPipe {
     const int Descriptor;
 };
 
-[[maybe_unused]] const auto Copy = [](TScene& s) { TFile::Copy(s.From, s.To); };
+const auto Copy = [](TScene& s) { TFile::Copy(s.From, s.To); };
 [[maybe_unused]] const auto Move = By({{C::rename, EXDEV}}, [](TScene& s) { TFile::Rename(s.From, s.To); });
 
 /// Does @p body while both ends of the pipe @p name are open, so that opening it does not block.
@@ -325,6 +325,7 @@ const TRow Rows[] = {
      Itself, IsPast},
     {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
     {"thread", Pending([] { TFunctionThread([] {}); }), Itself, IsPast},
+    {"files of a copy", Releasing(By({{C::fclose, &EndMyself}}, Copy)), Itself, IsPast},
     {"library", Releasing(By({{C::dlopen, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
 };
 
