@@ -289,6 +289,8 @@ const TRow Rows[] = {
     {"send to with a limit", [](TScene& s) { SendToFull(s, 100.0); }},
     {"connect", [](TScene& s) { ConnectToFull(s, 0.0); }},
     {"connect with a limit", [](TScene& s) { ConnectToFull(s, 100.0); }, true, ModeIsBlocking},
+    // The ninth call for a mode: six are of the three clients of the full listener, and two make this one non-blocking.
+    {"connect whose mode cannot be set back", By({TRule(C::fcntl, EBADF).At(9)}, [](TScene& s) { ConnectToFull(s, 100.0); })},
     {"select to read", [](TScene& s) { s.Net.Server.SelectRead(100.0); }},
     {"select to read, 0.0", [](TScene& s) { s.Net.Server.SelectRead(0.0); }},
     {"select to write", FillAndSelect},

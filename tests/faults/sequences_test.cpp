@@ -230,6 +230,7 @@ FAULT_TEST(TimedConnectIsInBlockingModeAgainHoweverItEnds, connect, "Connect wit
     connect({TRule(C::fcntl, EBADF).At(1)}, "EException: socket blocking setup failure", "fcntl(read)");
     connect({TRule(C::fcntl, EBADF).At(3)}, "EException: socket blocking setup failure", begin + " fcntl(read)");
     connect({TRule(C::fcntl, EBADF).At(3), TRule(C::connect, ECONNREFUSED)}, "EException: socket blocking setup failure",
+    connect({TRule(C::gettimeofday, ECONNREFUSED).At(1)}, "EException: WHY", "fcntl(read) fcntl(nonblocking)" + end);
             begin + " fcntl(read)");
 }
 
