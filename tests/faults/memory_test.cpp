@@ -120,7 +120,9 @@ void DetectLocale(TWorld&, const TAttempt& attempt) {
 
 void Describe(TWorld&) {
     errno = EPROTONOSUPPORT;
-    EXPECT_EQ(_GetLastErrorDescription(), std::strerror(EPROTONOSUPPORT));
+    const std::string description = _GetLastErrorDescription();
+    EXPECT_EQ(errno, EPROTONOSUPPORT) << "an allocation changed it";
+    EXPECT_EQ(description, std::strerror(EPROTONOSUPPORT));
 }
 
 void GoAndTell(TWorld& w) {
