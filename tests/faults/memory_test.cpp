@@ -138,6 +138,8 @@ const TRow Rows[] = {
     {"copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }},
     {"rename", [](TWorld& w) { TFile::Rename(w.From, w.To); }},
     {"rename over file systems", MoveFar},
+    {"file removed", [](TWorld& w) { TFile::Remove(w.From); }},
+    {"directory made", [](TWorld& w) { TDirectory::Create(w.Place / "d"); }},
     {"directory", [](TWorld& w) { TDirectory{w.Place.GetPath()}; }},
     {"directory's entries", ReadDirectory},
     {"current directory", GoAndTell},
