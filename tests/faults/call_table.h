@@ -39,6 +39,7 @@ FORM(open, fopen64, FILE*, (const char* path, const char* mode), (path, mode), p
 CALL(read, read, ssize_t, (int descriptor, void* bytes, size_t size), (descriptor, bytes, size), )
 CALL(write, write, ssize_t, (int descriptor, const void* bytes, size_t size), (descriptor, bytes, size), )
 FORM(write, writev, ssize_t, (int descriptor, const void* pieces, int count), (descriptor, pieces, count), )
+CALL(fclose, fclose, int, (FILE * file), (file), )
 CALL(copy_file_range, copy_file_range, ssize_t, (int in, void* inOffset, int out, void* outOffset, size_t size, unsigned flags),
      (in, inOffset, out, outOffset, size, flags), )
 NEVER(rewinddir)

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include <support/failing_new.h>
 
 #include <kest/foundation/cancellation.h>
 
@@ -30,11 +31,12 @@ namespace {
 thread_local TPlan* Current = nullptr;
 thread_local int Held = 0;
 
-/// The C library's call, looked up by the first who makes it.
+/// The C library's call, looked up by the first who makes it. Sanitizers stand before it, with Clang in the program itself, where the
+/// search for the next definition does not find them: they are @p intercepted, null elsewhere.
 template <class TFunction>
 class TReal {
 public:
-    constexpr explicit TReal(const char* symbol) : Symbol(symbol), Place(nullptr) {}
+    constexpr TReal(const char* symbol, TFunction* intercepted) : Symbol(symbol), Place(intercepted) {}
 
     TFunction* Get() {
         TFunction* function = Place.load(std::memory_order_relaxed);
@@ -166,7 +168,8 @@ TEST(Fault, CasesAreListed) {
 #define FORM(name, symbol, ...) KEST_DEFINE(name, symbol, __VA_ARGS__)
 // NOLINTBEGIN(bugprone-macro-parentheses): parameters and arguments come in their own
 #define KEST_DEFINE(name, symbol, type, parameters, arguments, detail)                                                                     \
-    TReal<type parameters> Real_##symbol{#symbol};                                                                                         \
+    extern "C" __attribute__((weak)) type Intercepted_##symbol parameters __asm__("__interceptor_" #symbol);                               \
+    TReal<type parameters> Real_##symbol{#symbol, Intercepted_##symbol};                                                                   \
     extern "C" type Faulty_##symbol parameters __asm__(#symbol);                                                                           \
     extern "C" KEST_LEFT_BY_CANCELLATION type Faulty_##symbol parameters {                                                                 \
         const TRule* const rule = TPlan::Note(TCall::name, TPlan::TDetail{detail});                                                        \
@@ -183,3 +186,25 @@ TEST(Fault, CasesAreListed) {
 } // namespace
 
 } // namespace Kest::Test
+
+// Not weak: those of AddressSanitizer with Clang are, and come first. Those of ThreadSanitizer with Clang let nobody in their place.
+#ifndef KEST_THREAD_SANITIZER_OF_CLANG
+void* operator new(std::size_t size) {
+    return Kest::Test::Allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return Kest::Test::Allocate(size);
+}
+void operator delete(void* block) noexcept {
+    Kest::Test::Release(block);
+}
+void operator delete[](void* block) noexcept {
+    Kest::Test::Release(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    Kest::Test::Release(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+    Kest::Test::Release(block);
+}
+#endif

@@ -120,7 +120,9 @@ void DetectLocale(TWorld&, const TAttempt& attempt) {
 
 void Describe(TWorld&) {
     errno = EPROTONOSUPPORT;
-    EXPECT_EQ(_GetLastErrorDescription(), std::strerror(EPROTONOSUPPORT));
+    const std::string description = _GetLastErrorDescription();
+    EXPECT_EQ(errno, EPROTONOSUPPORT) << "an allocation changed it";
+    EXPECT_EQ(description, std::strerror(EPROTONOSUPPORT));
 }
 
 void GoAndTell(TWorld& w) {
@@ -136,6 +138,8 @@ const TRow Rows[] = {
     {"copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }},
     {"rename", [](TWorld& w) { TFile::Rename(w.From, w.To); }},
     {"rename over file systems", MoveFar},
+    {"file removed", [](TWorld& w) { TFile::Remove(w.From); }},
+    {"directory made", [](TWorld& w) { TDirectory::Create(w.Place / "d"); }},
     {"directory", [](TWorld& w) { TDirectory{w.Place.GetPath()}; }},
     {"directory's entries", ReadDirectory},
     {"current directory", GoAndTell},
@@ -202,6 +206,9 @@ int InProcess(const std::function<TEnd()>& body) {
 }
 
 TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
+#ifdef KEST_THREAD_SANITIZER_OF_CLANG
+    GTEST_SKIP() << "the sanitizer's own memory does not fail";
+#endif
     (void)TAddress("inet", "127.0.0.1:1", true).Get(true); // what is made on first use
     for (const TRow& row : Rows) {
         SCOPED_TRACE(row.Name);

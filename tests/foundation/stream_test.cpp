@@ -170,6 +170,7 @@ TEST(Stream, OperationsReachEachOtherThroughTheTable) {
     EXPECT_EQ(stream.Log, "sync overflow allocate underflow ");
     EXPECT_EQ(stream.tellg(), std::streampos(-1));
     EXPECT_TRUE(stream.seekg(0).fail());
+    EXPECT_EQ(stream.imbue(std::locale::classic()), stream.getloc()) << "the stream's, which its buffer has as well";
     // Behind the destructor and the twelve operations of a stream buffer.
     EXPECT_EQ(Slots(&TStream::doallocate, &TStream::allocate), (std::vector{14, 15}));
     EXPECT_EQ(Slots(&TStream::TInterface::Read, &TStream::TInterface::Write), (std::vector{0, 1}));

@@ -1,5 +1,6 @@
 #include <kest/net/address.h>
 
+#include <kest/text/locale.h>
 #include <kest/threads/guard.h>
 
 #include <support/sockets.h>
@@ -165,16 +166,20 @@ TEST(SocketAddress, LookUpsWaitForTheResolverLock) {
     }
 }
 
-/// Alone in its process, this is the first use of both.
+/// Alone in its process, this is the first use of both tables and of both singletons.
 TEST(SocketAddress, FirstUseMayBeMadeByManyThreadsAtOnce) {
     TGate start;
-    std::vector<std::future<int>> threads(16);
+    std::vector<std::future<std::string>> threads(16);
     for (auto& thread : threads)
-        thread =
-            std::async(std::launch::async, [&start] { return start.Wait(), TSocket::MapDomain("fs") * 10 + TAddress::MapDomain("inet"); });
+        thread = std::async(std::launch::async, [&start] {
+            start.Wait();
+            const std::string both = std::to_string(TSocket::MapDomain("fs")) + std::to_string(TAddress::MapDomain("inet"));
+            const _TScopedEntry entry(ResolverLock());
+            return both + GetSystemEncoding();
+        });
     start.Open();
     for (auto& thread : threads)
-        EXPECT_EQ(thread.get(), 12);
+        EXPECT_EQ(thread.get(), "12UTF-8");
 }
 
 } // namespace

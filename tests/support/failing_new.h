@@ -6,8 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-/// A program that includes this header gets its memory through operators that can be made to fail and that count. They are weak so
-/// that several sources of a program may include them; over those of the shared libraries they win all the same.
+/// A program whose source calls.cpp defines the operators with these functions gets memory that can be made to fail and is counted.
 namespace Kest::Test {
 
 inline thread_local long AllocationsLeft = -1; ///< how many succeed before all fail; negative: no limit
@@ -42,24 +41,5 @@ inline void Release(void* block) noexcept {
 }
 
 } // namespace Kest::Test
-
-__attribute__((weak)) void* operator new(std::size_t size) {
-    return Kest::Test::Allocate(size);
-}
-__attribute__((weak)) void* operator new[](std::size_t size) {
-    return Kest::Test::Allocate(size);
-}
-__attribute__((weak)) void operator delete(void* block) noexcept {
-    Kest::Test::Release(block);
-}
-__attribute__((weak)) void operator delete[](void* block) noexcept {
-    Kest::Test::Release(block);
-}
-__attribute__((weak)) void operator delete(void* block, std::size_t) noexcept {
-    Kest::Test::Release(block);
-}
-__attribute__((weak)) void operator delete[](void* block, std::size_t) noexcept {
-    Kest::Test::Release(block);
-}
 
 #endif

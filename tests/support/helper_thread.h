@@ -77,31 +77,40 @@ private:
 };
 
 /// A thread of the library whose body is a function; one without a result gives 0. It has to be started, and is waited for at the
-/// latest by the destructor.
-class TFunctionThread : public System::TThread {
+/// latest by the destructor, before that of the library's object begins: the thread looks its body up in the object's table.
+class TFunctionThread {
 public:
     template <class TBody>
     explicit TFunctionThread(TBody body)
-        : Body([body = std::move(body)]() mutable -> int {
+        : Thread([body = std::move(body)]() mutable -> int {
               if constexpr (std::is_void_v<decltype(body())>)
                   return body(), 0;
               else
                   return body();
           }) {}
-    ~TFunctionThread() override {
+    TFunctionThread(const TFunctionThread&) = delete;
+    TFunctionThread& operator=(const TFunctionThread&) = delete;
+    ~TFunctionThread() {
         if (IsStarted)
             (void)WaitFor();
     }
 
-    void Start() override {
+    void Start() {
         IsStarted = true;
-        TThread::Start();
+        Thread.Start();
     }
-
-    int Run() override { return Body(); }
+    int WaitFor() { return Thread.WaitFor(); }
+    void Cancel() { Thread.Cancel(); }
+    System::TThread& Get() { return Thread; }
 
 private:
-    std::function<int()> Body;
+    struct TBodyThread : System::TThread {
+        explicit TBodyThread(std::function<int()> body) : Body(std::move(body)) {}
+        int Run() override { return Body(); }
+        std::function<int()> Body;
+    };
+
+    TBodyThread Thread;
     bool IsStarted = false;
 };
 

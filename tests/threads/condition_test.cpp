@@ -130,19 +130,32 @@ TEST(Condition, EndlessTimedWaitIsTheOtherWait) {
     EXPECT_EQ(condition.Waits, 1);
 }
 
-TEST(Condition, BroadcastWakesAll) {
-    TMutex guard(false);
+TEST(Condition, BroadcastWakesAllWhoTakeTurnsInOneRecursiveGuard) {
+    constexpr int threads = 8, rounds = 200;
+    TMutex guard(true);
     TCondition condition;
-    std::vector<std::unique_ptr<TWaiter>> waiters;
-    for (int i = 0; i != 5; ++i)
-        waiters.push_back(std::make_unique<TWaiter>(condition, guard, 10.0));
-    guard.Enter();
-    for (const auto& waiter : waiters)
-        waiter->Tell();
-    condition.Broadcast();
-    guard.Leave();
-    for (const auto& waiter : waiters)
-        EXPECT_EQ(waiter->WaitFor(), 0);
+    int turn = 0; // no atomic on purpose
+    std::vector<std::unique_ptr<TFunctionThread>> all;
+    for (int index = 0; index != threads; ++index) {
+        all.push_back(std::make_unique<TFunctionThread>([&, index] {
+            for (int round = 0; round != rounds; ++round) {
+                const int entries = 1 + (round + index) % 3;
+                for (int i = 0; i != entries; ++i)
+                    guard.Enter();
+                while (turn % threads != index)
+                    index % 2 == 0 ? condition.Wait(guard) : (void)condition.Wait(guard, 10.0);
+                ++turn;
+                condition.Broadcast();
+                for (int i = 0; i != entries; ++i)
+                    guard.Leave();
+            }
+        }));
+        all.back()->Start();
+    }
+    for (const auto& thread : all)
+        EXPECT_EQ(thread->WaitFor(), 0);
+    EXPECT_EQ(turn, threads * rounds);
+    EXPECT_TRUE(OthersMayEnter(guard));
 }
 
 TEST(Condition, OperationsKeepTheirPlaces) {

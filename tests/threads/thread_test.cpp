@@ -47,13 +47,13 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
         SCOPED_TRACE(value);
         unsigned long seen = 0;
         TFunctionThread thread([&] { return seen = TThreadInstance::GetCurrentHandle(), value; });
-        const unsigned long id = thread.GetId();
+        const unsigned long id = thread.Get().GetId();
         EXPECT_NE(id, TThreadInstance::GetCurrentHandle());
         OnAnotherThread([&] { thread.Start(); });
         thread.Start(); // does nothing any more
         EXPECT_EQ(thread.WaitFor(), value);
         EXPECT_EQ(seen, id);
-        EXPECT_EQ(thread.GetId(), 0u);
+        EXPECT_EQ(thread.Get().GetId(), 0u);
         EXPECT_EQ(thread.WaitFor(), 0);
         EXPECT_KEST_THROW(thread.Cancel(), EException, "Kest: thread cancelation failed");
     }
@@ -64,11 +64,11 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
 
 TEST(Thread, InstancesAreEqualWhenTheyNameOneThread) {
     TFunctionThread one([] {}), other([] {});
-    TThreadInstance copy(one);
-    EXPECT_TRUE(copy.Equals(one));
-    EXPECT_TRUE(one.Equals(TThreadInstance(one.GetId())));
-    EXPECT_FALSE(one.Equals(other));
-    EXPECT_FALSE(one.Equals(TThreadInstance()));
+    TThreadInstance copy(one.Get());
+    EXPECT_TRUE(copy.Equals(one.Get()));
+    EXPECT_TRUE(one.Get().Equals(TThreadInstance(copy.GetId())));
+    EXPECT_FALSE(copy.Equals(other.Get()));
+    EXPECT_FALSE(copy.Equals(TThreadInstance()));
     copy.SetPriority(7);
     EXPECT_EQ(copy.GetPriority(), 0);
 }
