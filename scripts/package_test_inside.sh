@@ -16,7 +16,7 @@ run() { # PROGRAM ARGUMENT...
 # Runs each example in FOLDER on a task of which the result is known.
 run_examples() { # FOLDER
     local folder=$1 server address answers result
-    : >"$work/ready" # the last server's address is gone before this one is looked for
+    : >"$work/ready" # not only by the server: until it begins, the address of the one before would stand there
     $emulator "$folder/line_server" inet 127.0.0.1:0 10 >"$work/ready" & # not run(): $! is then the server itself
     server=$!
     for ((round = 0; round < 500; round++)); do
