@@ -151,6 +151,8 @@ const TRow Rows[] = {
     {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
     TRow({C::unlink, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On({"from=content", "to&from"}),
     {{C::lstat, EACCES}, "_RenameHelper, after it succeeded", Move, "", {"to=content"}},
+    TRow(TRule(C::stat, EACCES).At(2), "_RenameHelper, of the folder of a hard link", Move, "", {"from=content", "to=content"})
+        .On({"from=content", "to&from"}),
     TRow({C::faccessat, EACCES}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
     TRow(TRule(C::open, EMFILE).At(2), "_RenameHelper, over file systems, of the destination", Move, CopyFailed).With(Far),
     TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),

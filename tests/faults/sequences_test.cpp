@@ -231,6 +231,7 @@ FAULT_TEST(TimedConnectIsInBlockingModeAgainHoweverItEnds, connect, "Connect wit
     connect({TRule(C::connect, EINPROGRESS).At(1)}, "", begin + " select(1) connect()" + end);
     connect({TRule(C::connect, EINPROGRESS), TRule(C::select, EINVAL)}, ("ENotConnected: " + NotConnected.substr(6)).c_str(),
             begin + " select(1)" + end);
+    connect({TRule(C::connect, EINPROGRESS), TRule(C::select, [] { throw std::bad_alloc(); })}, "bad_alloc", begin + " select(1)" + end);
     // The limit has passed when the call is made the second time.
     TRule slow(C::select, [] { std::this_thread::sleep_for(std::chrono::milliseconds(25)); });
     connect({TRule(C::connect, EINPROGRESS), slow}, ("ETimeout: " + Timeout.substr(6)).c_str(), begin + " select(1) connect()" + end);

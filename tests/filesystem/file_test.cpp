@@ -1,6 +1,7 @@
 #include <kest/filesystem/file.h>
 
 #include "files.h"
+#include <support/child.h>
 #include <support/descriptors.h>
 
 #include <csignal>
@@ -157,6 +158,18 @@ TEST_F(WithMounts, Rename) {
     };
     for (const TCase& each : cases)
         InMounts([&] { Check(each, Directory.GetPath(), TFile::Rename, [this] { return MountedTree(); }); });
+}
+
+TEST(FileRename, BareNamesAreThoseOfTheCurrentDirectory) {
+    const TTemporaryDirectory directory;
+    Make(directory.GetPath(), {"a=1", "h&a"});
+    InChild([&directory] {
+        std::filesystem::current_path(directory.GetPath());
+        TFile::Rename("a", ".//a");
+        EXPECT_EQ(TreeOf("."), (TTree{"a=1", "h=1"}));
+        TFile::Rename("a", "h");
+        EXPECT_EQ(TreeOf("."), TTree{"h=1"});
+    });
 }
 
 // Whenever one looks, before and after the kill, the destination is there and is one of the two files as a whole.

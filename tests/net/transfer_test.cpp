@@ -197,6 +197,8 @@ TEST_P(SocketTransfer, WaitsTakeEveryLimit) {
         EXPECT_KEST_THROW(socket.SelectRead(refused), ENotConnected, NotConnected);
         EXPECT_KEST_THROW(socket.SelectWrite(refused), ENotConnected, NotConnected);
     }
+    for (const int none : {-1, std::numeric_limits<int>::max()}) // which is in no set
+        EXPECT_KEST_THROW(TSocket(none, 0).SelectRead(1.0), EException, Described("", EBADF));
     for (const double limit : {1e-9, 0.05}) {
         ExpectWait(limit - 1e-6, [&] { EXPECT_FALSE(socket.SelectRead(limit)); }); // whole microseconds count
         EXPECT_TRUE(socket.SelectWrite(limit));
