@@ -87,9 +87,14 @@ std::string OutcomeOf(const TAction& action) {
 /// @p text with the words FROM, TO and WHY replaced by the paths of @p world and the description of @p code.
 inline std::string Filled(std::string text, const TWorld& world, int code) {
     const std::pair<const char*, std::string> words[] = {{"FROM", world.From}, {"TO", world.To}, {"WHY", std::strerror(code)}};
-    for (const auto& [word, value] : words)
-        for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos; at += value.size())
-            text.replace(at, std::strlen(word), value);
+    for (std::size_t at = 0, next; at < text.size(); at = next) {
+        next = at + 1;
+        for (const auto& [word, value] : words)
+            if (next == at + 1 && text.compare(at, std::strlen(word), word) == 0) { // a path may hold such letters too
+                text.replace(at, std::strlen(word), value);
+                next = at + value.size();
+            }
+    }
     return text;
 }
 
