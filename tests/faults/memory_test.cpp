@@ -134,7 +134,7 @@ const bool Composes = true;
 
 const TRow Rows[] = {
     {"file state", [](TWorld& w) { TFile::TState{w.From}; }},
-    {"full path", [](TWorld& w) { (void)TFile::GetPathName(w.Place / "../../etc"); }},
+    {"full path", [](TWorld& w) { (void)TFile::GetPathName(w.From); }},
     {"copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }},
     {"rename", [](TWorld& w) { TFile::Rename(w.From, w.To); }},
     {"rename over file systems", MoveFar},
