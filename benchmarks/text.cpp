@@ -291,13 +291,15 @@ using TShared = std::shared_ptr<const TText>;
 
 template <class TCall>
 void RegisterCall(const std::string& name, std::int64_t size, const TCall& call) {
-    Register(name, size, [call](benchmark::State& state, std::int64_t) {
+    auto* const measurement = Register(name, size, [call](benchmark::State& state, std::int64_t) {
         for (auto _ : state) {
             auto result = call();
             benchmark::DoNotOptimize(result);
             benchmark::ClobberMemory();
         }
     });
+    if (size > 1 << 20)
+        measurement->Iterations(1)->Repetitions(5); // some peers take seconds for it
 }
 
 template <class TWay>
