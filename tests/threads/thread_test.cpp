@@ -60,7 +60,8 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
     EXPECT_KEST_THROW(TThreadInstance().Cancel(), EException, "Kest: thread cancelation failed");
     EXPECT_EQ(TThreadInstance().WaitFor(), 0);
 #ifndef KEST_THREAD_SANITIZER_OF_CLANG // which ends the process for it
-    EXPECT_EQ(TThreadInstance(TThreadInstance::GetCurrentHandle()).WaitFor(), 0); // nobody waits for itself
+    // Nobody waits for itself.
+    EXPECT_EQ(TThreadInstance(TThreadInstance::GetCurrentHandle()).WaitFor(), 0);
 #endif
 }
 
