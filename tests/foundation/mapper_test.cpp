@@ -1,13 +1,10 @@
 #include <kest/foundation/mapper.h>
 
-#include "support/slot.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <type_traits>
 
-using Kest::Test::Slots;
 using TPriorityMapper = Kest::System::_Template::TMetaPriorityRangeMapper<int, 20, -20>;
 
 namespace {
@@ -55,12 +52,6 @@ TEST(Mapper, ArithmeticWraps) {
     EXPECT_EQ(TAnyMapper(0, 1, 0, -1).Inverse(Min), Min);
     EXPECT_EQ(TAnyMapper(Min, Max, 1, 0).Forward(Max), 0); // a range of the length -1
     EXPECT_EQ(TAnyMapper(0, 1, Max, 0).Forward(-1), -2);   // Max + Max
-}
-
-TEST(Mapper, OperationsKeepTheirPlaces) {
-    EXPECT_EQ(Slots(&TPriorityMapper::GetAA, &TPriorityMapper::GetAB, &TPriorityMapper::GetBA, &TPriorityMapper::GetBB,
-                    &TPriorityMapper::GetA, &TPriorityMapper::GetB),
-              (std::vector{0, 1, 2, 3, 4, 5}));
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <future>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -13,7 +12,7 @@ using Kest::_Gadgets::TSingleton;
 namespace {
 
 constexpr int Threads = 16;
-std::atomic<int> Arrived{0}, Made{0}, Attempts{0};
+std::atomic<int> Arrived{0}, Made{0};
 
 struct TSlow {
     TSlow() {
@@ -24,13 +23,6 @@ struct TSlow {
     }
 };
 
-struct TSecondTime {
-    TSecondTime() {
-        if (++Attempts == 1)
-            throw std::runtime_error("not yet");
-    }
-};
-
 TEST(Singleton, IsMadeOnceByThreadsThatComeTogether) {
     std::vector<std::future<TSlow*>> threads(Threads);
     for (auto& thread : threads)
@@ -38,13 +30,6 @@ TEST(Singleton, IsMadeOnceByThreadsThatComeTogether) {
     for (auto& thread : threads)
         EXPECT_EQ(thread.get(), &TSingleton<TSlow>::GetObject());
     EXPECT_EQ(Made, 1);
-}
-
-TEST(Singleton, ConstructorThatThrowsIsTriedAgain) {
-    EXPECT_THROW(TSingleton<TSecondTime>::GetObject(), std::runtime_error);
-    const TSecondTime& object = TSingleton<TSecondTime>::GetObject();
-    EXPECT_EQ(&TSingleton<TSecondTime>::GetObject(), &object);
-    EXPECT_EQ(Attempts, 2);
 }
 
 } // namespace

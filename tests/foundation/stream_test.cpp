@@ -1,7 +1,6 @@
 #include <kest/foundation/stream.h>
 
 #include "fuzz/stream_model.h"
-#include "support/slot.h"
 
 #include <gtest/gtest.h>
 
@@ -171,9 +170,6 @@ TEST(Stream, OperationsReachEachOtherThroughTheTable) {
     EXPECT_EQ(stream.tellg(), std::streampos(-1));
     EXPECT_TRUE(stream.seekg(0).fail());
     EXPECT_EQ(stream.imbue(std::locale::classic()), stream.getloc()) << "the stream's, which its buffer has as well";
-    // Behind the destructor and the twelve operations of a stream buffer.
-    EXPECT_EQ(Slots(&TStream::doallocate, &TStream::allocate), (std::vector{14, 15}));
-    EXPECT_EQ(Slots(&TStream::TInterface::Read, &TStream::TInterface::Write), (std::vector{0, 1}));
 }
 
 TEST(Stream, BehavesLikeTheModel) {

@@ -37,16 +37,6 @@ TEST(SocketErrors, ClassesAreAFamily) {
     ExpectClass<EShutdown, EAbort, true, true>(Shutdown);
 }
 
-TEST(SocketErrors, OnlyMinusOneIsAFailureAndZeroOneOfTransfers) {
-    const TSocket socket(StreamOf("fs"));
-    errno = ECONNRESET;
-    for (const int result : {-2, 0, 5})
-        EXPECT_EQ(socket.CheckResult(result), result);
-    for (const int result : {-2, 5})
-        EXPECT_EQ(socket.CheckIOResult(result), result);
-    EXPECT_KEST_THROW(socket.CheckIOResult(0), EShutdown, Shutdown + ": when receive");
-}
-
 TEST(SocketErrors, BrokenPipeIsAShutdownOnceTheSendingSideWasShutDown) {
     const auto pipe = [](const TSocket& socket) { return [&] { errno = EPIPE, socket.CheckResult(-1); }; };
     const std::string broken = IOError + ": broken pipe";

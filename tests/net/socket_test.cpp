@@ -51,13 +51,6 @@ TEST(SocketLifecycle, UnknownDomainIsReportedBeforeProtocolAndTypeAndLeavesNoDes
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(SocketLifecycle, TypesHaveTheNumbersOfTheSystem) {
-    for (int type = 0; type < 5; ++type)
-        EXPECT_EQ(TSocket::MapType(static_cast<TSocket::TType>(type)), type + 1);
-    for (const int type : {-1, 5, 6, 1000})
-        EXPECT_KEST_THROW(TSocket::MapType(static_cast<TSocket::TType>(type)), EUnsupportedType, "Kest: unsupported socket type");
-}
-
 TEST(SocketOwnership, FirstCopyOfAnAcceptedSocketTakesItsDescriptorAndOthersDuplicate) {
     TListener listener("fs");
     TSocket client(StreamOf("fs"));

@@ -70,16 +70,6 @@ TEST_P(SocketTransfer, ReceiveTellsCloseResetTimeOutAndWouldBlockApart) {
     EXPECT_KEST_THROW(other.Receive(&Byte, 1), EReset, Reset);
 }
 
-TEST_P(SocketTransfer, TransferOfZeroBytesCountsAsShutdown) {
-    TConnection connection(Domain);
-    EXPECT_EQ(connection.Server.Send("x", 1), 1);
-    EXPECT_KEST_THROW(connection.Client.Receive(&Byte, 0), EShutdown, Shutdown + ": when receive");
-    for (const double limit : {0.0, 1.0}) {
-        connection.Client.SetSendTimeout(limit);
-        EXPECT_KEST_THROW(connection.Client.Send(&Byte, 0), EShutdown, Shutdown + ": when receive");
-    }
-}
-
 TEST_P(SocketTransfer, SendWithALimitDeliversAllToASlowReader) {
     const std::string sent = Pattern(4 << 20);
     std::string received;
@@ -94,18 +84,6 @@ TEST_P(SocketTransfer, SendWithALimitDeliversAllToASlowReader) {
     EXPECT_EQ(connection.Client.Send(sent.data(), static_cast<unsigned>(sent.size())), static_cast<int>(sent.size()));
     (void)reader.WaitFor();
     EXPECT_TRUE(received == sent);
-}
-
-TEST_P(SocketTransfer, SendOfANonBlockingSocketIsOneCallWhateverTheLimit) {
-    for (const double limit : {0.0, Soon}) {
-        TConnection connection(Domain);
-        connection.Client.SetBlocking(false);
-        connection.Client.SetSendTimeout(limit);
-        const int part = SendTooMuch(connection.Client);
-        EXPECT_GT(part, 0);
-        EXPECT_LT(part, static_cast<int>(TooMuch().size()));
-        EXPECT_KEST_THROW(for (;;) SendTooMuch(connection.Client), EWouldBlock, WouldBlock);
-    }
 }
 
 TEST_P(SocketTransfer, SendToASilentPeerTimesOutWithoutSpinning) {
@@ -145,35 +123,6 @@ TEST_P(SocketTransfer, AcceptWaitsAsLongAsTheLimitSaysAndLeavesTheAddressAloneWh
     TSocket accepted = listener.Socket.Accept(peer);
     EXPECT_EQ(accepted.SetReceiveTimeout(0.0), 0.0) << "limits and mode are not inherited";
     EXPECT_TRUE(IsInBlockingMode(accepted));
-}
-
-TEST_P(SocketTransfer, TimedConnectEndsInBlockingModeOnEveryWayOut) {
-    TListener listener(Domain);
-    const TFullListener full(Domain);
-    const auto connect = [&](const TAddress& target, double limit) {
-        TRecorder client(StreamOf(Domain));
-        client.SetSendTimeout(limit);
-        std::string message;
-        try {
-            client.Connect(target);
-        } catch (const EException& exception) {
-            message = exception.GetMessage();
-        }
-        EXPECT_EQ(client.Modes, "NB");
-        EXPECT_TRUE(IsInBlockingMode(client));
-        EXPECT_LE(client.Waits, FewWaits);
-        return message;
-    };
-    EXPECT_EQ(connect(listener.Address, Soon), "");
-    ExpectWait(0.2, [&] { EXPECT_EQ(connect(full.Address, 0.2), Timeout); });
-    EXPECT_EQ(connect(full.Address, -1.0), Timeout);
-    const TAddress nobody = TListener(Domain).Address;
-    EXPECT_EQ(connect(nobody, Soon), Described("", Domain == "inet" ? ECONNREFUSED : ENOENT));
-
-    TSocket nonBlocking(StreamOf(Domain));
-    nonBlocking.SetBlocking(false);
-    nonBlocking.SetSendTimeout(Soon);
-    EXPECT_KEST_THROW(nonBlocking.Connect(full.Address), EWouldBlock, WouldBlock);
 }
 
 TEST_P(SocketTransfer, TimedConnectSucceedsOnceAFullListenerMakesRoom) {
@@ -326,12 +275,6 @@ TEST(SocketConnections, PeersAddressIsTakenWholeWhateverItsLength) {
     const int number = std::stoi(client.substr(sizeof "127.0.0.1"));
     const std::string expected{static_cast<char>(number >> 8), static_cast<char>(number), 127}; // and the zeroes of the host
     EXPECT_EQ(text, expected.c_str());
-}
-
-TEST(SocketConnections, FailedBindTellsTheAddressByName) {
-    const TListener listener("inet");
-    EXPECT_KEST_THROW(TSocket(StreamOf("inet")).Bind(listener.Address), EException,
-                      "Kest: socket bind failed: " + listener.Address.Get(true));
 }
 
 TEST(SocketConnections, ListenOfZeroAsksForAQueueOf128) {

@@ -44,12 +44,6 @@ TEST(Locale, EveryEnvironmentGivesTheDefaults) {
         });
 }
 
-TEST(Locale, UpperCaseChangesTheSmallLettersOfASCIIAlone) {
-    std::string text = "en_us.utf-8@`az{\xE9";
-    _TSystemLocaleDetector::UpperCase(text);
-    EXPECT_EQ(text, "EN_US.UTF-8@`AZ{\xE9");
-}
-
 TEST(Locale, IsDetectedOnceAtTheFirstQuery) {
     EXPECT_EQ(QuestionsWhenLoaded, 0);
     InChild([] {

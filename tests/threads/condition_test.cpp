@@ -1,7 +1,6 @@
 #include <kest/threads/condition.h>
 
 #include "support/helper_thread.h"
-#include "support/slot.h"
 
 #include <kest/foundation/time.h>
 #include <kest/threads/mutex.h>
@@ -118,18 +117,6 @@ TEST(Condition, GuardOfAnotherClassIsRefusedUntouched) {
     EXPECT_EQ(guard.Calls, 0);
 }
 
-TEST(Condition, EndlessTimedWaitIsTheOtherWait) {
-    struct TDerived : TCondition {
-        using TCondition::Wait;
-        void Wait(Interface::TProtectionGuard&) override { ++Waits; }
-        int Waits = 0;
-    } condition;
-    TMutex guard(false);
-    Interface::TCondition<Interface::TProtectionGuard>& interface = condition;
-    EXPECT_TRUE(interface.Wait(guard, EndlessTimeInterval));
-    EXPECT_EQ(condition.Waits, 1);
-}
-
 TEST(Condition, BroadcastWakesAllWhoTakeTurnsInOneRecursiveGuard) {
     constexpr int threads = 8, rounds = 200;
     TMutex guard(true);
@@ -156,13 +143,6 @@ TEST(Condition, BroadcastWakesAllWhoTakeTurnsInOneRecursiveGuard) {
         EXPECT_EQ(thread->WaitFor(), 0);
     EXPECT_EQ(turn, threads * rounds);
     EXPECT_TRUE(OthersMayEnter(guard));
-}
-
-TEST(Condition, OperationsKeepTheirPlaces) {
-    using TInterface = Interface::TCondition<Interface::TProtectionGuard>;
-    void (TInterface::*const wait)(Interface::TProtectionGuard&) = &TInterface::Wait;
-    bool (TInterface::*const timedWait)(Interface::TProtectionGuard&, const double&) = &TInterface::Wait;
-    EXPECT_EQ(Slots(wait, timedWait, &TInterface::Signal, &TInterface::Broadcast), (std::vector{0, 1, 2, 3}));
 }
 
 } // namespace

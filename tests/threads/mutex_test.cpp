@@ -1,13 +1,10 @@
 #include <kest/threads/mutex.h>
 
 #include "support/helper_thread.h"
-#include "support/slot.h"
 
 #include <gtest/gtest.h>
 
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 using namespace Kest::Test;
 using Kest::System::TMutex;
@@ -43,44 +40,6 @@ TEST(Mutex, IsFreeToOthersOnceItsHolderHasLeftAsOftenAsItEntered) {
             EXPECT_EQ(OthersMayEnter(mutex), each.Free[i] == '1') << "after step " << i;
         }
     }
-}
-
-TEST(Mutex, KeepsThreadsApart) {
-    for (const bool recursive : {false, true}) {
-        SCOPED_TRACE(recursive);
-        constexpr int threads = 8, rounds = 5000;
-        TMutex mutex(recursive);
-        TGate start;
-        int counter = 0; // no atomic on purpose
-        std::vector<std::thread> all;
-        for (int index = 0; index != threads; ++index)
-            all.emplace_back([&, index] {
-                start.Wait();
-                for (int round = 0; round != rounds; ++round) {
-                    if (round % 4 != 0 || !mutex.TryEnter())
-                        mutex.Enter();
-                    const int depth = recursive ? (round + index) % 3 : 0;
-                    for (int i = 0; i != depth; ++i)
-                        EXPECT_TRUE(i % 2 == 0 ? (mutex.Enter(), true) : mutex.TryEnter());
-                    for (int i = 0; i != depth; ++i)
-                        mutex.Leave();
-                    const int before = counter;
-                    if (round % 64 == 0)
-                        std::this_thread::yield();
-                    counter = before + 1;
-                    mutex.Leave();
-                }
-            });
-        start.Open();
-        for (std::thread& thread : all)
-            thread.join();
-        EXPECT_EQ(counter, threads * rounds);
-    }
-}
-
-TEST(Mutex, OperationsKeepTheirPlaces) {
-    const std::vector<int> behindTheDestructor{2, 3, 4};
-    EXPECT_EQ(Slots(&TProtectionGuard::Enter, &TProtectionGuard::TryEnter, &TProtectionGuard::Leave), behindTheDestructor);
 }
 
 } // namespace

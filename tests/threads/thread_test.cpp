@@ -3,7 +3,6 @@
 #include "support/death.h"
 #include "support/helper_thread.h"
 #include "support/message.h"
-#include "support/slot.h"
 
 #include <atomic>
 #include <cmath>
@@ -151,12 +150,6 @@ TEST(Sleep, LastsAsLongAsItWasToldUnlessThatIsNoTime) {
         SCOPED_TRACE(seconds);
         ExpectWait(seconds > 0.0 ? seconds : 0.0, [seconds] { TThreadInstance::Sleep(seconds); });
     }
-}
-
-TEST(Thread, OperationsKeepTheirPlaces) {
-    EXPECT_EQ(Slots(&TThread::SetPriority, &TThread::GetPriority, &TThread::WaitFor, &TThread::Cancel, &TThread::GetId, &TThread::Equals,
-                    &TThread::Start, &TThread::Run),
-              (std::vector{0, 1, 2, 3, 4, 5, 6, 7}));
 }
 
 } // namespace
