@@ -112,7 +112,7 @@ void Fill(const std::string& path, std::int64_t size) {
     std::ofstream out(path, std::ios_base::binary);
     std::vector<char> block(1U << 20U, 'k');
     for (std::int64_t left = size; left > 0; left -= static_cast<std::int64_t>(block.size()))
-        out.write(block.data(), std::min(left, static_cast<std::int64_t>(block.size())));
+        out.write(block.data(), static_cast<std::streamsize>(std::min(left, static_cast<std::int64_t>(block.size()))));
 }
 
 /// The destination is removed between copies: the system would write an old file out when its new content is closed.

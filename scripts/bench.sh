@@ -37,10 +37,10 @@ trap 'exit 143' TERM
 export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory
 [[ -n $quick ]] || export KEST_BENCHMARK_WHOLE=1
 
-build() { # PRESET: builds the topics; fails, with the reason in its log, where that is impossible
+build() { # PRESET [OPTION...]: builds the topics; fails, with the reason in its log, where that is impossible
     local targets=("${topics[@]/#/bench_}")
     mkdir -p "$root/build/logs"
-    cmake --preset "$1" >"$root/build/logs/$1.log" 2>&1 &&
+    cmake --preset "$1" "${@:2}" >"$root/build/logs/$1.log" 2>&1 &&
         cmake --build --preset "$1" -j2 --target "${targets[@]}" >>"$root/build/logs/$1.log" 2>&1
 }
 
@@ -60,6 +60,28 @@ run() { # PRESET
     done
 }
 
+# Google Benchmark for 32 bits, unpacked beside the build from the packages of that architecture: to install them the system would have to
+# be told of the architecture first. What apt finds out of it is kept apart too.
+i386=$root/build/i386
+build_32() {
+    if [[ ! -d $i386/usr ]]; then
+        mkdir -p "$i386/lists/partial" "$i386/packages"
+        (
+            cd "$i386/packages"
+            apt=(apt-get -qq -o "APT::Architectures::=$(dpkg --print-architecture)" -o APT::Architectures::=i386
+                -o "Dir::State::Lists=$i386/lists" -o "Dir::Cache=$i386/cache" -o Debug::NoLocking=1)
+            "${apt[@]}" update # one archive's list that fails says nothing of these packages
+            "${apt[@]}" download libbenchmark-dev:i386 libbenchmark1debian:i386
+        ) >"$root/build/logs/i386.log" 2>&1
+        local package
+        for package in "$i386"/packages/*.deb; do
+            dpkg-deb --extract "$package" "$i386" 2>>"$root/build/logs/i386.log" || return
+        done
+    fi
+    # Whatever pkg-config knows of is for 64 bits.
+    PKG_CONFIG_LIBDIR=$i386/usr/lib/i386-linux-gnu/pkgconfig build bench-32 "-Dbenchmark_DIR=$i386/usr/lib/i386-linux-gnu/cmake/benchmark"
+}
+
 runs_32_bits() {
     echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$work/program" 2>/dev/null && "$work/program" 2>/dev/null
 }
@@ -75,11 +97,11 @@ run bench
 results_32=()
 if ! runs_32_bits; then
     about_32="none: this machine runs no 32-bit programs itself, and figures from an emulation would say nothing"
-elif ! build bench-32; then
-    about_32="none: there is no Google Benchmark for 32 bits on this machine"
+elif ! build_32; then
+    about_32="none: no Google Benchmark for 32 bits was to be had"
 else
     run bench-32
-    about_32="beside those of 64 bits"
+    about_32="below those of 64 bits, beside the standard library's"
     results_32=(--results-32 "$root/build/bench-32/results")
 fi
 
