@@ -1,8 +1,8 @@
 // UTF-8 to UCS-2 and back. The limit is what no conversion can do without: a new string, filled by a plain copy of as many bytes as lie
 // between those that are read and those that are written.
+#include <benchmarks/text_portable.h>
 #include <benchmarks/topic.h>
 #include <kest/text/utf8.h>
-#include <kest/text/utf8_strings.h>
 
 #include <algorithm>
 #include <clocale>
@@ -48,8 +48,8 @@ struct TKest {
 /// Kest as it is where the processor has none of the vectors it could use; not across the boundary of the library.
 struct TPortable {
     static constexpr const char* Name = "kest-portable";
-    static std::wstring Decode(const std::string& text) { return System::_DecodeUTF8String(System::_PortableUTF8Form, text); }
-    static std::string Encode(const std::wstring& text) { return System::_EncodeUTF8String(System::_PortableUTF8Form, text); }
+    static std::wstring Decode(const std::string& text) { return DecodePortably(text); }
+    static std::string Encode(const std::wstring& text) { return EncodePortably(text); }
 };
 
 /// The rules as one would write them down: the number of characters is counted, then each is converted.

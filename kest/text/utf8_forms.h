@@ -52,19 +52,26 @@ inline std::size_t _CountUTF8Bytes(const wchar_t* text, std::size_t index, std::
 
 /// Decodes the form at @p text, which is before @p end, and moves @p text behind it.
 inline wchar_t _DecodeUTF8Form(const char*& text, const char* end) noexcept {
+    // A branch each: compilers would make one chain of dependent instructions of a common sum.
     const auto byte = [&text](int index) { return std::uint32_t{static_cast<unsigned char>(text[index])}; };
     const std::uint32_t lead = byte(0);
-    const std::ptrdiff_t form = lead <= 0x7F ? 1 : lead <= 0xDF ? 2 : 3;
+    if (lead <= 0x7F) {
+        ++text;
+        return static_cast<wchar_t>(lead);
+    }
+    const std::ptrdiff_t form = lead <= 0xDF ? 2 : 3;
     if (form > end - text) {
         text = end;
         return 0xFFFD;
     }
-    std::uint32_t value = lead;
-    if (form == 2)
+    std::uint32_t value = 0;
+    if (form == 2) {
         value = ((lead & 0x1FU) << 6) + (byte(1) & 0x7FU);
-    else if (form == 3)
+        text += 2;
+    } else {
         value = ((lead & 0x0FU) << 12) + ((byte(1) & 0x7FU) << 6) + (byte(2) & 0x7FU);
-    text += form;
+        text += 3;
+    }
     return static_cast<wchar_t>(value);
 }
 

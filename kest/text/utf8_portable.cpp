@@ -1,6 +1,12 @@
 #include <kest/text/utf8_forms.h>
 
+#include <algorithm>
 #include <cstring>
+#include <cwchar>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace Kest::System {
 
@@ -14,6 +20,8 @@ bool IsUsable() noexcept {
 
 /// A run of ASCII that is worth a look. In mixed text a shorter one would be a matter of luck.
 constexpr std::size_t RunLength = 64;
+
+constexpr std::size_t BlockLength = 16;
 
 constexpr std::uint64_t HighBits = 0x8080808080808080U;
 
@@ -48,22 +56,39 @@ std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
 /// Four code units. Compilers turn operations on them into whatever the processor has; a comparison gives -1 where it holds.
 using TUnits = std::uint32_t __attribute__((vector_size(16)));
 
+template <std::size_t Length>
+bool IsASCII(const wchar_t* text) noexcept {
+    std::uint32_t any = 0;
+    for (std::size_t each = 0; each < Length; ++each)
+        any |= static_cast<std::uint32_t>(text[each]);
+    return any <= 0x7F;
+}
+
+/// Counts the bytes of a block of code units.
+std::size_t CountBytesOfBlock(const wchar_t* text) noexcept {
+    TUnits minusShorter{}; // for less than three bytes, and for less than two
+    for (std::size_t each = 0; each < BlockLength; each += 4) {
+        TUnits units;
+        std::memcpy(&units, text + each, sizeof units);
+        minusShorter += ((units & ~0x7FU) == 0) + ((units & ~0x7FFU) == 0);
+    }
+    return 3 * BlockLength - (0U - (minusShorter[0] + minusShorter[1] + minusShorter[2] + minusShorter[3]));
+}
+
 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
-    constexpr std::size_t step = 16;
+    if (const wchar_t* const zero = std::wmemchr(text, 0, length); zero != nullptr)
+        length = static_cast<std::size_t>(zero - text);
     std::size_t bytes = 0;
     std::size_t index = 0;
-    for (; index + step <= length; index += step) {
-        TUnits minusShorter{}; // for less than three bytes, and for less than two
-        TUnits zeros{};
-        for (std::size_t each = 0; each < step; each += 4) {
-            TUnits units;
-            std::memcpy(&units, text + index + each, sizeof units);
-            minusShorter += ((units & ~0x7FU) == 0) + ((units & ~0x7FFU) == 0);
-            zeros |= units == 0;
+    while (index + BlockLength <= length) {
+        if (index + RunLength <= length && IsASCII<RunLength>(text + index)) {
+            bytes += RunLength;
+            index += RunLength;
+            continue;
         }
-        if ((zeros[0] | zeros[1] | zeros[2] | zeros[3]) != 0)
-            break;
-        bytes += 3 * step - (0U - (minusShorter[0] + minusShorter[1] + minusShorter[2] + minusShorter[3]));
+        const std::size_t stop = std::min(index + RunLength, length) - (BlockLength - 1);
+        for (; index < stop; index += BlockLength)
+            bytes += CountBytesOfBlock(text + index);
     }
     return bytes + _CountUTF8Bytes(text, index, length);
 }
@@ -96,25 +121,46 @@ std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_
     return static_cast<std::size_t>(out - begin);
 }
 
+/// Writes the code units as bytes. False if they are not all ASCII, perhaps also because of a 0: what is written is of no use then.
+template <std::size_t Length>
+bool EncodeASCII(const wchar_t* text, char* out) noexcept {
+#ifdef __SSE2__ // which has an instruction that makes 0 of what is negative and more than 0x7F of what is
+    __m128i any = _mm_setzero_si128();
+    __m128i least = _mm_set1_epi8(-1);
+    for (std::size_t each = 0; each < Length; each += 16) {
+        const auto load = [place = text + each](int index) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(place + index)); };
+        const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(load(0), load(4)), _mm_packs_epi32(load(8), load(12)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + each), bytes);
+        any = _mm_or_si128(any, bytes);
+        least = _mm_min_epu8(least, bytes);
+    }
+    return _mm_movemask_epi8(_mm_or_si128(any, _mm_cmpeq_epi8(least, _mm_setzero_si128()))) == 0;
+#else
+    for (std::size_t each = 0; each < Length; ++each)
+        out[each] = static_cast<char>(text[each]);
+    return IsASCII<Length>(text);
+#endif
+}
+
+char* EncodeBlock(const wchar_t* text, char* out) noexcept {
+    if (EncodeASCII<BlockLength>(text, out))
+        return out + BlockLength;
+    for (std::size_t each = 0; each < BlockLength; ++each)
+        _EncodeUTF8Form(static_cast<std::uint32_t>(text[each]), out);
+    return out;
+}
+
 char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
-    constexpr std::size_t step = 16;
     std::size_t index = 0;
-    for (; index + step <= length; index += step) {
-        std::uint32_t any = 0;
-        char block[step];
-        for (std::size_t each = 0; each < step; ++each) {
-            // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
-            const auto unit = static_cast<std::uint32_t>(text[index + each]);
-            any |= unit;
-            block[each] = static_cast<char>(unit);
+    while (index + BlockLength <= length) {
+        if (index + RunLength <= length && EncodeASCII<RunLength>(text + index, out)) {
+            index += RunLength;
+            out += RunLength;
+            continue;
         }
-        if (any <= 0x7F) {
-            std::memcpy(out, block, step);
-            out += step;
-        } else {
-            for (std::size_t each = 0; each < step; ++each)
-                _EncodeUTF8Form(static_cast<std::uint32_t>(text[index + each]), out);
-        }
+        const std::size_t stop = std::min(index + RunLength, length) - (BlockLength - 1);
+        for (; index < stop; index += BlockLength)
+            out = EncodeBlock(text + index, out);
     }
     for (; index < length; ++index)
         _EncodeUTF8Form(static_cast<std::uint32_t>(text[index]), out);

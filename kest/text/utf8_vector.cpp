@@ -176,6 +176,31 @@ KEST_SSE4 inline __m128i Narrow(const wchar_t* text) noexcept {
     return _mm_packus_epi32(_mm_min_epu32(Load(text), most), _mm_min_epu32(Load(text + 4), most));
 }
 
+KEST_SSE4 inline unsigned BitsOf(__m128i low, __m128i high) noexcept {
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+}
+
+/// Of sixteen code units, a bit each: those that are 0, those above 0x7F and those above 0x7FF.
+struct TBlockOfUnits {
+    unsigned Zeros;
+    unsigned Long;
+    unsigned Longer;
+};
+
+KEST_SSE4 inline TBlockOfUnits LookAt(const wchar_t* text) noexcept {
+    const __m128i a = Narrow(text);
+    const __m128i b = Narrow(text + 8);
+    return {BitsOf(_mm_cmpeq_epi16(a, _mm_setzero_si128()), _mm_cmpeq_epi16(b, _mm_setzero_si128())),
+            BitsOf(_mm_cmpgt_epi16(a, _mm_set1_epi16(0x7F)), _mm_cmpgt_epi16(b, _mm_set1_epi16(0x7F))),
+            BitsOf(_mm_cmpgt_epi16(a, _mm_set1_epi16(0x7FF)), _mm_cmpgt_epi16(b, _mm_set1_epi16(0x7FF)))};
+}
+
+/// The bytes of the block's last @p units code units.
+KEST_SSE4 inline std::size_t BytesOf(const TBlockOfUnits& block, std::size_t units) noexcept {
+    const std::size_t gone = 16 - units;
+    return units + static_cast<std::size_t>(_mm_popcnt_u32(block.Long >> gone | block.Longer >> gone << 16));
+}
+
 KEST_SSE4 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
     constexpr std::size_t step = 16;
     constexpr std::size_t run = 4 * step;
@@ -191,14 +216,16 @@ KEST_SSE4 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexc
                 continue;
             }
         }
-        const __m128i a = Narrow(text + index);
-        const __m128i b = Narrow(text + index + 8);
-        if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_min_epu16(a, b), _mm_setzero_si128())) != 0)
+        const TBlockOfUnits block = LookAt(text + index);
+        if (block.Zeros != 0)
             break;
-        const __m128i one = _mm_packs_epi16(_mm_cmpgt_epi16(a, _mm_set1_epi16(0x7F)), _mm_cmpgt_epi16(b, _mm_set1_epi16(0x7F)));
-        const __m128i two = _mm_packs_epi16(_mm_cmpgt_epi16(a, _mm_set1_epi16(0x7FF)), _mm_cmpgt_epi16(b, _mm_set1_epi16(0x7FF)));
-        const auto longer = static_cast<unsigned>(_mm_movemask_epi8(one)) | static_cast<unsigned>(_mm_movemask_epi8(two)) << 16;
-        bytes += step + static_cast<std::size_t>(_mm_popcnt_u32(longer));
+        bytes += BytesOf(block, step);
+    }
+    if (const std::size_t rest = length - index; rest > 0 && rest < step && length >= step) {
+        // The last code units once more, those that are counted already moved out.
+        const TBlockOfUnits block = LookAt(text + length - step);
+        if (block.Zeros >> (step - rest) == 0)
+            return bytes + BytesOf(block, rest);
     }
     return bytes + _CountUTF8Bytes(text, index, length);
 }
@@ -373,6 +400,18 @@ KEST_SSE4 char* Encode(const wchar_t* text, std::size_t length, char* out) noexc
                 out = StoreAnyBytes(Load(place + each), out);
         }
         index += step;
+    }
+    if (const std::size_t rest = length - index; rest > 0 && length >= step && HasNone(AnyOf(text + length - step), ~0x7FFU)) {
+        // The last code units once more, those that are written already moved out. The zeros behind them are a byte each, and given back.
+        const wchar_t* const place = text + length - step;
+        const __m128i low = _mm_packs_epi32(Load(place), Load(place + 4));
+        const __m128i high = _mm_packs_epi32(Load(place + 8), Load(place + 12));
+        const std::size_t gone = step - rest;
+        if (gone < 8) {
+            out = StoreShortBytes(_mm_shuffle_epi8(low, Load(MoveDown + 2 * gone)), out) - gone;
+            return StoreShortBytes(high, out);
+        }
+        return StoreShortBytes(_mm_shuffle_epi8(high, Load(MoveDown + 2 * (gone - 8))), out) - (gone - 8);
     }
     for (; index + 4 <= length; index += 4)
         out = StoreAnyBytes(Load(text + index), out);

@@ -1,5 +1,5 @@
 #include <kest/text/utf8.h>
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_strings.h>
 
 #include <gtest/gtest.h>
 
@@ -113,6 +113,9 @@ void CheckDecoding(const std::string& bytes) {
             ASSERT_EQ(DecodeInPieces(*form, text, end, end, room), expected) << room << testing::PrintToString(bytes);
         const TWide half = DecodeInPieces(*form, text, text + length / 2, end, bytes.size() + 1);
         ASSERT_EQ(half, expected.substr(0, half.size())) << testing::PrintToString(bytes);
+        TWide whole = expected;
+        whole.resize(ModelOfLength(bytes), 0);
+        ASSERT_EQ(_DecodeUTF8String(*form, bytes), whole) << testing::PrintToString(bytes);
     }
     ASSERT_EQ(_UTF8Length(text, length), ModelOfLength(bytes));
     for (const std::size_t capacity : {expected.size() + 50, expected.size() + 1, expected.size(), expected.size() / 2, std::size_t{0}}) {
@@ -138,6 +141,7 @@ void CheckEncoding(const TWide& units) {
         ASSERT_EQ(count, std::min(units.find(L'\0'), units.size()));
         char* const out = Edge<char>() - (expected.size() + _TUTF8Form::Slack);
         ASSERT_EQ(std::string(out, form->Encode(text, count, out)), expected);
+        ASSERT_EQ(_EncodeUTF8String(*form, units), expected);
     }
     ASSERT_EQ(_UTF8LengthOfUCS2(text, length), expected.size());
     char* const out = Edge<char>() - (expected.size() + 1);
@@ -176,6 +180,12 @@ TEST(UTF8, AnyTextAtTheEdgeOfAPageConvertsLikeTheModelInEveryForm) {
             bytes[place % 32] = static_cast<char>(lead);
             std::fill_n(bytes.begin() + place % 32 + 1, random() % 5, static_cast<char>(random()));
             CheckDecoding(bytes.substr(0, place < 32 ? bytes.size() : place % 32 + 1 + random() % 5));
+        }
+    for (const std::uint32_t odd : {0U, 0x80U, 0x8000U, 0xFFFFFFFFU})
+        for (std::size_t place = 0; place < 150 && !HasFatalFailure(); ++place) {
+            TWide units(150, L'a');
+            units[place] = static_cast<wchar_t>(odd);
+            CheckEncoding(units);
         }
     const std::uint32_t masks[] = {0x7F, 0xFF, 0x7FF, 0xFFF, 0xFFFF, 0xFFFFFFFF};
     for (std::size_t length = 0; length <= 300; length += length < 70 ? 1 : 23)
