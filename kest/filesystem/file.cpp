@@ -10,13 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <istream>
 #include <memory>
-#include <ostream>
 #include <string_view>
 #include <utility>
 
-#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -30,72 +27,63 @@ bool IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// A file smaller than this needs no more than the buffer that the standard library makes itself.
-constexpr std::int64_t SmallestLargeFile = 1 << 14;
-
-/// The buffer of a file stream, which tells its descriptor, as that of std::fstream does not.
-using TFileBuffer = __gnu_cxx::stdio_filebuf<char>;
-
-/// Closes both files of a copy whichever way it ends. Closing may be a cancellation point, and a cancellation that was acted on in the
-/// buffers' own destructors would be swallowed there, and the process ended for it.
-class TFileCloser {
+/// A descriptor that is closed in the end. Closing is a cancellation point, which a destructor must not act on.
+class TDescriptor {
 public:
-    TFileCloser(TFileBuffer& out, TFileBuffer& in) : Out(out), In(in) {}
-    TFileCloser(const TFileCloser&) = delete;
-    TFileCloser& operator=(const TFileCloser&) = delete;
-    ~TFileCloser() {
+    /// Opens a file. A cancellation that arrives while the system opens one loses its descriptor, and emptying a large file takes its time,
+    /// so cancellation is off for that; it stays on where opening may have to wait for somebody else.
+    KEST_LEFT_BY_CANCELLATION TDescriptor(const std::string& path, int flags, bool mayWait) : Descriptor(Open(path, flags, mayWait)) {}
+    TDescriptor(const TDescriptor&) = delete;
+    TDescriptor& operator=(const TDescriptor&) = delete;
+    ~TDescriptor() {
         const _TCancellationOff off;
-        (void)Out.close();
-        (void)In.close();
+        if (IsOpen())
+            (void)::close(Descriptor);
     }
+
+    bool IsOpen() const { return Descriptor >= 0; }
+    int Get() const { return Descriptor; }
 
 private:
-    TFileBuffer& Out;
-    TFileBuffer& In;
+    KEST_LEFT_BY_CANCELLATION static int Open(const std::string& path, int flags, bool mayWait) {
+        if (mayWait)
+            return ::open(path.c_str(), flags, 0666);
+        const _TCancellationOff off;
+        return ::open(path.c_str(), flags, 0666);
+    }
+
+    const int Descriptor;
 };
 
-/// Opens a file and tells whether it is open. A cancellation that arrives while the system opens one loses its descriptor, and emptying a
-/// large file takes its time, so cancellation is off for that; it stays on where opening may have to wait for somebody else. Then only the
-/// system waits: a cancelled file stream would lose what the C library keeps of an open file.
-KEST_LEFT_BY_CANCELLATION bool Open(TFileBuffer& file, const std::string& path, std::ios_base::openmode mode, bool mayWait,
-                                    std::size_t bufferSize) {
-    const std::ios_base::openmode binary = mode | std::ios_base::binary;
-    if (!mayWait) {
-        const _TCancellationOff off;
-        return file.open(path, binary) != nullptr;
-    }
-    const int descriptor = ::open(path.c_str(), mode == std::ios_base::in ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    const _TCancellationOff off;
-    file = TFileBuffer(descriptor, binary, bufferSize);
-    if (descriptor >= 0 && !file.is_open())
-        (void)::close(descriptor);
-    return file.is_open();
-}
-
-/// Lets the kernel move the next @p size bytes from file to file, until it refuses or there are none. Whatever stopped it: the descriptors
-/// stand behind what it moved, so that the streams go on from there and find the end of the file, or the error, themselves.
-KEST_LEFT_BY_CANCELLATION void MoveInKernel(TFileBuffer& in, TFileBuffer& out, std::int64_t size) {
-    constexpr std::int64_t most = 1 << 26; // a cancellation is acted on between two calls
-    while (size > 0) {
-        const ssize_t moved = ::copy_file_range(in.fd(), nullptr, out.fd(), nullptr, static_cast<std::size_t>(std::min(size, most)), 0);
-        if (moved == 0 || (moved < 0 && errno != EINTR))
-            return;
-        size -= std::max<ssize_t>(moved, 0);
+/// Lets the kernel move @p size bytes or more from file to file, until it refuses or there are none. True when it has reached the end. A
+/// file that says that it is empty may hold something all the same. Whatever stopped it: both files stand behind what it moved.
+KEST_LEFT_BY_CANCELLATION bool MoveInKernel(const TDescriptor& in, const TDescriptor& out, std::int64_t size) {
+    constexpr std::size_t most = 1 << 26; // a cancellation is acted on between two calls
+    for (std::int64_t total = 0;;) {
+        const ssize_t moved = ::copy_file_range(in.Get(), nullptr, out.Get(), nullptr, most, 0);
+        if (moved == 0)
+            return total > 0 && total >= size;
+        if (moved < 0 && errno != EINTR)
+            return false;
+        total += std::max<ssize_t>(moved, 0);
     }
 }
 
-/// Inserts everything that is left of @p inFile into @p outFile; true when all of it went out.
-bool InsertRest(TFileBuffer& inFile, TFileBuffer& outFile) {
-    constexpr int end = std::istream::traits_type::eof();
-    std::istream in(&inFile);
-    std::ostream out(&outFile);
-    if (in.peek() != end) { // inserting nothing would count as a failure
-        out << &inFile;
-        // The insertion sets no bit when writing fails after the first byte, so the source must turn out to be at its end.
-        (void)in.peek();
+/// Reads and writes everything that is left of @p in; true when all of it went out.
+KEST_LEFT_BY_CANCELLATION bool MoveRest(const TDescriptor& in, const TDescriptor& out, char* buffer, std::size_t size) {
+    for (;;) {
+        const ssize_t count = ::read(in.Get(), buffer, size);
+        if (count == 0)
+            return true;
+        if (count < 0 && errno != EINTR)
+            return false;
+        for (ssize_t done = 0; done < count;) {
+            const ssize_t written = ::write(out.Get(), buffer + done, static_cast<std::size_t>(count - done));
+            if (written == 0 || (written < 0 && errno != EINTR))
+                return false;
+            done += std::max<ssize_t>(written, 0);
+        }
     }
-    out.flush(); // what still waits in the buffer may find a full disk
-    return in.eof() && !in.fail() && !out.fail();
 }
 
 /// The destination of a move over file systems, removed again unless the move came to its end.
@@ -198,33 +186,22 @@ void TFile::Copy(const std::string& from, const std::string& to) {
 
 /// Tells, also when it throws, whether the destination was opened, and so created or truncated.
 void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting) {
+    constexpr std::int64_t smallestLargeFile = 1 << 14;
     const TState source(from);
+    const std::string systemTo = UTF8ToSystem(to);
     const bool isRegular = S_ISREG(source.Status.st_mode);
+    const std::size_t size = isRegular && source.Status.st_size < smallestLargeFile ? 1U << 13U : 1U << 17U;
+    const std::unique_ptr<char[]> buffer(new char[size]); // no allocation can fail once the destination is touched
     bool isComplete = false;
     {
-        constexpr std::size_t bufferSize = (1U << 17U) + 1; // the standard library reads one byte less than its buffer holds
-        const bool isLarge = isRegular && source.Status.st_size >= SmallestLargeFile;
-        const std::unique_ptr<char[]> buffer(isLarge ? new char[bufferSize] : nullptr);
-        TFileBuffer in;
-        if (isLarge)
-            (void)in.pubsetbuf(buffer.get(), bufferSize);
-        // Without a buffer nothing waits that closing would have to write: a cancelled thread would hang in that, with cancellation off,
-        // at a pipe that nobody reads. A buffer of our own also means that no allocation can fail between opening and the note of it.
-        char unbuffered = 0; // outlives the file
-        TFileBuffer out;
-        (void)out.pubsetbuf(&unbuffered, 1);
-        const TFileCloser closer(out, in);
-        const bool isReadable = Open(in, UTF8ToSystem(from), std::ios_base::in, !isRegular, bufferSize);
-        const std::string systemTo = UTF8ToSystem(to);
+        const TDescriptor in(source.Path, O_RDONLY, !isRegular);
         struct stat old {};
         const bool isThere = ::stat(systemTo.c_str(), &old) == 0;
         if (!isThere || !IsSameFile(source.Status, old)) {
-            isOpenedForWriting = Open(out, systemTo, std::ios_base::out, isThere && !S_ISREG(old.st_mode), 1);
-            if (isOpenedForWriting && isReadable) {
-                if (isRegular)
-                    MoveInKernel(in, out, source.Status.st_size);
-                isComplete = InsertRest(in, out);
-            }
+            const TDescriptor out(systemTo, O_WRONLY | O_CREAT | O_TRUNC, isThere && !S_ISREG(old.st_mode));
+            isOpenedForWriting = out.IsOpen();
+            if (in.IsOpen() && out.IsOpen())
+                isComplete = (isRegular && MoveInKernel(in, out, source.Status.st_size)) || MoveRest(in, out, buffer.get(), size);
         }
     }
     if (!isComplete)

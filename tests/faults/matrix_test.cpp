@@ -146,7 +146,7 @@ const TRow Rows[] = {
     {TRule(C::open, EACCES).At(1), "TFile::Copy, of the source", Copy, CopyError, Emptied},
     TRow({C::read, EIO}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow({C::write, ENOSPC}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
-    {TRule(C::fclose, EIO).Made(), "TFile::Copy", Copy, "", Copied},
+    {TRule(C::close, EIO).Made(), "TFile::Copy", Copy, "", Copied},
     {{C::remove, EACCES}, "Remove", [](TWorld& w) { TFile::Remove(w.From); }, "EException: unable to remove file 'FROM': WHY"},
     {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
     TRow({C::unlink, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On({"from=content", "to&from"}),
