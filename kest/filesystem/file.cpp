@@ -190,8 +190,13 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
     const TState source(from);
     const std::string systemTo = UTF8ToSystem(to);
     const bool isRegular = S_ISREG(source.Status.st_mode);
-    const std::size_t size = isRegular && source.Status.st_size < smallestLargeFile ? 1U << 13U : 1U << 17U;
-    const std::unique_ptr<char[]> buffer(new char[size]); // no allocation can fail once the destination is touched
+    // No allocation can fail once the destination is touched.
+    const bool isSmall = isRegular && source.Status.st_size < smallestLargeFile;
+    char few[4096];
+    constexpr std::size_t many = 1U << 17U;
+    const std::unique_ptr<char[]> large(isSmall ? nullptr : new char[many]);
+    char* const buffer = isSmall ? few : large.get();
+    const std::size_t size = isSmall ? sizeof few : many;
     bool isComplete = false;
     {
         const TDescriptor in(source.Path, O_RDONLY, !isRegular);
@@ -201,7 +206,7 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
             const TDescriptor out(systemTo, O_WRONLY | O_CREAT | O_TRUNC, isThere && !S_ISREG(old.st_mode));
             isOpenedForWriting = out.IsOpen();
             if (in.IsOpen() && out.IsOpen())
-                isComplete = (isRegular && MoveInKernel(in, out, source.Status.st_size)) || MoveRest(in, out, buffer.get(), size);
+                isComplete = (isRegular && MoveInKernel(in, out, source.Status.st_size)) || MoveRest(in, out, buffer, size);
         }
     }
     if (!isComplete)
