@@ -78,8 +78,7 @@ build_32() {
             dpkg-deb --extract "$package" "$i386" 2>>"$root/build/logs/i386.log" || return
         done
     fi
-    # Whatever pkg-config knows of is for 64 bits.
-    PKG_CONFIG_LIBDIR=$i386/usr/lib/i386-linux-gnu/pkgconfig build bench-32 "-Dbenchmark_DIR=$i386/usr/lib/i386-linux-gnu/cmake/benchmark"
+    build bench-32 "-Dbenchmark_DIR=$i386/usr/lib/i386-linux-gnu/cmake/benchmark"
 }
 
 runs_32_bits() {
