@@ -2,7 +2,7 @@
 """Makes the tables, the page and the plots of a run of the benchmarks. Called by bench.sh.
 
 Measurements are named workload/variant/who[/size]; what differs in who alone is set beside each other. A goal is a line of
-bench_goals.csv: the ratio that it is about, and what that should be at most. "1000+" as its size means 1000 and more; "spread" as what to
+bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits. "1000+" as its size means 1000 and more; "spread" as what to
 reach means within what the repetitions of the one compared with are apart.
 """
 import argparse
@@ -89,9 +89,22 @@ def goals_of(goals, topic, case, whos):
             most, text = max(whos[base]) / statistics.median(whos[base]), f"within the spread of {base}"
         else:
             most, text = float(goal["reach"]), goal["reach"] + ("" if base == "limit" else f" of {base}")
+        if who != "kest":
+            text = f"{who} {text}"
         # Both have two digits on the page.
         missed = round(reached, 2) - round(most, 2)
         yield text, missed <= 0, "reached" if missed <= 0 else f"missed by {missed:.2f}"
+
+
+def said_of(goals):
+    """The goals of a case in a few words: all that are missed, and of many that are reached the first."""
+    goals = list(goals)
+    reached = [f"{text}: {result}" for text, is_reached, result in goals if is_reached]
+    missed = [f"{text}: {result}" for text, is_reached, result in goals if not is_reached]
+    few = 2
+    if len(reached) > few + 1:
+        reached[few:] = [f"{len(reached) - few} more reached"]
+    return "; ".join(missed + reached)
 
 
 def table_of(topic, times, remarks, goals):
@@ -99,7 +112,7 @@ def table_of(topic, times, remarks, goals):
     rows = [["case", "limit takes", "goal"] + whos[1:]]
     for case in sorted(times, key=by_size):
         base = statistics.median(times[case]["limit"])
-        said = "; ".join(f"{text}: {result}" for text, _, result in goals_of(goals, topic, case, times[case]))
+        said = said_of(goals_of(goals, topic, case, times[case]))
         name = f"{case.workload}, {case.variant}" + (f", {case.size:,}" if case.size is not None else "")
         rows.append([name, time_text(base), said or "-"] +
                     [ratio_text(times[case][who], base) if who in times[case] else "-" for who in whos[1:]])
@@ -159,20 +172,21 @@ def plot_topic(topic, times, path):
     pyplot.close(figure)
 
 
-def summary_of(topics, goals):
+def summary_of(runs):
+    """Of (topics, goals, addition to the topics' names) each: how many goals are reached, and the others."""
     counts, missed = collections.Counter(), []
-    for topic, (times, _) in topics.items():
-        for case in sorted(times, key=by_size):
-            for text, reached, result in goals_of(goals, topic, case, times[case]):
-                counts[reached] += 1
-                if not reached:
-                    size = f", {case.size:,}" if case.size is not None else ""
-                    missed.append(f"- {topic}: {case.workload}, {case.variant}{size}: {text}, {result}")
+    for topics, goals, addition in runs:
+        for topic, (times, _) in topics.items():
+            for case in sorted(times, key=by_size):
+                for text, reached, result in goals_of(goals, topic, case, times[case]):
+                    counts[reached] += 1
+                    if not reached:
+                        size = f", {case.size:,}" if case.size is not None else ""
+                        missed.append(f"- {topic}{addition}: {case.workload}, {case.variant}{size}: {text}, {result}")
     return f"{counts[True]} of {counts.total()} goals are reached.", missed
 
 
-def page_of(topics, topics_32, tables, run, goals, quick):
-    count, missed = summary_of(topics, goals)
+def page_of(tables, tables_32, run, count, missed, quick):
     lines = ["# Performance", ""]
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
@@ -189,10 +203,10 @@ def page_of(topics, topics_32, tables, run, goals, quick):
     lines += ["", count + ("" if not missed else " Missed:")]
     if missed:
         lines += [""] + missed
-    for topic in topics:
-        lines += ["", f"## {topic.capitalize()}", "", tables[topic], "", f"![{topic}](performance/{topic}.svg)"]
-        if topic in topics_32:
-            lines += ["", "32 bits:", "", topics_32[topic]]
+    for topic, table in tables.items():
+        lines += ["", f"## {topic.capitalize()}", "", table, "", f"![{topic}](performance/{topic}.svg)"]
+        if topic in tables_32:
+            lines += ["", "32 bits:", "", tables_32[topic]]
     return "\n".join(lines) + "\n"
 
 
@@ -208,23 +222,24 @@ def main():
 
     with options.goals.open(newline="") as file:
         goals = list(csv.DictReader(file))
-    topics = {topic: read_topic(options.results / f"{topic}.json") for topic in options.topics}
-    tables = {topic: table_of(topic, *found, goals) for topic, found in topics.items()}
-    tables_32 = {topic: table_of(topic, *read_topic(options.results_32 / f"{topic}.json"), [])
-                 for topic in options.topics} if options.results_32 else {}
+    runs = []
+    for bits, results, addition in ("64", options.results, ""), ("32", options.results_32, ", 32 bits"):
+        topics = {topic: read_topic(results / f"{topic}.json") for topic in options.topics} if results else {}
+        runs.append((topics, [goal for goal in goals if goal["bits"] == bits], addition))
+    tables, tables_32 = ({topic: table_of(topic, *found, goals) for topic, found in topics.items()} for topics, goals, _ in runs)
     for topic, table in tables.items():
         print(f"\n== {topic}\n\n{table}")
         if topic in tables_32:
             print(f"\n== {topic}, 32 bits\n\n{tables_32[topic]}")
-    count, missed = summary_of(topics, goals)
+    count, missed = summary_of(runs)
     print("\n" + "\n".join([count, *missed]))
     if options.page:
         run = dict(line.split("=", 1) for line in (options.results / "run.txt").read_text().splitlines())
         plots = options.page.with_suffix("")
         plots.mkdir(exist_ok=True)
-        for topic, (times, _) in topics.items():
+        for topic, (times, _) in runs[0][0].items():
             plot_topic(topic, times, plots / f"{topic}.svg")
-        options.page.write_text(page_of(topics, tables_32, tables, run, goals, options.quick))
+        options.page.write_text(page_of(tables, tables_32, run, count, missed, options.quick))
 
 
 if __name__ == "__main__":

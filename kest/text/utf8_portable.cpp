@@ -53,9 +53,6 @@ std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
     return characters;
 }
 
-/// Four code units. Compilers turn operations on them into whatever the processor has; a comparison gives -1 where it holds.
-using TUnits = std::uint32_t __attribute__((vector_size(16)));
-
 template <std::size_t Length>
 bool IsASCII(const wchar_t* text) noexcept {
     std::uint32_t any = 0;
@@ -64,15 +61,19 @@ bool IsASCII(const wchar_t* text) noexcept {
     return any <= 0x7F;
 }
 
-/// Counts the bytes of a block of code units.
-std::size_t CountBytesOfBlock(const wchar_t* text) noexcept {
+/// Four code units. Compilers turn operations on them into whatever the processor has; a comparison gives -1 where it holds.
+using TUnits = std::uint32_t __attribute__((vector_size(16)));
+
+/// The bytes of so many code units.
+template <std::size_t Length>
+std::size_t CountBytesOf(const wchar_t* text) noexcept {
     TUnits minusShorter{}; // for less than three bytes, and for less than two
-    for (std::size_t each = 0; each < BlockLength; each += 4) {
+    for (std::size_t each = 0; each < Length; each += 4) {
         TUnits units;
         std::memcpy(&units, text + each, sizeof units);
         minusShorter += ((units & ~0x7FU) == 0) + ((units & ~0x7FFU) == 0);
     }
-    return 3 * BlockLength - (0U - (minusShorter[0] + minusShorter[1] + minusShorter[2] + minusShorter[3]));
+    return 3 * Length - (0U - (minusShorter[0] + minusShorter[1] + minusShorter[2] + minusShorter[3]));
 }
 
 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
@@ -80,16 +81,10 @@ std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
         length = static_cast<std::size_t>(zero - text);
     std::size_t bytes = 0;
     std::size_t index = 0;
-    while (index + BlockLength <= length) {
-        if (index + RunLength <= length && IsASCII<RunLength>(text + index)) {
-            bytes += RunLength;
-            index += RunLength;
-            continue;
-        }
-        const std::size_t stop = std::min(index + RunLength, length) - (BlockLength - 1);
-        for (; index < stop; index += BlockLength)
-            bytes += CountBytesOfBlock(text + index);
-    }
+    for (; index + RunLength <= length; index += RunLength)
+        bytes += IsASCII<RunLength>(text + index) ? RunLength : CountBytesOf<RunLength>(text + index);
+    for (; index + BlockLength <= length; index += BlockLength)
+        bytes += CountBytesOf<BlockLength>(text + index);
     return bytes + _CountUTF8Bytes(text, index, length);
 }
 

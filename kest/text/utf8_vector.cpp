@@ -103,6 +103,21 @@ alignas(16) constexpr std::uint8_t MoveDown[32] = {0,       1,       2,       3,
                                                    Nothing, Nothing, Nothing, Nothing, Nothing, Nothing, Nothing, Nothing,
                                                    Nothing, Nothing, Nothing, Nothing, Nothing, Nothing, Nothing, Nothing};
 
+/// Whether a text of @p size bytes has so many that its last ones, fewer than a block, can be loaded as one.
+inline bool CanLoadLast(std::ptrdiff_t size) noexcept {
+    return size >= 8;
+}
+
+/// The last @p count bytes of a text of @p size bytes, fewer than a block, and zeros behind them.
+KEST_SSE4 inline __m128i LoadLast(const char* end, std::ptrdiff_t count, std::ptrdiff_t size) noexcept {
+    const __m128i shift = Load(MoveDown + (16 - count));
+    if (size >= 16)
+        return _mm_shuffle_epi8(Load(end - 16), shift);
+    const __m128i first = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(end - size)); // then they are the whole text
+    const __m128i last = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(end - 8));
+    return _mm_unpacklo_epi64(first, _mm_shuffle_epi8(last, shift));
+}
+
 KEST_SSE4 inline __m128i Shuffle(__m128i value, const std::array<std::uint8_t, 16>& shuffle) noexcept {
     return _mm_shuffle_epi8(value, _mm_load_si128(reinterpret_cast<const __m128i*>(shuffle.data())));
 }
@@ -123,11 +138,11 @@ KEST_SSE4 std::size_t CountCharacters(const char* text, std::size_t length) noex
     }
     std::size_t characters = static_cast<std::uint32_t>(_mm_cvtsi128_si32(total)) +
                              static_cast<std::size_t>(static_cast<std::uint32_t>(_mm_extract_epi32(total, 2)));
-    if (index < length && length >= step) {
-        // The last bytes once more, those that are counted already moved out.
-        const __m128i isCounted = _mm_cmpgt_epi8(Load(text + length - step), last);
-        const int mask = _mm_movemask_epi8(isCounted) >> (step - (length - index));
-        return characters + static_cast<std::size_t>(_mm_popcnt_u32(static_cast<unsigned>(mask)));
+    const auto size = static_cast<std::ptrdiff_t>(length);
+    if (index < length && CanLoadLast(size)) {
+        const std::ptrdiff_t rest = size - static_cast<std::ptrdiff_t>(index);
+        const int isCounted = _mm_movemask_epi8(_mm_cmpgt_epi8(LoadLast(text + length, rest, size), last)) & 0xFFFF >> (16 - rest);
+        return characters + static_cast<std::size_t>(_mm_popcnt_u32(static_cast<unsigned>(isCounted)));
     }
     for (; index < length; ++index)
         characters += static_cast<signed char>(text[index]) > -64 ? 1 : 0;
@@ -293,7 +308,7 @@ struct TDecoder {
 };
 
 /// Decodes blocks from @p text on until one is not well formed or it cannot go on, and leaves @p text at the beginning of a form. The last
-/// block may be a part of one if it is preceded by enough of the text, which begins at @p begin.
+/// block may be a part of one if the text, which begins at @p begin, is not too short.
 KEST_SSE4 inline wchar_t* DecodeBlocks(const char*& text, const char* begin, const char* limit, const char* end, wchar_t* out,
                                        const wchar_t* outEnd) noexcept {
     constexpr std::ptrdiff_t step = 16;
@@ -318,8 +333,8 @@ KEST_SSE4 inline wchar_t* DecodeBlocks(const char*& text, const char* begin, con
             text += step;
     }
     const std::ptrdiff_t rest = end - text;
-    if (isWellFormed && text < limit && decoder.Out < outEnd && rest < step && end - begin >= step) {
-        if (decoder.Decode(_mm_shuffle_epi8(Load(end - step), Load(MoveDown + (step - rest))), 0xFFFFU >> (step - rest)))
+    if (isWellFormed && text < limit && decoder.Out < outEnd && rest < step && CanLoadLast(end - begin)) {
+        if (decoder.Decode(LoadLast(end, rest, end - begin), 0xFFFFU >> (step - rest)))
             text = end;
     }
     if (decoder.Missing != 0) // back to the lead of what is not complete yet
