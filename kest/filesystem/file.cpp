@@ -35,10 +35,13 @@ public:
     KEST_LEFT_BY_CANCELLATION TDescriptor(const std::string& path, int flags, bool mayWait) : Descriptor(Open(path, flags, mayWait)) {}
     TDescriptor(const TDescriptor&) = delete;
     TDescriptor& operator=(const TDescriptor&) = delete;
-    ~TDescriptor() {
+    ~TDescriptor() { (void)Close(); }
+
+    /// False when the system reports an error, which may be one of writing that it kept until now.
+    bool Close() {
         const _TCancellationOff off;
-        if (IsOpen())
-            (void)::close(Descriptor);
+        const int descriptor = std::exchange(Descriptor, -1);
+        return descriptor < 0 || ::close(descriptor) == 0;
     }
 
     bool IsOpen() const { return Descriptor >= 0; }
@@ -52,7 +55,7 @@ private:
         return ::open(path.c_str(), flags, 0666);
     }
 
-    const int Descriptor;
+    int Descriptor;
 };
 
 /// Lets the kernel move @p size bytes or more from file to file, until it refuses or there are none. True when it has reached the end. A
@@ -181,11 +184,11 @@ void Interface::TFile::Remove(const std::string& path) {
 
 void TFile::Copy(const std::string& from, const std::string& to) {
     bool isOpenedForWriting = false;
-    Copy(from, to, isOpenedForWriting);
+    (void)Copy(from, to, isOpenedForWriting);
 }
 
-/// Tells, also when it throws, whether the destination was opened, and so created or truncated.
-void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting) {
+/// Tells, also when it throws, whether the destination was opened, and so created or truncated. False when closing it failed.
+bool TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting) {
     constexpr std::int64_t smallestLargeFile = 1 << 14;
     const TState source(from);
     const std::string systemTo = UTF8ToSystem(to);
@@ -198,20 +201,23 @@ void TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
     char* const buffer = isSmall ? few : large.get();
     const std::size_t size = isSmall ? sizeof few : many;
     bool isComplete = false;
+    bool isClosed = false;
     {
         const TDescriptor in(source.Path, O_RDONLY, !isRegular);
         struct stat old {};
         const bool isThere = ::stat(systemTo.c_str(), &old) == 0;
         if (!isThere || !IsSameFile(source.Status, old)) {
-            const TDescriptor out(systemTo, O_WRONLY | O_CREAT | O_TRUNC, isThere && !S_ISREG(old.st_mode));
+            TDescriptor out(systemTo, O_WRONLY | O_CREAT | O_TRUNC, isThere && !S_ISREG(old.st_mode));
             isOpenedForWriting = out.IsOpen();
             if (in.IsOpen() && out.IsOpen())
                 isComplete = (isRegular && MoveInKernel(in, out, source.Status.st_size)) || MoveRest(in, out, buffer, size);
+            isClosed = out.Close();
         }
     }
     if (!isComplete)
         _Throw("file copy error: from ", from, " to ", to);
     TState(to).SetLastModificationTime(source.GetLastModificationTime());
+    return isClosed;
 }
 
 void _RenameHelper(const std::string& from, const std::string& to) {
@@ -231,7 +237,8 @@ void _RenameHelper(const std::string& from, const std::string& to) {
             _Throw("not to be copied");
         if (LeadsElsewhere(systemFrom, systemTo))
             TFile::Remove(to);
-        TFile::Copy(from, to, destination.IsOpenedForWriting);
+        if (!TFile::Copy(from, to, destination.IsOpenedForWriting))
+            _Throw("not written out");
         destination.IsCopied = true;
         TFile::Remove(from);
         destination.IsFinished = true;

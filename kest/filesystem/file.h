@@ -22,7 +22,8 @@ public:
     /// @throw EException  "file copy error: from " + @p from + " to " + @p to: one of them could not be opened, read or written whole (a
     ///                    full disk among the reasons). The destination is then what was written, without its old content, which is also
     ///                    so when only the source could not be opened or is a directory. Or both are one file, whatever their names, and
-    ///                    nothing was touched.
+    ///                    nothing was touched. An error that the system reports only when the copy is closed, as network file systems may,
+    ///                    is not seen.
     /// @throw EException  "getting file state failed: " or "SetLastModificationTime failed: " + the system's description: the copy is
     ///                    complete, its time is not set.
     /// May block as long as the files do, a pipe already when it is opened, and is a cancellation point.
@@ -36,7 +37,7 @@ public:
 private:
     friend KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
 
-    KEST_HIDDEN static void Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting);
+    KEST_HIDDEN static bool Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting);
 };
 
 /// One attempt to rename @p from to @p to.
@@ -47,9 +48,9 @@ private:
 ///
 /// Over file systems a source that is a directory or cannot be read is an error before anything is touched. Otherwise the content is copied
 /// as TFile::Copy() does, following links at the source, and the source removed. An old destination is overwritten; a symbolic link, a
-/// pipe, a device or one of several hard links is removed before, so that nothing is written through it. If the copy or the removal fails,
-/// the source is still there and the destination is removed, provided the copy had opened it for writing: an old destination is lost then.
-/// If the source has vanished meanwhile, the complete copy stays.
+/// pipe, a device or one of several hard links is removed before, so that nothing is written through it. If the copy, its closing or the
+/// removal fails, the source is still there and the destination is removed, provided the copy had opened it for writing: an old destination
+/// is lost then. If the source has vanished meanwhile, the complete copy stays.
 ///
 /// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description.
 /// @throw EException  "cross device link: tryed to copy and remove: copy failed" or the same with "remove failed" at its end.

@@ -157,6 +157,7 @@ const TRow Rows[] = {
     TRow(TRule(C::open, EMFILE).At(2), "_RenameHelper, over file systems, of the destination", Move, CopyFailed).With(Far),
     TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
     TRow({C::read, EIO}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
+    TRow(TRule(C::close, EDQUOT).Made().At(1), "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far),
     TRow({C::utime, EPERM}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far),
     TRow(TRule(C::remove, EPERM).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
     TRow({C::remove, EPERM}, "_RenameHelper, over file systems, of a link in the way", Move, CopyFailed, {"from=content", "to->gone"})
