@@ -212,6 +212,12 @@ TEST(UTF8, LongTextsConvertInEveryForm) {
         std::size_t length = units.size();
         EXPECT_EQ(form->CountBytes(units.data(), length), bytes.size()) << form->Name;
         EXPECT_EQ(form->CountCharacters(bytes.data(), bytes.size()), units.size()) << form->Name;
+        TWide out(units.size() + 16 + _TUTF8Form::Slack, 0);
+        for (std::size_t place = 0; place < 16; ++place) { // on a line of the processor's cache
+            const char* source = bytes.data();
+            EXPECT_EQ(form->Decode(source, source + bytes.size(), source + bytes.size(), &out[place], units.size()), units.size());
+            EXPECT_EQ(out.compare(place, units.size(), units), 0) << form->Name << ' ' << place;
+        }
     }
     EXPECT_TRUE(UTF8ToUCS(bytes) == units);
     EXPECT_TRUE(UCSToUTF8(units) == bytes);
