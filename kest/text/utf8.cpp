@@ -19,10 +19,16 @@ constexpr std::size_t Slack = _TUTF8Form::Slack;
 /// Bytes of which the last step of a form leaves so many that they hold at least as many characters as it writes too many.
 constexpr std::size_t SlackOfBytes = _TUTF8Form::LongestStep + 3 * Slack;
 
+/// The code units before the first 0. A form reads by blocks, and the buffer may end with the 0, however large @p length is.
+std::size_t CutAtZero(const wchar_t* text, std::size_t length) {
+    const wchar_t* const zero = std::wmemchr(text, 0, length);
+    return zero != nullptr ? static_cast<std::size_t>(zero - text) : length;
+}
+
 } // namespace
 
 unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int length) {
-    std::size_t units = length;
+    std::size_t units = CutAtZero(text, length);
     return static_cast<unsigned int>(_ChooseUTF8Form(units).CountBytes(text, units));
 }
 
@@ -31,8 +37,7 @@ unsigned int _UTF8Length(const char* text, unsigned int length) {
 }
 
 void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength) {
-    const wchar_t* const zero = std::wmemchr(text, 0, length);
-    const std::size_t units = zero != nullptr ? static_cast<std::size_t>(zero - text) : length;
+    const std::size_t units = CutAtZero(text, length);
     char* place = out;
     std::size_t index = 0;
     if (units > Slack) {

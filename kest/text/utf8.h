@@ -14,14 +14,14 @@
 namespace Kest::System {
 
 /// How many bytes the first @p length code units of @p text are in UTF-8, up to a code unit 0: one up to 0x7F, two up to 0x7FF, three
-/// for everything above.
+/// for everything above. Nothing is read beyond that 0, however large @p length is.
 KEST_EXPORT unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int length);
 
 /// How many characters the first @p length bytes of @p text are: the bytes below 0x80 or above 0xC0. A zero byte counts like any other.
 KEST_EXPORT unsigned int _UTF8Length(const char* text, unsigned int length);
 
 /// Encodes the first @p length code units of @p text, up to a code unit 0, into @p out and writes a zero byte at @p out[@p outLength].
-/// Of a value above 0xFFFF the upper bits spill into the first of its three bytes.
+/// Nothing is read beyond that code unit 0. Of a value above 0xFFFF the upper bits spill into the first of its three bytes.
 /// Requires: @p out has room for _UTF8LengthOfUCS2(@p text, @p length) bytes and the zero byte, and @p outLength is that length.
 KEST_EXPORT void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength);
 

@@ -143,11 +143,15 @@ void CheckEncoding(const TWide& units) {
         ASSERT_EQ(std::string(out, form->Encode(text, count, out)), expected);
         ASSERT_EQ(_EncodeUTF8String(*form, units), expected);
     }
-    ASSERT_EQ(_UTF8LengthOfUCS2(text, length), expected.size());
     char* const out = Edge<char>() - (expected.size() + 1);
-    std::fill_n(out, expected.size() + 1, '?');
-    _UTF8FromUCS2(text, length, out, static_cast<unsigned>(expected.size()));
-    ASSERT_EQ(std::string(out, expected.size() + 1), expected + '\0');
+    for (const unsigned zeros : {0U, 1U}) { // one ends the text, whatever the length
+        const wchar_t* const from = std::copy_n(units.c_str(), length + zeros, Edge<wchar_t>() - (length + zeros)) - (length + zeros);
+        const unsigned most = zeros == 0 ? length : ~0U;
+        ASSERT_EQ(_UTF8LengthOfUCS2(from, most), expected.size());
+        std::fill_n(out, expected.size() + 1, '?');
+        _UTF8FromUCS2(from, most, out, static_cast<unsigned>(expected.size()));
+        ASSERT_EQ(std::string(out, expected.size() + 1), expected + '\0');
+    }
     ASSERT_EQ(UCSToUTF8(units), expected);
 }
 
