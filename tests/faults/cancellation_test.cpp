@@ -9,7 +9,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 #ifdef __SANITIZE_ADDRESS__
@@ -229,7 +228,7 @@ struct THeldPipe {
 };
 
 const auto Copy = [](TScene& s) { TFile::Copy(s.From, s.To); };
-[[maybe_unused]] const auto Move = By({{C::rename, EXDEV}}, [](TScene& s) { TFile::Rename(s.From, s.To); });
+const auto Move = By({{C::rename, EXDEV}}, [](TScene& s) { TFile::Rename(s.From, s.To); });
 
 /// Does @p body while both ends of the pipe @p name are open, so that opening it does not block.
 template <class TBody>
@@ -240,7 +239,7 @@ std::function<void(TScene&)> Held(const char* name, TBody body) {
     };
 }
 
-[[maybe_unused]] std::function<void(TScene&)> TreeIs(const TTree& tree) {
+std::function<void(TScene&)> TreeIs(const TTree& tree) {
     return [=](TScene& s) { EXPECT_EQ(TreeOf(s.Place.GetPath()), tree); };
 }
 
@@ -252,8 +251,8 @@ char Byte;
 TAddress Peer("fs");
 const bool Itself = false;
 const double None = -1.0;
-[[maybe_unused]] const TTree PipeToFile = {"from|", "to=old"};
-[[maybe_unused]] const TTree FileToPipe = {"from=" + std::string(200000, 'x'), "to|"};
+const TTree PipeToFile = {"from|", "to=old"};
+const TTree FileToPipe = {"from=" + std::string(200000, 'x'), "to|"};
 const TRule CancelInAddressLookUp(C::gethostbyaddr, &CancelMyself);
 
 void ReceivesNext(TScene& s) {
@@ -313,6 +312,7 @@ const TRow Rows[] = {
     {"copy from a silent pipe", Held("from", Copy), true, TreeIs({"from|", "to="}), PipeToFile},
     {"copy to a pipe that nobody opens", Copy, true, TreeIs(FileToPipe), FileToPipe},
     {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
+    {"opening the files of a copy", By({TRule(C::open, &EndMyself).At(1)}, Copy), Itself, TreeIs({"from=x", "to="}), {"from=x", "to=old"}},
     {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
     {"rename of a silent pipe", Held("from", Move), true, TreeIs({"from|"}), PipeToFile},
     // Streams over a transport that is cancelled: what is pending is written by the destructor.
