@@ -193,7 +193,7 @@ bool TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
     const TState source(from);
     const std::string systemTo = UTF8ToSystem(to);
     const bool isRegular = S_ISREG(source.Status.st_mode);
-    // No allocation can fail once the destination is touched.
+    // Made before the destination is touched: an allocation that fails leaves it as it was.
     const bool isSmall = isRegular && source.Status.st_size < smallestLargeFile;
     char few[4096];
     constexpr std::size_t many = 1U << 17U;
