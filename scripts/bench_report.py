@@ -2,8 +2,9 @@
 """Makes the tables, the page and the plots of a run of the benchmarks. Called by bench.sh.
 
 Measurements are named workload/variant/who[/size]; what differs in who alone is set beside each other. A goal is a line of
-bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits. "1000+" as its size means 1000 and more; "spread" as what to
-reach means within what the repetitions of the one compared with are apart.
+bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits. "1000+" as its size means 1000 and
+more; "spread" as what to reach means within what the repetitions of the one compared with are apart. A goal that no measurement of its
+topic is about counts as missed.
 """
 import argparse
 import collections
@@ -183,6 +184,11 @@ def summary_of(runs):
                     if not reached:
                         size = f", {case.size:,}" if case.size is not None else ""
                         missed.append(f"- {topic}{addition}: {case.workload}, {case.variant}{size}: {text}, {result}")
+        for goal in goals:
+            times = topics.get(goal["topic"], ({},))[0]
+            if times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
+                counts[False] += 1
+                missed.append(f"- {goal['topic']}{addition}: {goal['workload']}, {goal['variant']}, {goal['ratio']} {goal['reach']}: not measured")
     return f"{counts[True]} of {counts.total()} goals are reached.", missed
 
 
