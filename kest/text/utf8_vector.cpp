@@ -540,9 +540,16 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
                 out += 16 - over;
                 continue;
             }
-            for (std::ptrdiff_t each = 0; each < WideStep; each += 16)
-                _mm512_storeu_si512(out + each, _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(text + each))));
-            out += WideStep;
+            // This block and those like it that follow.
+            std::ptrdiff_t blocks =
+                std::min({(limit - text + WideStep - 1) / WideStep, (end - text) / WideStep, (outEnd - out) / WideStep});
+            do {
+                for (std::ptrdiff_t each = 0; each < WideStep; each += 16)
+                    _mm512_storeu_si512(out + each, _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(text + each))));
+                text += WideStep;
+                out += WideStep;
+            } while (--blocks > 0 && _mm512_movepi8_mask(LoadWide(text)) == 0);
+            text -= WideStep;
             continue;
         }
         const std::uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, _mm512_set1_epi8(-64));
