@@ -58,17 +58,15 @@ private:
     int Descriptor;
 };
 
-/// Lets the kernel move @p size bytes or more from file to file, until it refuses or there are none. True when it has reached the end. A
-/// file that says that it is empty may hold something all the same. Whatever stopped it: both files stand behind what it moved.
-KEST_LEFT_BY_CANCELLATION bool MoveInKernel(const TDescriptor& in, const TDescriptor& out, std::int64_t size) {
+/// Lets the kernel move the next @p size bytes from file to file, or somewhat more, until it refuses or there are none. Whatever stopped
+/// it: both files stand behind what it moved, and reading goes on from there to the true end.
+KEST_LEFT_BY_CANCELLATION void MoveInKernel(const TDescriptor& in, const TDescriptor& out, std::int64_t size) {
     constexpr std::size_t most = 1 << 26; // a cancellation is acted on between two calls
-    for (std::int64_t total = 0;;) {
+    while (size > 0) {
         const ssize_t moved = ::copy_file_range(in.Get(), nullptr, out.Get(), nullptr, most, 0);
-        if (moved == 0)
-            return total > 0 && total >= size;
-        if (moved < 0 && errno != EINTR)
-            return false;
-        total += std::max<ssize_t>(moved, 0);
+        if (moved == 0 || (moved < 0 && errno != EINTR))
+            return;
+        size -= std::max<ssize_t>(moved, 0);
     }
 }
 
@@ -209,8 +207,11 @@ bool TFile::Copy(const std::string& from, const std::string& to, bool& isOpenedF
         if (!isThere || !IsSameFile(source.Status, old)) {
             TDescriptor out(systemTo, O_WRONLY | O_CREAT | O_TRUNC, isThere && !S_ISREG(old.st_mode));
             isOpenedForWriting = out.IsOpen();
-            if (in.IsOpen() && out.IsOpen())
-                isComplete = (isRegular && MoveInKernel(in, out, source.Status.st_size)) || MoveRest(in, out, buffer, size);
+            if (in.IsOpen() && out.IsOpen()) {
+                if (isRegular)
+                    MoveInKernel(in, out, source.Status.st_size);
+                isComplete = MoveRest(in, out, buffer, size);
+            }
             isClosed = out.Close();
         }
     }

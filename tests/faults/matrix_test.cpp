@@ -120,7 +120,6 @@ const auto State = [](TWorld& w) { TFile::TState{w.From}; };
 const auto SetModification = [](TWorld& w) { TFile::TState(w.From).SetLastModificationTime(1); };
 const auto SetAccess = [](TWorld& w) { TFile::TState(w.From).SetLastAccessTime(1); };
 const auto Copy = [](TWorld& w) { TFile::Copy(w.From, w.To); };
-const auto CopyName = [](TWorld& w) { TFile::Copy("/proc/sys/kernel/ostype", w.To); };
 const auto Move = [](TWorld& w) { _RenameHelper(w.From, w.To); };
 const auto Open = [](TWorld& w) { TDirectory{w.Place.GetPath()}; };
 const auto Mutex = [](TWorld&) { TMutex{true}; };
@@ -152,7 +151,6 @@ const TRow Rows[] = {
     TRow(TRule(C::write, 0).Giving(3).At(1), "TFile::Copy, a part at first", Copy, "", {"from=content", "to=tent"}).With(Apart),
     TRow(TRule(C::copy_file_range, 0).Giving(5).At(1), "TFile::Copy, a part at first", Copy, "", Copied)
         .With(TRule(C::copy_file_range, 0).Giving(0)),
-    {TRule(C::copy_file_range, 0).Giving(0), "TFile::Copy, of a file said to be empty", CopyName, "", {"from=content", "to=Linux\n"}},
     {TRule(C::close, EIO).Made(), "TFile::Copy", Copy, "", Copied},
     {{C::remove, EACCES}, "Remove", [](TWorld& w) { TFile::Remove(w.From); }, "EException: unable to remove file 'FROM': WHY"},
     {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
