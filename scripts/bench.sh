@@ -64,7 +64,7 @@ run() { # PRESET
 # be told of the architecture first. What apt finds out of it is kept apart too.
 i386=$root/build/i386
 build_32() {
-    if [[ ! -d $i386/usr ]]; then
+    if [[ ! -e $i386/complete ]]; then
         mkdir -p "$i386/lists/partial" "$i386/packages"
         (
             cd "$i386/packages"
@@ -77,6 +77,7 @@ build_32() {
         for package in "$i386"/packages/*.deb; do
             dpkg-deb --extract "$package" "$i386" 2>>"$root/build/logs/i386.log" || return
         done
+        touch "$i386/complete"
     fi
     build bench-32 "-Dbenchmark_DIR=$i386/usr/lib/i386-linux-gnu/cmake/benchmark"
 }
