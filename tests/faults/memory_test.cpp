@@ -191,10 +191,12 @@ TEnd EndOf(const TRow& row, long allocations) {
 
 /// The result of @p body in a process of its own, which may be terminated.
 int InProcess(const std::function<TEnd()>& body) {
+    const TTemporaryDirectory place; // takes in those that a terminated process leaves
     std::fflush(nullptr);
     const bool hasFailed = testing::Test::HasFailure();
     const pid_t child = ::fork();
     if (child == 0) {
+        (void)::setenv("TMPDIR", place.GetPath().c_str(), 1);
         std::set_terminate([] { ::_exit(Terminated); });
         const TEnd end = body();
         std::fflush(nullptr);
