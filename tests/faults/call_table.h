@@ -2,6 +2,7 @@
 //   CALL(name, symbol, result, parameters, arguments, detail)  a call and the symbol that the library imports for it on this target
 //   FORM(name, symbol, result, parameters, arguments, detail)  another symbol, with parameters of its own, that counts as the call
 //   NEVER(name)                                                a call that has no way to fail
+//   RUNTIME(name, symbol, ...)                                 no call of the system, but one to see in the log
 // A detail is what the log tells of a call: a text, of which the last component counts, or a number, or nothing.
 // On 32 bits the library is built for 64-bit sizes and times, for which the C library has other symbols.
 #ifndef FORM
@@ -9,6 +10,9 @@
 #endif
 #ifndef NEVER
 #define NEVER(name)
+#endif
+#ifndef RUNTIME
+#define RUNTIME CALL
 #endif
 #if UINTPTR_MAX == UINT32_MAX
 #define KEST_ON_32(usual, narrow) narrow
@@ -121,7 +125,10 @@ CALL(dlopen, dlopen, void*, (const char* name, int mode), (name, mode), name)
 CALL(dlclose, dlclose, int, (void* handle), (handle), )
 CALL(dlerror, dlerror, char*, (), (), )
 
+RUNTIME(exception, __cxa_allocate_exception, void*, (size_t size), (size), )
+
 #undef KEST_ON_32
 #undef CALL
 #undef FORM
 #undef NEVER
+#undef RUNTIME
