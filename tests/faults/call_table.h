@@ -70,7 +70,7 @@ CALL(pthread_cond_signal, pthread_cond_signal, int, (pthread_cond_t * condition)
 CALL(pthread_cond_broadcast, pthread_cond_broadcast, int, (pthread_cond_t * condition), (condition), )
 CALL(pthread_cond_destroy, pthread_cond_destroy, int, (pthread_cond_t * condition), (condition), )
 CALL(pthread_create, pthread_create, int, (pthread_t * thread, const void* attributes, void* (*start)(void*), void* argument),
-     (thread, attributes, start, argument), )
+     (TLateHandle(thread), attributes, start, argument), )
 CALL(pthread_join, pthread_join, int, (pthread_t thread, void** result), (thread, result), )
 CALL(pthread_detach, pthread_detach, int, (pthread_t thread), (thread), )
 CALL(pthread_cancel, pthread_cancel, int, (pthread_t thread), (thread), )

@@ -73,11 +73,29 @@ TResult Failure(TCall call, const TRule& rule) {
         return static_cast<TResult>(result);
 }
 
+/// Keeps the handle of a new thread until the call that made the thread returns, as the system may.
+class TLateHandle {
+public:
+    explicit TLateHandle(pthread_t* place) : Place(place) {}
+    TLateHandle(const TLateHandle&) = delete;
+    TLateHandle& operator=(const TLateHandle&) = delete;
+    ~TLateHandle() { *Place = Handle; }
+    operator pthread_t*() { return &Handle; }
+
+private:
+    pthread_t* const Place;
+    pthread_t Handle = 0;
+};
+
 /// What the program gets for @p result of the C library's call.
 template <class TResult>
 TResult Finish(TCall call, const TRule* rule, TResult result) {
-    if (rule != nullptr)
+    if (rule != nullptr) {
+        TPlan* const plan = std::exchange(Current, nullptr);
+        rule->Last();
+        Current = plan;
         return Failure<TResult>(call, *rule);
+    }
     if (result == TResult())
         CountLocks(call);
     return result;

@@ -35,10 +35,11 @@ struct TRule {
         rule.Count = count;
         return rule;
     }
-    /// The call is made before it fails: closing that fails has closed.
-    TRule Made() const {
+    /// The call is made before it fails, as closing that fails has closed, and after that @p last.
+    TRule Made(std::function<void()> last = [] {}) const {
         TRule rule = *this;
         rule.IsMade = true;
+        rule.Last = std::move(last);
         return rule;
     }
     TRule Giving(std::intptr_t result) const {
@@ -54,7 +55,7 @@ struct TRule {
     int Count = INT_MAX;
     bool IsMade = false;
     bool IsPassed = false; ///< the call takes place and its result counts
-    std::function<void()> First;
+    std::function<void()> First, Last;
 };
 
 /// Rules for the calls that one thread makes inside Run(), and the log of them.

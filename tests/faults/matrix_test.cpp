@@ -133,6 +133,12 @@ const auto Host = [](TWorld&) { TAddress("inet", "127.0.0.1:1", true); };
 const auto Library = [](TWorld&) { TDLL{"libc.so.6"}; };
 const TRule Far{C::rename, EXDEV}; ///< as between two file systems
 const TRule Apart{C::copy_file_range, EXDEV};
+const TRule Late = TRule(C::pthread_create, 0).Made([] { // when the others have gone as far as they get
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        const pid_t number = std::stoi(thread.path().filename());
+        EXPECT_TRUE(number == ::gettid() || FallsAsleep(number));
+    }
+});
 
 const TRow Rows[] = {
     // Files and directories.
@@ -215,6 +221,9 @@ const TRow Rows[] = {
     {{C::pthread_cond_broadcast, EINVAL}, "Broadcast", [](TWorld&) { TCondition().Broadcast(); }, ""},
     {TRule(C::pthread_cond_destroy, EBUSY).Made(), "~TCondition", Condition, ""},
     {{C::pthread_create, EAGAIN}, "TThread", [](TWorld&) { TFunctionThread{[] {}}; }, "EException: thread creation error"},
+    {Late, "TThread, told its handle once the new thread has begun, and WaitFor", [](TWorld&) { return ExitValue(); }, "5"},
+    {Late, "TThread, told so, and ~TThread of a running thread", [](TWorld&) { Abandon(); }, ""},
+    {Late, "TThread, told so, and ~TThread of one that was not started", [](TWorld&) { TFunctionThread{[] {}}; }, ""},
     {TRule(C::pthread_join, EDEADLK).Made(), "WaitFor", [](TWorld&) { return ExitValue(); }, "0"},
     {TRule(C::pthread_detach, ESRCH).Made(), "~TThread", [](TWorld&) { Abandon(); }, ""},
     {{C::pthread_cancel, ESRCH}, "Cancel", [](TWorld&) { TFunctionThread([] {}).Cancel(); }, "EException: thread cancelation failed"},
