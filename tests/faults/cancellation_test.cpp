@@ -334,7 +334,7 @@ const TRow Rows[] = {
     {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
     {"thread", Pending([] { TFunctionThread([] {}); }), Itself, IsPast},
     {"files of a copy", Releasing(By({{C::close, &EndMyself}}, Copy)), Itself, IsPast},
-    {"library", Releasing(By({{C::dlopen, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
+    {"library", Releasing(By({{C::dlopen, &EndMyself}, {C::dlclose, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
 };
 
 TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
