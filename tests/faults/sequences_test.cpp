@@ -5,6 +5,7 @@
 using namespace Kest::Test;
 using namespace Kest::System;
 using Kest::EException;
+using Kest::System::TMutex;
 using C = TCall;
 
 // What takes more than one call to tell: which calls are made, how often, in which order and with which flags.
@@ -75,6 +76,16 @@ FAULT_TEST(DirectoryReadThatFailsLosesNoEntry, readdir, "Read", "`EException: di
     });
     EXPECT_EQ(names, (std::multiset<std::string>{".", "..", "EEnd: end of directory", "from", "to"}));
     EXPECT_EQ(LocksHeld(), locks);
+}
+
+TEST(Fault, MutexHasNoOwnerAnyMoreWhenItIsFree) {
+    TMutex mutex(true);
+    mutex.Enter();
+    TPlan plan({TRule(C::pthread_mutex_unlock, 0).Made([&] { mutex.Enter(); })}); // as soon as anyone may
+    plan.Run([&] { mutex.Leave(); });
+    EXPECT_TRUE(mutex.TryEnter()) << "whoever entered is not inside";
+    mutex.Leave();
+    mutex.Leave();
 }
 
 FAULT_TEST(SymbolThatIsNotThereIsNull, dlsym, "GetSymbolAddress", "the result `nullptr`") {
