@@ -296,10 +296,10 @@ class ServerTest(LineTest):
         before = server.descriptors()
         with server.connect() as client:
             client.sendall(b"short\n" + b"z" * (LONGEST_LINE + 100_000))
-            client.shutdown(socket.SHUT_WR)
+            self.assertEqual(read_to_end(client), b"5 short\n")
+            client.shutdown(socket.SHUT_WR)  # not before, or the connection would be over and nothing left to reset
             wait_until(lambda: server.descriptors() == before, "the server has closed")
             self.assertEqual(client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR), 0)
-            self.assertEqual(read_to_end(client), b"5 short\n")
         self.assertStillServes(server)
         self.assertEqual(server.stderr(), f"line_server: client 1: ended, a line is longer than {LONGEST_LINE} bytes\n")
 
