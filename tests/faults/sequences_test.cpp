@@ -252,6 +252,8 @@ FAULT_TEST(TimedConnectIsInBlockingModeAgainHoweverItEnds, connect, "Connect wit
     connect({TRule(C::gettimeofday, ECONNREFUSED).At(1)}, "EException: WHY", "fcntl(read) fcntl(nonblocking)" + thrown + end);
     connect({TRule(C::fcntl, EBADF).At(1)}, "EException: socket blocking setup failure", "fcntl(read)" + thrown);
     connect({TRule(C::fcntl, EBADF).At(3)}, "EException: socket blocking setup failure", begin + " fcntl(read)" + thrown);
+    connect({TRule(C::fcntl, EBADF).At(3), TRule(C::connect, EINPROGRESS), TRule(C::select, [] { throw std::bad_alloc(); })},
+            "EException: socket blocking setup failure", begin + " select(1) fcntl(read)" + thrown);
     connect({TRule(C::fcntl, EBADF).At(3), TRule(C::connect, ECONNREFUSED)}, "EException: socket blocking setup failure",
             begin + thrown + " fcntl(read)" + thrown);
 }
