@@ -1,68 +1,25 @@
 #include <kest/text/utf8.h>
 #include <kest/text/utf8_strings.h>
 
+#include "fuzz/utf8_model.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 using namespace Kest::System;
+using namespace Kest::Test;
 
 namespace {
-
-using TWide = std::basic_string<wchar_t>;
-
-// The rules once more, as plainly as they can be said.
-
-std::string ModelOfEncoding(const TWide& text) {
-    std::string bytes;
-    for (const wchar_t unit : text.substr(0, text.find(L'\0'))) {
-        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
-        const auto c = static_cast<std::uint32_t>(unit);
-        if (c >= 0x800) {
-            bytes += static_cast<char>((0xE0 | (c >> 12)) & 0xFF);
-            bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        } else if (c >= 0x80) {
-            bytes += static_cast<char>(0xC0 | (c >> 6));
-        }
-        bytes += static_cast<char>(c < 0x80 ? c : 0x80 | (c & 0x3F));
-    }
-    return bytes;
-}
-
-std::size_t ModelOfLength(const std::string& text) {
-    const auto counts = [](unsigned char byte) { return byte < 0x80 || byte > 0xC0; };
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), counts));
-}
-
-/// All that the bytes decode to, whatever the room.
-TWide ModelOfDecoding(std::string bytes) {
-    TWide units;
-    while (!bytes.empty()) {
-        const auto at = [&bytes](std::size_t index) { return static_cast<unsigned char>(bytes[index]); };
-        if (at(0) < 0x80) {
-            units += static_cast<wchar_t>(at(0));
-            bytes.erase(0, 1);
-        } else if (at(0) < 0xE0) {
-            units += static_cast<wchar_t>(bytes.size() < 2 ? 0xFFFD : at(0) % 32 * 64 + at(1) % 128);
-            bytes.erase(0, 2);
-        } else {
-            units += static_cast<wchar_t>(bytes.size() < 3 ? 0xFFFD : at(0) % 16 * 4096 + at(1) % 128 * 64 + at(2) % 128);
-            bytes.erase(0, 3);
-        }
-    }
-    return units;
-}
 
 /// The end of memory that can be touched, at the edge of a page.
 template <class T>
@@ -76,15 +33,6 @@ T* Edge() {
         return second;
     }();
     return reinterpret_cast<T*>(edge);
-}
-
-/// The forms that this processor can use. They are built into the tests once more, since the library does not export them.
-std::vector<const _TUTF8Form*> UsableForms() {
-    std::size_t count = 0;
-    const _TUTF8Form* const* const forms = _GetUTF8Forms(count);
-    std::vector<const _TUTF8Form*> usable;
-    std::copy_if(forms, forms + count, std::back_inserter(usable), [](const _TUTF8Form* form) { return form->IsUsable(); });
-    return usable;
 }
 
 /// @p text decoded in pieces of at least @p room code units, as far as the forms that begin before @p limit.

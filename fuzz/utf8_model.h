@@ -1,0 +1,64 @@
+#ifndef KEST_FUZZ_UTF8_MODEL_H
+#define KEST_FUZZ_UTF8_MODEL_H
+
+#include <kest/text/utf8_forms.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <vector>
+
+/// The rules of the text conversions once more, as plainly as they can be said, with divisions.
+namespace Kest::Test {
+
+using TWide = std::basic_string<wchar_t>;
+
+inline std::string ModelOfEncoding(const TWide& text) {
+    std::string bytes;
+    for (const wchar_t each : text.substr(0, text.find(L'\0'))) {
+        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
+        const auto unit = static_cast<std::uint32_t>(each);
+        if (unit >= 2048)
+            bytes += static_cast<char>((224 | unit / 4096) % 256);
+        if (unit >= 128)
+            bytes += static_cast<char>(unit >= 2048 ? 128 + unit / 64 % 64 : 192 + unit / 64);
+        bytes += static_cast<char>(unit >= 128 ? 128 + unit % 64 : unit);
+    }
+    return bytes;
+}
+
+inline std::size_t ModelOfLength(const std::string& text) {
+    const auto counts = [](unsigned char byte) { return byte < 0x80 || byte > 0xC0; };
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), counts));
+}
+
+/// All that the bytes decode to, whatever the room.
+inline TWide ModelOfDecoding(const std::string& text) {
+    const auto byte = [&](std::size_t index) { return std::uint32_t{static_cast<unsigned char>(text[index])}; };
+    TWide units;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::uint32_t lead = byte(at);
+        const std::size_t size = lead < 128 ? 1 : lead < 224 ? 2 : 3;
+        std::uint32_t value = size == 1 ? lead : lead % (size == 2 ? 32 : 16);
+        for (std::size_t i = 1; i < size && at + size <= text.size(); ++i)
+            value = value * 64 + byte(at + i) % 128;
+        units += static_cast<wchar_t>(at + size <= text.size() ? value : 0xFFFD);
+        at += size;
+    }
+    return units;
+}
+
+/// The forms that this processor can use.
+inline std::vector<const System::_TUTF8Form*> UsableForms() {
+    std::size_t count = 0;
+    const System::_TUTF8Form* const* const forms = System::_GetUTF8Forms(count);
+    std::vector<const System::_TUTF8Form*> usable;
+    std::copy_if(forms, forms + count, std::back_inserter(usable), [](const auto* form) { return form->IsUsable(); });
+    return usable;
+}
+
+} // namespace Kest::Test
+
+#endif
