@@ -51,14 +51,13 @@ struct TRow {
     TCase Case;
 };
 
-/// Waits, inside a recursive guard, without or with a limit that is over.
-void WaitInside(bool limited) {
+void WaitInside(double limit) {
     TMutex mutex(true);
     const _TScopedEntry entry(mutex);
-    limited ? (void)TCondition().Wait(mutex, -1.0) : TCondition().Wait(mutex);
+    TCondition().Wait(mutex, limit);
 }
 
-bool TryRecursive() {
+bool TryRecursive(TWorld&) {
     TMutex mutex(true);
     const bool entered = mutex.TryEnter();
     if (entered)
@@ -66,14 +65,14 @@ bool TryRecursive() {
     return entered;
 }
 
-int ExitValue() {
+int ExitValue(TWorld&) {
     TFunctionThread thread([] { return 5; });
     thread.Start();
     return thread.WaitFor();
 }
 
 /// Destroys a thread that is past its gate and that nobody waited for.
-void Abandon() {
+void Abandon(TWorld&) {
     struct TDetached : TThread {
         int Run() override {
             Inside->Open();
@@ -88,7 +87,7 @@ void Abandon() {
 }
 
 /// What a thread does, done by the calling one.
-std::intptr_t RunHere() {
+std::intptr_t RunHere(TWorld&) {
     TFunctionThread thread([] { return 7; });
     thread.Start();
     return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(&thread.Get()));
@@ -123,13 +122,21 @@ const auto Copy = [](TWorld& w) { TFile::Copy(w.From, w.To); };
 const auto Move = [](TWorld& w) { _RenameHelper(w.From, w.To); };
 const auto Open = [](TWorld& w) { TDirectory{w.Place.GetPath()}; };
 const auto Mutex = [](TWorld&) { TMutex{true}; };
-const auto Enter = [](TWorld&) { TryRecursive(); };
+const auto Rewind = [](TWorld&) { TDirectory("/").Rewind(); };
+const auto Leave = [](TWorld& w) { TryRecursive(w); };
+const auto Wait = [](TWorld&) { WaitInside(EndlessTimeInterval); };
+const auto WaitShort = [](TWorld&) { WaitInside(-1.0); };
 const auto Condition = [](TWorld&) { TCondition{}; };
 const auto Socket = [](TWorld&) { TSocket{StreamOf("fs")}; };
 const auto Blocking = [](TWorld& w) { w.Net.Client.SetBlocking(true); };
 const auto Number = [](TWorld&) { return TAddress("inet", "127.0.0.1:1", false).Get(false); };
 const auto Name = [](TWorld&) { return TAddress("inet", "127.0.0.1:1", false).Get(true); };
 const auto Host = [](TWorld&) { TAddress("inet", "127.0.0.1:1", true); };
+const auto Sleep = [](TWorld&) { TThreadInstance::Sleep(1000.0); };
+const auto Broadcast = [](TWorld& w) { w.Net.Client.SetBroadcast(true); };
+const auto ReuseAddress = [](TWorld& w) { w.Net.Client.SetReuseAddress(true); };
+const auto ReceiveBuffer = [](TWorld& w) { w.Net.Client.SetReceiveBufferSize(9000); };
+const auto Bind = [](TWorld& w) { TSocket(StreamOf("fs")).Bind(TAddress("fs", w.From + "2", false)); };
 const auto Library = [](TWorld&) { TDLL{"libc.so.6"}; };
 const TRule Far{C::rename, EXDEV}; ///< as between two file systems
 const TRule Apart{C::copy_file_range, EXDEV};
@@ -187,9 +194,7 @@ const TRow Rows[] = {
     // Time, process and messages.
     {{C::gettimeofday, EINVAL}, "GetCurrentTime", [](TWorld&) { GetCurrentTime(); }, "EException: WHY"},
     {{C::localtime_r, EOVERFLOW}, "_UTCLocalTimeDifference", [](TWorld&) { return _UTCLocalTimeDifference(0); }, "0"},
-    TRow(
-        {C::nanosleep, EINTR}, "Sleep", [](TWorld&) { TThreadInstance::Sleep(1000.0); }, "")
-        .Once(),
+    TRow({C::nanosleep, EINTR}, "Sleep", Sleep, "").Once(),
     {{C::getenv, 0}, "locale detection", [](TWorld&) { return _TSystemLocaleDetector().Encoding; }, "UTF-8"},
     {{C::getenv, 0}, "GetApplicationFileName", ApplicationOf, "FROM"},
     {{C::getpriority, ESRCH}, "GetProcessPriority", [](TWorld&) { GetProcessPriority(); }, "EException: WHY"},
@@ -200,36 +205,27 @@ const TRow Rows[] = {
     {TRule(C::pthread_mutexattr_destroy, EINVAL).Made(), "TMutex", Mutex, ""},
     {TRule(C::pthread_mutex_init, EAGAIN).Made(), "TMutex", Mutex, ""},
     {TRule(C::pthread_mutex_destroy, EBUSY).Made(), "~TMutex", Mutex, ""},
-    TRow(
-        {C::pthread_mutex_lock, EINVAL}, "Enter", [](TWorld&) { TDirectory("/").Rewind(); }, "")
-        .With({C::pthread_mutex_unlock, EPERM}),
-    {{C::pthread_mutex_trylock, EBUSY}, "TryEnter", [](TWorld&) { return TryRecursive(); }, "0"},
-    TRow(TRule(C::pthread_mutex_unlock, EPERM), "Leave", Enter, "").With(TRule(C::pthread_mutex_trylock, 0)),
+    TRow({C::pthread_mutex_lock, EINVAL}, "Enter", Rewind, "").With({C::pthread_mutex_unlock, EPERM}),
+    {{C::pthread_mutex_trylock, EBUSY}, "TryEnter", TryRecursive, "0"},
+    TRow(TRule(C::pthread_mutex_unlock, EPERM), "Leave", Leave, "").With(TRule(C::pthread_mutex_trylock, 0)),
     {{C::pthread_cond_init, ENOMEM}, "TCondition", Condition, "EException: initialization of condition failed: WHY"},
-    TRow(
-        {C::pthread_cond_wait, EPERM}, "Wait", [](TWorld&) { WaitInside(false); }, "EException: condition wait failed: WHY")
-        .Once(),
+    TRow({C::pthread_cond_wait, EPERM}, "Wait", Wait, "EException: condition wait failed: WHY").Once(),
     {{C::pthread_cond_timedwait, EPERM},
      "Wait with a limit",
-     [](TWorld&) { WaitInside(true); },
+     WaitShort,
      "EException: condition timed wait failure: pthread_cond_timedwait: WHY"},
-    {{C::gettimeofday, EFAULT},
-     "Wait with a limit",
-     [](TWorld&) { WaitInside(true); },
-     "EException: condition timed wait failure: gettimeofday: WHY"},
+    {{C::gettimeofday, EFAULT}, "Wait with a limit", WaitShort, "EException: condition timed wait failure: gettimeofday: WHY"},
     {{C::pthread_cond_signal, EINVAL}, "Signal", [](TWorld&) { TCondition().Signal(); }, ""},
     {{C::pthread_cond_broadcast, EINVAL}, "Broadcast", [](TWorld&) { TCondition().Broadcast(); }, ""},
     {TRule(C::pthread_cond_destroy, EBUSY).Made(), "~TCondition", Condition, ""},
     {{C::pthread_create, EAGAIN}, "TThread", [](TWorld&) { TFunctionThread{[] {}}; }, "EException: thread creation error"},
-    {Late, "TThread, told its handle once the new thread has begun, and WaitFor", [](TWorld&) { return ExitValue(); }, "5"},
-    {Late, "TThread, told so, and ~TThread of a running thread", [](TWorld&) { Abandon(); }, ""},
+    {Late, "TThread, told its handle once the new thread has begun, and WaitFor", ExitValue, "5"},
+    {Late, "TThread, told so, and ~TThread of a running thread", Abandon, ""},
     {Late, "TThread, told so, and ~TThread of one that was not started", [](TWorld&) { TFunctionThread{[] {}}; }, ""},
-    {TRule(C::pthread_join, EDEADLK).Made(), "WaitFor", [](TWorld&) { return ExitValue(); }, "0"},
-    {TRule(C::pthread_detach, ESRCH).Made(), "~TThread", [](TWorld&) { Abandon(); }, ""},
+    {TRule(C::pthread_join, EDEADLK).Made(), "WaitFor", ExitValue, "0"},
+    {TRule(C::pthread_detach, ESRCH).Made(), "~TThread", Abandon, ""},
     {{C::pthread_cancel, ESRCH}, "Cancel", [](TWorld&) { TFunctionThread([] {}).Cancel(); }, "EException: thread cancelation failed"},
-    TRow(
-        {C::sigprocmask, EINVAL}, "the start of a thread", [](TWorld&) { return RunHere(); }, "7")
-        .Once(),
+    TRow({C::sigprocmask, EINVAL}, "the start of a thread", RunHere, "7").Once(),
     // Sockets.
     {{C::socket, EMFILE}, "TSocket", Socket, "EException: socket creation error"},
     {{C::getprotobyname, 0}, "TSocket", Socket, "EUnsupportedProtocol: unsupported socket protocol"},
@@ -237,24 +233,11 @@ const TRow Rows[] = {
     {{C::shutdown, ENOTCONN}, "~TSocket", Socket, ""},
     {TRule(C::fcntl, EBADF).At(1), "SetBlocking, asking for the mode", Blocking, NoMode},
     {TRule(C::fcntl, EBADF).At(2), "SetBlocking, setting the mode", Blocking, NoMode},
-    {{C::setsockopt, EPERM},
-     "SetBroadcast",
-     [](TWorld& w) { w.Net.Client.SetBroadcast(true); },
-     "EException: socket broadcast setup failure"},
-    {{C::setsockopt, EPERM},
-     "SetReuseAddress",
-     [](TWorld& w) { w.Net.Client.SetReuseAddress(true); },
-     "EException: socket reuseaddr setup failure"},
+    {{C::setsockopt, EPERM}, "SetBroadcast", Broadcast, "EException: socket broadcast setup failure"},
+    {{C::setsockopt, EPERM}, "SetReuseAddress", ReuseAddress, "EException: socket reuseaddr setup failure"},
     {{C::setsockopt, EPERM}, "SetSendBufferSize", [](TWorld& w) { w.Net.Client.SetSendBufferSize(9000); }, "EException: setsockopt failed"},
-    {{C::getsockopt, EPERM},
-     "SetReceiveBufferSize",
-     [](TWorld& w) { w.Net.Client.SetReceiveBufferSize(9000); },
-     "EException: getsockopt failed"},
-    {{C::bind, EADDRINUSE},
-     "Bind",
-     [](TWorld& w) { TSocket(StreamOf("fs")).Bind(TAddress("fs", w.From + "2", false)); },
-     "EException: socket bind failed: FROM2",
-     Usual},
+    {{C::getsockopt, EPERM}, "SetReceiveBufferSize", ReceiveBuffer, "EException: getsockopt failed"},
+    {{C::bind, EADDRINUSE}, "Bind", Bind, "EException: socket bind failed: FROM2"},
     {{C::listen, EADDRINUSE}, "Listen", [](TWorld& w) { w.Net.Listener.Socket.Listen(0); }, "EException: socket listen failed"},
     // Addresses and the loader.
     {{C::gethostbyname2_r, ERANGE}, "TAddress of a name", Host, NoHost},
