@@ -1,7 +1,5 @@
 #include "world.h"
 
-#include <kest/foundation/failure.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -153,11 +151,6 @@ const TRow Rows[] = {
     {"thread", [](TWorld&) { TFunctionThread([] {}).Start(); }},
     {"text", [](TWorld&) { (void)UCSToUTF8(UTF8ToUCS(Long)); }},
     {"exception", [](TWorld&) { EException{Long}; }, Composes},
-    {"joining",
-     [](TWorld&) {
-         (void)_JoinMessage({Long, Long});
-     },
-     Composes},
     {"description", Describe, Composes},
     {"locale", DetectLocale},
     {"missing file", [](TWorld&) { EXPECT_THROW(TFile::Remove("gone"), EException); }, Composes},

@@ -180,7 +180,8 @@ template <class TAction>
 std::string LogOf(std::vector<TRule> rules, const TAction& action) {
     TPlan plan(std::move(rules));
     plan.Run(action);
-    return plan.Log({C::send, C::sendto, C::recv, C::recvfrom, C::accept, C::select, C::nanosleep, C::connect, C::fcntl, C::exception});
+    return plan.Log(
+        {C::send, C::sendto, C::recv, C::recvfrom, C::accept, C::select, C::nanosleep, C::connect, C::fcntl, C::listen, C::exception});
 }
 
 // 16384 is MSG_NOSIGNAL, 16448 the same with MSG_DONTWAIT; the number of select is that of the seconds, -1 without a limit.
@@ -188,6 +189,8 @@ TEST(Fault, EachTransferMakesItsCallsWithTheirFlags) {
     TWorld world;
     TSocket& client = world.Net.Client;
     const TRule few = TRule(C::send, 0).Giving(3);
+    for (const unsigned backlog : {0U, 5U})
+        EXPECT_EQ(LogOf({}, [&] { world.Net.Listener.Socket.Listen(backlog); }), backlog == 0 ? "listen(128)" : "listen(5)");
     EXPECT_EQ(LogOf({few}, [&] { EXPECT_EQ(client.Send(Bytes, 8), 3); }), "send(16384)");
     EXPECT_EQ(LogOf({}, [&] { client.Receive(Bytes, 1); }), "select(-1) recv(16384)");
     EXPECT_EQ(LogOf({}, [&] { client.ReceiveFrom(Bytes, 1, Peer); }), "select(-1) recvfrom(16384)");

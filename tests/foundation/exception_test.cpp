@@ -1,13 +1,12 @@
 #include <kest/foundation/exception.h>
 
-#include "support/message.h"
+#include <gtest/gtest.h>
 
-#include <kest/foundation/failure.h>
-
+#include <cerrno>
+#include <cstring>
 #include <type_traits>
 
 using namespace Kest;
-using namespace Kest::Test;
 using Kest::System::_GetLastErrorDescription;
 
 namespace {
@@ -38,14 +37,6 @@ TEST(Exception, DescriptionIsThatOfErrnoWhichKeepsItsValue) {
         EXPECT_EQ(errno, code);
         EXPECT_EQ(description, expected);
     }
-}
-
-TEST(Exception, SystemFailureIsThePiecesAndTheDescription) {
-    const std::string path = "/a/path/that/does/not/fit/into/a/short/string";
-    EXPECT_KEST_THROW((errno = ENOENT, System::_ThrowLastError("unable to open '", path, "': ")), EException,
-                      Described("unable to open '" + path + "': ", ENOENT));
-    EXPECT_KEST_THROW((errno = ENOENT, System::_ThrowLastError()), EException, Described("", ENOENT));
-    EXPECT_KEST_THROW(System::_ThrowError(ETIMEDOUT, "wait failed: "), EException, Described("wait failed: ", ETIMEDOUT));
 }
 
 } // namespace

@@ -16,20 +16,15 @@ using namespace Kest::Test;
 
 namespace {
 
-/// A socket that records how its mode is switched, B for blocking and N for non-blocking, and counts its waits for writing.
+/// A socket that counts its waits for writing.
 class TRecorder : public TSocket {
 public:
     using TSocket::TSocket;
     explicit TRecorder(const TSocket& other) : TSocket(other) {}
-    void SetBlocking(bool blocking) override {
-        TSocket::SetBlocking(blocking);
-        Modes += blocking ? 'B' : 'N';
-    }
     bool SelectWrite(const double& limit) override {
         ++Waits;
         return TSocket::SelectWrite(limit);
     }
-    std::string Modes;
     int Waits = 0;
 };
 
@@ -187,7 +182,7 @@ TEST_P(SocketTransfer, AddressOfAnotherImplementationIsRefusedBeforeAnySystemCal
     TListener listener(Domain);
     TSocket client(StreamOf(Domain));
     client.Connect(listener.Address);
-    TRecorder datagrams(DatagramOf(Domain));
+    TSocket datagrams(DatagramOf(Domain));
     datagrams.SetSendTimeout(1.0);
     datagrams.SetReceiveTimeout(0.01); // a wait for it would be a time-out
     EXPECT_THROW(datagrams.Bind(foreign), std::bad_cast);
@@ -195,7 +190,7 @@ TEST_P(SocketTransfer, AddressOfAnotherImplementationIsRefusedBeforeAnySystemCal
     EXPECT_THROW(datagrams.SendTo("x", 1, foreign), std::bad_cast);
     EXPECT_THROW(datagrams.ReceiveFrom(&Byte, 1, foreign), std::bad_cast);
     EXPECT_THROW(listener.Socket.Accept(foreign), std::bad_cast);
-    EXPECT_EQ(datagrams.Modes, "");
+    EXPECT_TRUE(IsInBlockingMode(datagrams));
     EXPECT_TRUE(listener.Socket.SelectRead(Soon)) << "the connection still waits";
 }
 
@@ -275,11 +270,6 @@ TEST(SocketConnections, PeersAddressIsTakenWholeWhateverItsLength) {
     const int number = std::stoi(client.substr(sizeof "127.0.0.1"));
     const std::string expected{static_cast<char>(number >> 8), static_cast<char>(number), 127}; // and the zeroes of the host
     EXPECT_EQ(text, expected.c_str());
-}
-
-TEST(SocketConnections, ListenOfZeroAsksForAQueueOf128) {
-    for (const unsigned backlog : {0u, 5u}) // the queue holds one more than it says
-        EXPECT_EQ(TFullListener("fs", backlog).Clients.size(), backlog == 0 ? 129u : backlog + 1);
 }
 
 TEST(SocketConnections, SelectWriteIsFalseWhileThereIsInputOutOfBand) {
