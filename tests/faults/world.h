@@ -13,19 +13,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <exception>
-#include <filesystem>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <typeinfo>
-#include <vector>
 
 namespace Kest::Test {
 
@@ -44,8 +40,7 @@ struct TWorld {
 
 /// What an operation may leak: descriptors, threads, locks and blocks of the heap, the last two as far as the calling thread can tell.
 inline std::array<long, 4> Resources() {
-    using std::filesystem::directory_iterator;
-    return {OpenDescriptors(), std::distance(directory_iterator("/proc/self/task"), directory_iterator()), LocksHeld(), BlocksInUse};
+    return {OpenDescriptors(), Threads(), LocksHeld(), BlocksInUse};
 }
 
 /// Checks that nothing is left of an operation. A thread that was waited for is still listed for a moment.

@@ -12,6 +12,12 @@ inline int OpenDescriptors() {
     return static_cast<int>(std::distance(directory_iterator("/proc/self/fd"), directory_iterator())) - 1;
 }
 
+/// How many threads the process has. One that has ended is among them for a moment.
+inline long Threads() {
+    using std::filesystem::directory_iterator;
+    return std::distance(directory_iterator("/proc/self/task"), directory_iterator());
+}
+
 } // namespace Kest::Test
 
 #endif

@@ -104,7 +104,7 @@ private:
 
 /// A listener that leaves further connections hanging: its queue is full.
 struct TFullListener : TListener {
-    explicit TFullListener(const std::string& domain, unsigned backlog = 1) : TListener(domain, backlog) {
+    explicit TFullListener(const std::string& domain) : TListener(domain, 1) {
         while (ConnectSoon(Clients.emplace_back(StreamOf(domain)))) {
         }
         Clients.pop_back();
