@@ -33,6 +33,16 @@ struct TRow {
     bool Composes; ///< a message, for want of which the process ends; otherwise the allocation's exception leaves
 };
 
+/// Does what throws a TException. The expectation of the test library would need memory itself when another one comes.
+template <class TException = EException, class TBody>
+void Fail(const TBody& body) {
+    try {
+        body();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const TException&) {
+    }
+}
+
 struct TSink : Kest::_Gadgets::TStream::TInterface {
     TSink() { Written.reserve(100); } // what is written needs no memory
     int Read(void*, unsigned) override { return 0; }
@@ -103,12 +113,12 @@ void MoveFar(TWorld& w, const TAttempt& attempt) {
 void ReachTheEnd(TWorld&, const TAttempt& attempt) {
     TPlan plan({{TCall::readdir, 0}});
     TDirectory directory("/");
-    attempt([&] { EXPECT_THROW(plan.Run([&] { directory.Read(); }), TDirectory::EEnd); }, {});
+    attempt([&] { Fail<TDirectory::EEnd>([&] { plan.Run([&] { directory.Read(); }); }); }, {});
 }
 
 void LoseThePeer(TWorld& w, const TAttempt& attempt) {
     TPlan plan({{TCall::send, ECONNRESET}});
-    attempt([&] { EXPECT_THROW(plan.Run([&] { w.Net.Client.Send("x", 1); }), Interface::_Socket::EReset); }, {});
+    attempt([&] { Fail<Interface::_Socket::EReset>([&] { plan.Run([&] { w.Net.Client.Send("x", 1); }); }); }, {});
 }
 
 void DetectLocale(TWorld&, const TAttempt& attempt) {
@@ -153,10 +163,10 @@ const TRow Rows[] = {
     {"exception", [](TWorld&) { EException{Long}; }, Composes},
     {"description", Describe, Composes},
     {"locale", DetectLocale},
-    {"missing file", [](TWorld&) { EXPECT_THROW(TFile::Remove("gone"), EException); }, Composes},
+    {"missing file", [](TWorld&) { Fail([] { TFile::Remove("gone"); }); }, Composes},
     {"end of directory", ReachTheEnd, Composes},
     {"failed transfer", LoseThePeer, Composes},
-    {"missing library", [](TWorld&) { EXPECT_THROW(TDLL{Long}, EException); }, Composes},
+    {"missing library", [](TWorld&) { Fail([] { TDLL{"gone"}; }); }, Composes},
 };
 
 /// How @p row ends when the memory for @p allocations is there.
@@ -215,8 +225,8 @@ TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
             return Success;
         };
         bool isTerminated = false;
-        int end = row.Composes ? NoMemory : InProcess(withMoreAndMore);
-        for (long allocations = 0; row.Composes && (end == NoMemory || end == Terminated); ++allocations) {
+        int end = row.Composes ? Terminated : InProcess(withMoreAndMore);
+        for (long allocations = 0; row.Composes && end == Terminated; ++allocations) {
             end = InProcess([&] { return EndOf(row, allocations); });
             isTerminated = isTerminated || end == Terminated;
         }
