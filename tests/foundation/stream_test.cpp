@@ -90,7 +90,6 @@ TEST(Stream, MakesTheseTransportCalls) {
             "R4 W[x] W[y] R1 "},
         {"a size that means no buffer", 0, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
         {"another one", 0x80000000u, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
-        {"and another", 0xFFFFFFFFu, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
         // clang-format on
     };
     for (const auto& each : cases) {

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <string>
 
-#include <sys/time.h>
 #include <time.h>
 
 using namespace Kest::System;
@@ -22,9 +22,7 @@ void EnterZone(const char* zone) {
 }
 
 long long MicrosecondsNow() {
-    timeval now{};
-    ::gettimeofday(&now, nullptr);
-    return now.tv_sec * 1000000LL + now.tv_usec;
+    return std::chrono::system_clock::now().time_since_epoch() / std::chrono::microseconds(1);
 }
 
 TEST(Time, CurrentTimeIsThatOfTheSystemToTheMicrosecond) {
