@@ -175,14 +175,6 @@ std::function<void(TScene&)> Releasing(TBody body) {
     };
 }
 
-/// The same with a cancellation that is pending from the beginning.
-std::function<void(TScene&)> Pending(void (*body)()) {
-    return Releasing([=](TScene&) {
-        CancelMyself();
-        body();
-    });
-}
-
 template <class TBody>
 std::function<void(TScene&)> Limited(TBody body) {
     return [=](TScene& s) {
@@ -326,13 +318,9 @@ const TRow Rows[] = {
     // Releasing comes to its end, and the thread is cancelled at its next point.
     {"stream's final flush", Releasing(Streaming(16, [](auto&) {})), Itself, IsWrittenAndPast},
     {"flush from a sentry", Releasing(Streaming(16, [](auto& stream) { stream << std::unitbuf << ""; })), Itself, IsWrittenAndPast},
-    {"socket", Releasing([](TScene& s) {
-         const TSocket copy(s.Socket);
-         CancelMyself();
-     }),
-     Itself, IsPast},
+    {"socket", Releasing([](TScene& s) { CancelMyself(), TSocket(s.Socket); }), Itself, IsPast},
     {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
-    {"thread", Pending([] { TFunctionThread([] {}); }), Itself, IsPast},
+    {"thread", Releasing([](TScene&) { CancelMyself(), TFunctionThread([] {}); }), Itself, IsPast},
     {"files of a copy", Releasing(By({{C::close, &EndMyself}}, Copy)), Itself, IsPast},
     {"library", Releasing(By({{C::dlopen, &EndMyself}, {C::dlclose, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
 };
