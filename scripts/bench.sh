@@ -1,7 +1,7 @@
 #!/bin/bash
 # Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...], where a topic is a file of benchmarks/, mutex for instance.
 # Prints a table a topic: what the library and its peers need, as ratios to the same work done with bare calls. A run of all topics also
-# writes docs/performance.md and its plots; it takes about ten minutes and wants the machine for itself. --quick measures everything but the
+# writes docs/performance.md and its plots; it takes about half an hour and wants the machine for itself. --quick measures everything but the
 # largest sizes, a short time each: enough to see that it runs, not to quote a figure.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -45,9 +45,9 @@ build() { # PRESET [OPTION...]: builds the topics; fails, with the reason in its
 }
 
 # In random order, so that whatever else the machine does meanwhile meets all who are compared alike.
-run() { # PRESET
+run() { # PRESET REPETITIONS
     local results=$root/build/$1/results topic
-    local -a effort=(--benchmark_repetitions=15 --benchmark_min_time=0.02)
+    local -a effort=(--benchmark_repetitions="$2" --benchmark_min_time=0.02)
     [[ -z $quick ]] || effort=(--benchmark_repetitions=5 --benchmark_min_time=0.002)
     mkdir -p "$results"
     for topic in "${topics[@]}"; do
@@ -91,7 +91,7 @@ if ! build bench; then
     tail -n 50 "$root/build/logs/bench.log" >&2
     exit 1
 fi
-run bench
+run bench 15
 
 # Figures of an emulated processor would say nothing.
 results_32=()
@@ -100,7 +100,7 @@ if ! runs_32_bits; then
 elif ! build_32; then
     about_32="none: no Google Benchmark for 32 bits was to be had"
 else
-    run bench-32
+    run bench-32 9
     about_32="below those of 64 bits, beside the standard library's"
     results_32=(--results-32 "$root/build/bench-32/results")
 fi
