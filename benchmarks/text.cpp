@@ -319,7 +319,8 @@ void RegisterText(const TScript& script, std::int64_t size) {
     RegisterWay<TLoop>(script.Name, size, text);
     RegisterWay<TIconv>(script.Name, size, text);
     RegisterWay<TLibc>(script.Name, size, text);
-    RegisterWay<TStandard>(script.Name, size, text);
+    if (size <= 1 << 20 || sizeof(void*) > 4) // its strings outgrow 32 bits with the largest text
+        RegisterWay<TStandard>(script.Name, size, text);
 #ifdef KEST_BENCHMARK_BOOST
     RegisterWay<TBoost>(script.Name, size, text);
 #endif
