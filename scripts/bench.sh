@@ -72,7 +72,7 @@ build_32() {
                 -o "Dir::State::Lists=$i386/lists" -o "Dir::Cache=$i386/cache" -o Debug::NoLocking=1)
             "${apt[@]}" update # one archive's list that fails says nothing of these packages
             "${apt[@]}" download libbenchmark-dev:i386 libbenchmark1debian:i386
-        ) >"$root/build/logs/i386.log" 2>&1
+        ) >"$root/build/logs/i386.log" 2>&1 || return
         local package
         for package in "$i386"/packages/*.deb; do
             dpkg-deb --extract "$package" "$i386" 2>>"$root/build/logs/i386.log" || return
