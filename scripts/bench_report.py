@@ -188,7 +188,9 @@ def summary_of(runs):
             times = topics.get(goal["topic"], ({},))[0]
             if times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
                 counts[False] += 1
-                missed.append(f"- {goal['topic']}{addition}: {goal['workload']}, {goal['variant']}, {goal['ratio']} {goal['reach']}: not measured")
+                size = f", {goal['size']}" if goal["size"] else ""
+                missed.append(f"- {goal['topic']}{addition}: {goal['workload']}, {goal['variant']}{size}: "
+                              f"{goal['ratio']} {goal['reach']}, not measured")
     return f"{counts[True]} of {counts.total()} goals are reached.", missed
 
 
