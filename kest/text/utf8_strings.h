@@ -1,4 +1,4 @@
-// Internal header: used by utf8.cpp and by what measures each form of the conversions.
+// Internal header: used by utf8.cpp and by what tests and measures each form of the conversions.
 #ifndef KEST_TEXT_UTF8_STRINGS_H
 #define KEST_TEXT_UTF8_STRINGS_H
 
