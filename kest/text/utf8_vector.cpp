@@ -528,7 +528,7 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
     __m512i payloadBefore = _mm512_setzero_si512();
     __m512i secondBefore = _mm512_setzero_si512();
     std::uint64_t missing = 0;
-    for (; text < limit && end - text >= WideStep && outEnd - out >= WideStep; text += WideStep) {
+    while (text < limit && end - text >= WideStep && outEnd - out >= WideStep) {
         const __m512i bytes = LoadWide(text);
         const std::uint64_t isHigh = _mm512_movepi8_mask(bytes);
         if ((isHigh | missing) == 0) {
@@ -536,7 +536,7 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
             const auto over = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(out) / sizeof(wchar_t) % 16);
             if (over != 0 && end - text >= 16 * WideStep) {
                 _mm512_storeu_si512(out, _mm512_cvtepu8_epi32(_mm512_castsi512_si128(bytes)));
-                text += 16 - over - WideStep;
+                text += 16 - over;
                 out += 16 - over;
                 continue;
             }
@@ -549,7 +549,6 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
                 text += WideStep;
                 out += WideStep;
             } while (--blocks > 0 && _mm512_movepi8_mask(LoadWide(text)) == 0);
-            text -= WideStep;
             continue;
         }
         const std::uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, _mm512_set1_epi8(-64));
@@ -575,6 +574,7 @@ KEST_AVX512 inline wchar_t* DecodeWideBlocks(const char*& text, const char* limi
             const __m512i places = LoadWide(PlacesOfUnits[quarter].data());
             _mm512_storeu_si512(out + 16 * quarter, _mm512_maskz_permutex2var_epi8(0x3333333333333333U, lows, places, highs));
         }
+        text += WideStep;
         out += count;
         payloadBefore = payload;
         secondBefore = second;
