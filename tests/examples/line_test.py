@@ -51,6 +51,12 @@ def wait_until(condition, what):
         time.sleep(0.01)
 
 
+def listens(path):
+    """Whether the socket of that path takes connections: it has the path before that, and refuses them."""
+    sockets = [line.split() for line in pathlib.Path("/proc/net/unix").read_text().splitlines()]
+    return any(fields[3] == "00010000" and fields[-1] == path for fields in sockets)
+
+
 def read_to_end(connection):
     return b"".join(iter(lambda: connection.recv(65536), b""))
 
@@ -206,7 +212,7 @@ class Together(LineTest):
         with running(["nc", "-l", "-U", self.path], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as peer:
             peer.stdin.write(b"forty-two\n")  # what somebody would type
             peer.stdin.flush()
-            wait_until(lambda: os.path.exists(self.path), "netcat listens")
+            wait_until(lambda: listens(self.path), "netcat listens")
             result = run_client("fs", self.path, "10", b"the question\n")
             self.assertEqual((result.returncode, result.stdout), (0, b"forty-two\n"))
             self.assertEqual(peer.communicate(timeout=PATIENCE)[0], b"the question\n")
@@ -435,7 +441,7 @@ class ClientTest(LineTest):
 
     def test_silent_peer_is_a_time_out(self):
         with running(["nc", "-l", "-U", self.path], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as peer:
-            wait_until(lambda: os.path.exists(self.path), "netcat listens")
+            wait_until(lambda: listens(self.path), "netcat listens")
             begin = time.monotonic()
             result = run_client("fs", self.path, "0.4", b"line\n")
             self.assertGreaterEqual(time.monotonic() - begin, 0.35)
