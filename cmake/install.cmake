@@ -4,9 +4,9 @@ include(CMakePackageConfigHelpers)
 
 # Headers that only the library's own sources include.
 set(internal_headers
-    foundation/cancellation.h
     foundation/failure.h
     foundation/interval.h
+    foundation/unwinding.h
     net/descriptor_set.h
     net/lookup.h
     text/system_name.h

@@ -7,6 +7,7 @@
 #include <kest/filesystem/directory.h>
 #include <kest/filesystem/file.h>
 #include <kest/filesystem/file_state.h>
+#include <kest/foundation/cancellation.h>
 #include <kest/foundation/exception.h>
 #include <kest/foundation/mapper.h>
 #include <kest/foundation/singleton.h>

@@ -1,7 +1,7 @@
 #include <kest/filesystem/directory.h>
 
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
+#include <kest/foundation/unwinding.h>
 #include <kest/text/system_name.h>
 #include <kest/text/system_text.h>
 #include <kest/threads/guard.h>

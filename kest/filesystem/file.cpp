@@ -1,8 +1,8 @@
 #include <kest/filesystem/file.h>
 
 #include <kest/filesystem/file_state.h>
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
+#include <kest/foundation/unwinding.h>
 #include <kest/text/system_text.h>
 
 #include <algorithm>

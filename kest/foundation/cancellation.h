@@ -1,28 +1,31 @@
-// Internal header: used by everything that releases a resource or must not be cut off halfway.
 #ifndef KEST_FOUNDATION_CANCELLATION_H
 #define KEST_FOUNDATION_CANCELLATION_H
 
 #include <pthread.h>
 
-/// Marks a function that catches abi::__forced_unwind. A cancellation is no object of C++, so the language runtime binds the reference
-/// of such a handler to null; nothing reads it, but UndefinedBehaviorSanitizer would report it. Its test of alignment goes too: it is the
-/// same test to GCC, and would come back whole where the function is inlined into one that is not marked.
-#define KEST_CATCHES_CANCELLATION __attribute__((no_sanitize("null"), no_sanitize("alignment")))
-
-/// Marks a function whose frame a cancellation may leave without anything to clean up. AddressSanitizer does not notice that: guard bytes
-/// of such a frame would stay behind and be taken for those of the frames that come after it.
-#define KEST_LEFT_BY_CANCELLATION __attribute__((no_sanitize("address")))
+/// @file
+/// Holding the cancellation of a thread off for a scope.
 
 namespace Kest::System {
 
-/// Holds the calling thread's cancellation off while the object lives. A request that arrives meanwhile stays pending and is acted
-/// on at the next cancellation point after it. Objects may nest.
-class _TCancellationOff {
+/// Holds the calling thread's cancellation off while the object lives. Everything that waits then waits to its end, and a destructor can
+/// wait without being unwound. A request that arrives meanwhile stays pending: the thread acts on it at its next cancellation point after
+/// the object is gone. The object is no cancellation point itself.
+///
+/// Objects nest: each puts back what it found. Requires: the thread that made an object destroys it, in the reverse order of making.
+///
+/// ~~~{.cpp}
+/// {
+///     const Kest::System::TCancellationOff off;
+///     std::clog << "a line that is written whole" << std::endl;
+/// }
+/// ~~~
+class [[nodiscard]] TCancellationOff {
 public:
-    _TCancellationOff() noexcept { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &Previous); }
-    _TCancellationOff(const _TCancellationOff&) = delete;
-    _TCancellationOff& operator=(const _TCancellationOff&) = delete;
-    ~_TCancellationOff() { (void)::pthread_setcancelstate(Previous, nullptr); }
+    TCancellationOff() noexcept { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &Previous); }
+    TCancellationOff(const TCancellationOff&) = delete;
+    TCancellationOff& operator=(const TCancellationOff&) = delete;
+    ~TCancellationOff() { (void)::pthread_setcancelstate(Previous, nullptr); }
 
 private:
     int Previous = PTHREAD_CANCEL_ENABLE;

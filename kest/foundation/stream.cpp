@@ -1,6 +1,6 @@
 #include <kest/foundation/stream.h>
 
-#include <kest/foundation/cancellation.h>
+#include <kest/foundation/unwinding.h>
 
 #include <cassert>
 #include <cstddef>
@@ -16,7 +16,7 @@ TStream::TStream(TInterface& transport, unsigned int bufferSize)
 }
 
 TStream::~TStream() {
-    const System::_TCancellationOff off; // acted on in the final flush, a cancellation would leave through this destructor
+    const System::TCancellationOff off; // acted on in the final flush, a cancellation would leave through this destructor
     DestroyBuffer();
 }
 
@@ -117,7 +117,7 @@ int TStream::sync() {
 
 /// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave.
 KEST_CATCHES_CANCELLATION void TStream::FlushFromSentry() {
-    const System::_TCancellationOff off;
+    const System::TCancellationOff off;
     try {
         (void)overflow(traits_type::eof());
     } catch (const std::ios_base::failure&) { // the state that it reports is set already

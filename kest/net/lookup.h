@@ -2,7 +2,7 @@
 #ifndef KEST_NET_LOOKUP_H
 #define KEST_NET_LOOKUP_H
 
-#include <kest/foundation/cancellation.h>
+#include <kest/foundation/unwinding.h>
 
 namespace Kest::System {
 

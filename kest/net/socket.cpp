@@ -1,8 +1,8 @@
 #include <kest/net/socket.h>
 
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
 #include <kest/foundation/time.h>
+#include <kest/foundation/unwinding.h>
 #include <kest/net/lookup.h>
 #include <kest/threads/guard.h>
 

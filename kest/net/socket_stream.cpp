@@ -1,6 +1,6 @@
 #include <kest/net/socket_stream.h>
 
-#include <kest/foundation/cancellation.h>
+#include <kest/foundation/unwinding.h>
 
 #include <cxxabi.h>
 

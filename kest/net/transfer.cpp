@@ -1,7 +1,7 @@
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
 #include <kest/foundation/interval.h>
 #include <kest/foundation/time.h>
+#include <kest/foundation/unwinding.h>
 #include <kest/net/descriptor_set.h>
 #include <kest/net/socket.h>
 

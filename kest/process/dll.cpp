@@ -17,7 +17,7 @@ std::string LoaderText() noexcept {
 }
 
 void* Load(const std::string& name) {
-    const _TCancellationOff off; // cut off in a library's start code, the loader would keep its lock
+    const TCancellationOff off; // cut off in a library's start code, the loader would keep its lock
     std::string systemName = UTF8ToSystem(name);
     void* handle = ::dlopen(systemName.c_str(), RTLD_LAZY);
     if (handle == nullptr) {
@@ -34,7 +34,7 @@ void* Load(const std::string& name) {
 TDLL::TDLL(const std::string& name) : _Template::TDLL<void*>(Load(name)) {}
 
 TDLL::~TDLL() {
-    const _TCancellationOff off;
+    const TCancellationOff off;
     (void)::dlclose(Handle); // releasing never reports
 }
 

@@ -1,7 +1,7 @@
 #include <kest/text/locale.h>
 
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
+#include <kest/foundation/unwinding.h>
 
 #include <cstdlib>
 #include <cxxabi.h>

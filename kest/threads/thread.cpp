@@ -1,9 +1,9 @@
 #include <kest/threads/thread.h>
 
-#include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
 #include <kest/foundation/interval.h>
 #include <kest/foundation/time.h>
+#include <kest/foundation/unwinding.h>
 #include <kest/threads/guard.h>
 #include <kest/threads/mutex.h>
 
@@ -133,7 +133,7 @@ void TThread::Start() {
 }
 
 TThread::~TThread() {
-    const _TCancellationOff off; // the wait for an abandoned thread must come to its end
+    const TCancellationOff off; // the wait for an abandoned thread must come to its end
     const bool started = StartGate->IsOpen();
     bool isPast = false;
     if (started) {

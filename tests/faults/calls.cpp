@@ -1,7 +1,7 @@
 #include "calls.h"
 #include <support/failing_new.h>
 
-#include <kest/foundation/cancellation.h>
+#include <kest/foundation/unwinding.h>
 
 #include <gtest/gtest.h>
 
