@@ -6,6 +6,10 @@
 namespace Kest::System::Interface {
 
 /// A lock: at most one thread is inside at a time. Any thread may call any operation.
+///
+/// The three operations in small letters are those that the standard library's scopes call, so std::lock_guard, std::unique_lock and
+/// std::scoped_lock take every lock of this library, by its own class or by this one. Such a scope leaves the lock whichever way it ends,
+/// a cancellation included.
 class KEST_EXPORT TProtectionGuard {
 public:
     virtual ~TProtectionGuard() = default;
@@ -18,6 +22,10 @@ public:
 
     /// Gives up one entry. Requires: the calling thread is inside.
     virtual void Leave() = 0;
+
+    void lock() { Enter(); }               ///< calls Enter()
+    void unlock() { Leave(); }             ///< calls Leave()
+    bool try_lock() { return TryEnter(); } ///< calls TryEnter()
 
 protected:
     TProtectionGuard() = default;

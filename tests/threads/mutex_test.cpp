@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <type_traits>
 
 using namespace Kest::Test;
@@ -40,6 +41,17 @@ TEST(Mutex, IsFreeToOthersOnceItsHolderHasLeftAsOftenAsItEntered) {
             EXPECT_EQ(OthersMayEnter(mutex), each.Free[i] == '1') << "after step " << i;
         }
     }
+}
+
+TEST(Mutex, IsTakenByTheScopesOfTheStandardLibrary) {
+    TMutex plain(false), recursive(true);
+    {
+        const std::scoped_lock both(plain, recursive);
+        EXPECT_FALSE(OthersMayEnter(plain) || OthersMayEnter(recursive));
+        EXPECT_FALSE(std::unique_lock<TMutex>(plain, std::try_to_lock).owns_lock());
+        const std::lock_guard<TProtectionGuard> again(recursive);
+    }
+    EXPECT_TRUE(OthersMayEnter(plain) && OthersMayEnter(recursive));
 }
 
 } // namespace
