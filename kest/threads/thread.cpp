@@ -8,6 +8,7 @@
 #include <kest/threads/mutex.h>
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <cxxabi.h>
@@ -95,17 +96,16 @@ void TThreadInstance::Yield() {
     ::pthread_testcancel();
 }
 
-/// The mutex that a new thread waits at. It is made held and opened once. A lock alone does not tell its owner whether the thread was
-/// started: the thread may not have reached the gate yet, or hold it for a moment on its way through. So the gate also knows whether it
-/// was opened and whether the thread is past it.
+/// The mutex that a new thread waits at. It is made held and opened once: by Start(), or by who turns the thread away. A lock alone does
+/// not tell its owner whether the thread was started: the thread may not have reached the gate yet, or hold it for a moment on its way
+/// through. So the gate also knows whether it was opened and whether the thread is past it.
 class _TStartGate : public TMutex {
 public:
-    _TStartGate() : TMutex(false) { TMutex::Enter(); }
+    /// @param isTurnedAway  the thread's note of what its gate did; read and written inside.
+    explicit _TStartGate(bool& isTurnedAway) : TMutex(false), IsTurnedAway(isTurnedAway) { TMutex::Enter(); }
     ~_TStartGate() override {
         Open(); // a system mutex is never destroyed while it is held
     }
-
-    bool IsOpen() const { return Opened.load(std::memory_order_acquire); }
 
     /// Lets the thread through; done once, a second call finds it done.
     void Open() {
@@ -113,15 +113,34 @@ public:
             TMutex::Leave();
     }
 
-    bool IsPassed = false; ///< read and written inside
+    /// For the new thread: waits until the gate is open, and goes past it. False when it has been turned away.
+    bool Pass() {
+        const _TScopedEntry entry(*this);
+        (void)Opened.load(std::memory_order_acquire); // see the field
+        IsPassed = true;
+        return !IsTurnedAway;
+    }
+
+    /// Turns the thread away unless it is past already, and tells which. Either way the gate is open afterwards.
+    bool TurnAway() {
+        if (Opened.exchange(true, std::memory_order_acq_rel))
+            TMutex::Enter(); // else it is still held from its making, and nobody else will leave it
+        const bool isPast = IsPassed;
+        IsTurnedAway = !isPast;
+        TMutex::Leave();
+        return !isPast;
+    }
 
 private:
     /// Release and acquire repeat what the mutex orders already: ThreadSanitizer forgets that of a mutex that another thread unlocked
     /// than locked it, which is so when Start() is called elsewhere than the constructor.
     std::atomic<bool> Opened{false};
+
+    bool IsPassed = false; ///< read and written inside
+    bool& IsTurnedAway;
 };
 
-TThread::TThread() : StartGate(new _TStartGate) {
+TThread::TThread() : StartGate(new _TStartGate(Abandoned)) {
     if (::pthread_create(&Handle, nullptr, &TThread::ThreadFunc, this) != 0) {
         delete StartGate;
         _Throw("thread creation error");
@@ -132,19 +151,29 @@ void TThread::Start() {
     StartGate->Open();
 }
 
+void TThread::Finish() noexcept {
+    End(false);
+}
+
+void TThread::CancelAndFinish() noexcept {
+    End(true);
+}
+
+/// Both ways to finish; @p cancels tells whether a body that runs is asked to end.
+void TThread::End(bool cancels) noexcept {
+    const TCancellationOff off;
+    const bool isSelf = ::pthread_equal(Handle, ::pthread_self()) != 0;
+    assert(!isSelf);
+    if (isSelf)
+        return; // who waited for itself would wait for ever
+    if (!StartGate->TurnAway() && cancels && Handle != 0)
+        (void)::pthread_cancel(Handle);
+    (void)TThreadInstance::WaitFor();
+}
+
 TThread::~TThread() {
     const TCancellationOff off; // the wait for an abandoned thread must come to its end
-    const bool started = StartGate->IsOpen();
-    bool isPast = false;
-    if (started) {
-        const _TScopedEntry entry(*StartGate);
-        isPast = StartGate->IsPassed;
-        Abandoned = !isPast;
-    } else {
-        Abandoned = true;
-        StartGate->Open();
-    }
-    if (!isPast)
+    if (StartGate->TurnAway())
         (void)TThreadInstance::WaitFor();
     delete StartGate;
     if (Handle != 0)
@@ -162,14 +191,7 @@ void* TThread::ThreadFunc(void* thread) {
 
 // The new thread never reads the handle: pthread_create may store it only after the thread has begun.
 KEST_CATCHES_CANCELLATION int TThread::ThreadFunc() {
-    bool isAbandoned = false;
-    {
-        const _TScopedEntry entry(*StartGate); // waits here until the gate is opened
-        (void)StartGate->IsOpen();             // see there
-        isAbandoned = Abandoned;
-        StartGate->IsPassed = true;
-    }
-    if (isAbandoned)
+    if (!StartGate->Pass())
         return 0;
     try {
         return Run();

@@ -60,24 +60,32 @@ class _TStartGate;
 
 /// A thread with a body. The constructor creates the system thread, which waits at its start gate; the body runs after Start().
 ///
-/// | State     | Entered by                          | The system's thread                                                   |
-/// |-----------|-------------------------------------|-----------------------------------------------------------------------|
-/// | Created   | constructor                         | waits at the gate                                                     |
-/// | Running   | Start()                             | passes the gate and runs Run()                                        |
-/// | Finished  | Run() returned, or was cancelled    | ended; its exit value is kept                                         |
-/// | Joined    | WaitFor()                           | gone; the handle is 0                                                 |
-/// | Abandoned | destructor of a thread not past the | ends with exit value 0 without running Run(), and is waited for by the|
-/// |           | gate                                | destructor                                                            |
+/// | State       | Entered by                             | The system's thread                                              |
+/// |-------------|----------------------------------------|------------------------------------------------------------------|
+/// | Created     | the constructor                        | waits at the gate                                                |
+/// | Running     | Start()                                | passes the gate and runs Run()                                   |
+/// | Ended       | Run() returned, or was cancelled       | has ended; its exit value is kept                                |
+/// | Joined      | WaitFor(), Finish(), CancelAndFinish() | is gone; the handle is 0                                         |
+/// | Turned away | Finish(), CancelAndFinish() or the     | ends with exit value 0 without running Run(), and is waited for  |
+/// |             | destructor before the gate was passed  | by the operation that turned it away                             |
 ///
 /// As its first action the new thread blocks SIGINT, SIGTERM, SIGHUP, SIGIO, SIGALRM and SIGPIPE for itself: they reach the
 /// application's own threads. Its nice value is that of the thread that created it.
 ///
-/// The constructor, Start(), WaitFor(), Cancel() and the destructor are for the owner of the object, one thread at a time. Objects are
-/// neither copied nor moved.
+/// Requires: the destructor of the most derived class calls Finish() or CancelAndFinish() as its first statement, unless the thread has
+/// been waited for. Run() uses the derived part of the object, and the class's own destructor comes too late for that part. The part that
+/// is the library's own is safe without.
 ///
-/// Requires: a derived class waits for a started thread in its own destructor at the latest, before anything that Run() uses is gone.
-/// The library's own part of an object is safe without that, the derived part cannot be. A thread that was never started is not waited
-/// for: it waits for its start, and ends in the destructor of this class.
+/// ~~~{.cpp}
+/// class TWorker : public Kest::System::TThread {
+/// public:
+///     ~TWorker() override { Finish(); }
+///     int Run() override;
+/// };
+/// ~~~
+///
+/// Threads: any thread may call Start() while the object lives, beside the owner's calls too. WaitFor(), Cancel(), Finish(),
+/// CancelAndFinish() and the destructor are for the owner of the object, one thread at a time. Objects are neither copied nor moved.
 class KEST_EXPORT TThread : public Interface::TThread<TThreadInstance> {
 public:
     /// Creates the thread, suspended before its body.
@@ -87,26 +95,50 @@ public:
     TThread(const TThread&) = delete;
     TThread& operator=(const TThread&) = delete;
 
-    /// Lets the thread run its body. Called once, by any thread; another call does nothing.
+    /// Lets the thread run its body. A second call does nothing, nor does a call after Finish() or CancelAndFinish().
+    /// Never throws. Not a cancellation point.
+    /// Threads: any thread may call it while the object lives.
     void Start() override;
 
     /// The body. Its result is the exit value. A cancellation unwinds through it and ends the thread; any other exception that leaves
     /// it ends the process with abort().
     int Run() override = 0;
 
-    /// A thread that has not begun its body never will; the destructor waits until it has ended. A thread that has is detached if
-    /// nobody waited for it. Not a cancellation point.
+    /// Ends the thread, for the destructor of the most derived class: a body that has not begun never will, a later Start() included; a
+    /// body that runs is waited for. The exit value is lost: who wants it calls WaitFor() before. Afterwards the handle is 0.
+    ///
+    /// May be called in every state of the thread, more than once, and while an exception or a cancellation unwinds the calling thread.
+    /// Requires: the thread does not call it for itself. Debug builds assert that; release builds then do nothing.
+    /// Waits: as long as the body runs, without a limit. A signal does not end the wait. Cancellation is off: a request that arrives
+    /// meanwhile stays pending.
+    /// Threads: for the owner of the object.
+    void Finish() noexcept;
+
+    /// Ends the thread like Finish(), but asks a body that runs to end at its next cancellation point, as Cancel() does, before it waits
+    /// for the thread. A body that meets no cancellation point is waited for until it returns.
+    ///
+    /// May be called in every state of the thread, more than once, and while an exception or a cancellation unwinds the calling thread.
+    /// Requires: the thread does not call it for itself. Debug builds assert that; release builds then do nothing.
+    /// Waits: until the body has ended, without a limit. A signal does not end the wait. Cancellation is off: a request that arrives
+    /// meanwhile stays pending.
+    /// Threads: for the owner of the object.
+    void CancelAndFinish() noexcept;
+
+    /// A thread that has not begun its body never will; the destructor waits until it has ended. A thread that has begun its body is
+    /// detached if nobody waited for it. Not a cancellation point.
     ~TThread() override;
 
     /// The system thread's start routine; @p thread is the TThread. Not for callers.
     static void* ThreadFunc(void* thread);
 
-    /// What the new thread runs: gate, flag, body. Returns the exit value. Not for callers.
+    /// What the new thread runs: gate, body. Returns the exit value. Not for callers.
     int ThreadFunc();
 
 private:
+    KEST_HIDDEN void End(bool cancels) noexcept;
+
     _TStartGate* StartGate;
-    bool Abandoned = false;
+    bool Abandoned = false; ///< told by the gate: the body is not to run
 };
 
 } // namespace Kest::System

@@ -239,6 +239,19 @@ void Resolve(TScene&) {
     (void)TAddress("inet", "127.0.0.1:1", false).Get(true);
 }
 
+/// Leaves a scope with a running thread in it, by what @p action does.
+void Leaving(TScene& s, void (*action)()) {
+    TGate inside;
+    TFunctionThread thread([&] {
+        inside.Open();
+        TThreadInstance::Sleep(0.05);
+        s.IsPast = true;
+    });
+    thread.Start();
+    inside.Wait();
+    action();
+}
+
 char Byte;
 TAddress Peer("fs");
 const bool Itself = false;
@@ -321,6 +334,8 @@ const TRow Rows[] = {
     {"socket", Releasing([](TScene& s) { CancelMyself(), TSocket(s.Socket); }), Itself, IsPast},
     {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
     {"thread", Releasing([](TScene&) { CancelMyself(), TFunctionThread([] {}); }), Itself, IsPast},
+    {"thread that runs", Releasing([](TScene& s) { Leaving(s, &CancelMyself); }), Itself, IsPast},
+    {"thread that runs, unwinding", [](TScene& s) { Leaving(s, &EndMyself); }, Itself, IsPast},
     {"files of a copy", Releasing(By({{C::close, &EndMyself}}, Copy)), Itself, IsPast},
     {"library", Releasing(By({{C::dlopen, &EndMyself}, {C::dlclose, &EndMyself}}, [](TScene&) { TDLL{"libc.so.6"}; })), Itself, IsPast},
 };

@@ -90,7 +90,7 @@ void Abandon(TWorld&) {
 std::intptr_t RunHere(TWorld&) {
     TFunctionThread thread([] { return 7; });
     thread.Start();
-    return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(&thread.Get()));
+    return reinterpret_cast<std::intptr_t>(TThread::ThreadFunc(static_cast<TThread*>(&thread)));
 }
 
 std::string ApplicationOf(TWorld& w) {

@@ -76,13 +76,13 @@ private:
     bool IsOpen = false;
 };
 
-/// A thread of the library whose body is a function; one without a result gives 0. It has to be started, and is waited for at the
-/// latest by the destructor, before that of the library's object begins: the thread looks its body up in the object's table.
-class TFunctionThread {
+/// A thread of the library whose body is a function; one without a result gives 0. It is ended before the library's destructor begins:
+/// the thread looks its body up in the object's table.
+class TFunctionThread : public System::TThread {
 public:
     template <class TBody>
     explicit TFunctionThread(TBody body)
-        : Thread([body = std::move(body)]() mutable -> int {
+        : Body([body = std::move(body)]() mutable -> int {
               if constexpr (std::is_void_v<decltype(body())>)
                   return body(), 0;
               else
@@ -90,28 +90,12 @@ public:
           }) {}
     TFunctionThread(const TFunctionThread&) = delete;
     TFunctionThread& operator=(const TFunctionThread&) = delete;
-    ~TFunctionThread() {
-        if (IsStarted)
-            (void)WaitFor();
-    }
+    ~TFunctionThread() override { Finish(); }
 
-    void Start() {
-        IsStarted = true;
-        Thread.Start();
-    }
-    int WaitFor() { return Thread.WaitFor(); }
-    void Cancel() { Thread.Cancel(); }
-    System::TThread& Get() { return Thread; }
+    int Run() override { return Body(); }
 
 private:
-    struct TBodyThread : System::TThread {
-        explicit TBodyThread(std::function<int()> body) : Body(std::move(body)) {}
-        int Run() override { return Body(); }
-        std::function<int()> Body;
-    };
-
-    TBodyThread Thread;
-    bool IsStarted = false;
+    std::function<int()> Body;
 };
 
 } // namespace Kest::Test

@@ -39,13 +39,13 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
         SCOPED_TRACE(value);
         unsigned long seen = 0;
         TFunctionThread thread([&] { return seen = TThreadInstance::GetCurrentHandle(), value; });
-        const unsigned long id = thread.Get().GetId();
+        const unsigned long id = thread.GetId();
         EXPECT_NE(id, TThreadInstance::GetCurrentHandle());
         OnAnotherThread([&] { thread.Start(); });
         thread.Start(); // does nothing any more
         EXPECT_EQ(thread.WaitFor(), value);
         EXPECT_EQ(seen, id);
-        EXPECT_EQ(thread.Get().GetId(), 0u);
+        EXPECT_EQ(thread.GetId(), 0u);
         EXPECT_EQ(thread.WaitFor(), 0);
         EXPECT_KEST_THROW(thread.Cancel(), EException, "Kest: thread cancelation failed");
     }
@@ -59,10 +59,10 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
 
 TEST(Thread, InstancesAreEqualWhenTheyNameOneThread) {
     TFunctionThread one([] {}), other([] {});
-    TThreadInstance copy(one.Get());
-    EXPECT_TRUE(copy.Equals(one.Get()));
-    EXPECT_TRUE(one.Get().Equals(TThreadInstance(copy.GetId())));
-    EXPECT_FALSE(copy.Equals(other.Get()));
+    TThreadInstance copy(one);
+    EXPECT_TRUE(copy.Equals(one));
+    EXPECT_TRUE(one.Equals(TThreadInstance(copy.GetId())));
+    EXPECT_FALSE(copy.Equals(other));
     EXPECT_FALSE(copy.Equals(TThreadInstance()));
     copy.SetPriority(7);
     EXPECT_EQ(copy.GetPriority(), 0);
@@ -76,6 +76,65 @@ TEST(Thread, NotStartedItNeverRunsAndIsGoneWithItsObject) {
     EXPECT_FALSE(ran);
     EXPECT_LT(Kilobytes() - before, StacksOf1000Threads);
 }
+
+TEST(Thread, FinishedInAnyStateItIsGoneAndNeverBegins) {
+    enum TState { Made, AskedToEnd, Inside, Ended, WaitedFor };
+    for (const TState state : {Made, AskedToEnd, Inside, Ended, WaitedFor})
+        for (const bool cancels : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "state " << state << (cancels ? ", cancelled" : ""));
+            std::atomic<int> begun{0}, ended{0};
+            TGate inside;
+            TFunctionThread thread([&, waits = state == Inside] {
+                ++begun;
+                inside.Open();
+                if (waits)
+                    TThreadInstance::Sleep(cancels ? 1000.0 : 0.05);
+                ++ended;
+            });
+            if (state == AskedToEnd)
+                thread.Cancel();
+            if (state >= Inside) {
+                thread.Start();
+                inside.Wait();
+            }
+            while (state >= Ended && ended == 0)
+                std::this_thread::yield();
+            if (state == WaitedFor)
+                (void)thread.WaitFor();
+            for (int round = 0; round < 2; ++round) {
+                cancels ? thread.CancelAndFinish() : thread.Finish();
+                EXPECT_EQ(thread.GetId(), 0u);
+                EXPECT_EQ(begun, state >= Inside ? 1 : 0);
+                EXPECT_EQ(ended, state == Inside && cancels ? 0 : begun.load());
+                thread.Start();
+                EXPECT_EQ(thread.WaitFor(), 0);
+            }
+        }
+}
+
+TEST(Thread, FinishedBesideItsStartItRunsWholeOrNotAtAll) {
+    for (int round = 0; round != 300; ++round) {
+        std::atomic<int> steps{0};
+        TFunctionThread thread([&] { ++steps, ++steps; });
+        TFunctionThread starter([&] { thread.Start(); });
+        starter.Start();
+        round % 2 == 0 ? thread.Finish() : thread.CancelAndFinish();
+        const int then = steps;
+        EXPECT_NE(then, 1);
+        EXPECT_EQ(starter.WaitFor(), 0);
+        EXPECT_EQ(steps, then);
+    }
+}
+
+#ifdef NDEBUG // it is a mistake of the program, which debug builds assert
+TEST(Thread, FinishedByItselfItGoesOn) {
+    TFunctionThread* self = nullptr;
+    TFunctionThread thread([&] { return self->Finish(), self->CancelAndFinish(), TThreadInstance::Yield(), 7; });
+    self = &thread;
+    thread.Start();
+    EXPECT_EQ(thread.WaitFor(), 7);
+}
+#endif
 
 TEST(Thread, StartedOneOutlivesItsObject) {
     static std::atomic<int> entered{0}, left{0}; // the body touches nothing of the object
