@@ -43,7 +43,7 @@ for target in x86-64 i386; do
     # Only what callers can see: types of public headers, no paths, no lines.
     abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --headers-dir "$source_dir/kest" --drop-private-types \
         "$library" >"$work/$target.abi"
-    ! grep -nF "$root" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
+    ! grep -nF "='$root/" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
 
     if [[ -e abi/$target.abi ]]; then
         old=$(soname_of "abi/$target.abi") new=$(soname_of "$work/$target.abi")
