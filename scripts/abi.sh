@@ -5,8 +5,7 @@
 # Under another SONAME everything passes; the test of the version fails until "abi.sh update" has written that down too.
 # KEST_ABI_SOURCE names another tree than this one to look at, for trying changes.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 action=${1:-check}
 if (($# > 1)) || [[ $action != check && $action != update ]]; then
     echo "usage: abi.sh [check|update]" >&2
@@ -14,10 +13,9 @@ if (($# > 1)) || [[ $action != check && $action != update ]]; then
 fi
 source_dir=${KEST_ABI_SOURCE:-$root}
 "$root/scripts/setup.sh" abigail-tools
-log=$root/build/logs/abi.log
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-mkdir -p "$(dirname "$log")" abi
+mkdir -p abi
 
 # What is shipped, with what a debugger knows of it, from which the tools read the types.
 build() { # BUILD_DIR FLAGS
@@ -32,10 +30,10 @@ soname_of() { sed -nE "s/^<abi-corpus .*\bsoname='([^']*)'.*/\1/p" "$1"; }
 failures=0
 for target in x86-64 i386; do
     flags=-m64
-    [[ $target == x86-64 ]] || flags=-m32
+    [[ $target == x86-64 ]] || flags="-m32 -idirafter /usr/include/x86_64-linux-gnu"
     folder=$root/build/abi-$target
     [[ $source_dir == "$root" ]] || folder=$work/build-$target
-    build "$folder" "$flags" >"$log" 2>&1 || { tail -n 60 "$log"; exit 1; }
+    logged "abi-$target" build "$folder" "$flags"
     library=$folder/kest/libkest.so
 
     # Kind and mangled name; weak symbols are inline functions, virtual tables and type information that callers may have too.

@@ -4,8 +4,7 @@
 # writes docs/performance.md and its plots; it takes about half an hour and wants the machine for itself. --quick measures everything but the
 # largest sizes, a short time each: enough to see that it runs, not to quote a figure.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 quick=
 if [[ ${1:-} == --quick ]]; then
@@ -37,11 +36,8 @@ trap 'exit 143' TERM
 export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory
 [[ -n $quick ]] || export KEST_BENCHMARK_WHOLE=1
 
-build() { # PRESET [OPTION...]: builds the topics; fails, with the reason in its log, where that is impossible
-    local targets=("${topics[@]/#/bench_}")
-    mkdir -p "$root/build/logs"
-    cmake --preset "$1" "${@:2}" >"$root/build/logs/$1.log" 2>&1 &&
-        cmake --build --preset "$1" -j2 --target "${targets[@]}" >>"$root/build/logs/$1.log" 2>&1
+build() { # PRESET [OPTION...]: builds the topics
+    cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j2 --target "${topics[@]/#/bench_}"
 }
 
 # In random order, so that whatever else the machine does meanwhile meets all who are compared alike.
@@ -52,11 +48,8 @@ run() { # PRESET REPETITIONS
     mkdir -p "$results"
     for topic in "${topics[@]}"; do
         echo "bench: $1: $topic" >&2
-        "$root/build/$1/benchmarks/bench_$topic" "${effort[@]}" --benchmark_enable_random_interleaving=true \
-            --benchmark_out="$results/$topic.json" --benchmark_out_format=json >"$root/build/logs/$1-$topic.log" 2>&1 || {
-            tail -n 20 "$root/build/logs/$1-$topic.log" >&2
-            exit 1
-        }
+        logged "$1-$topic" "$root/build/$1/benchmarks/bench_$topic" "${effort[@]}" --benchmark_enable_random_interleaving=true \
+            --benchmark_out="$results/$topic.json" --benchmark_out_format=json >&2
     done
 }
 
@@ -72,32 +65,25 @@ build_32() {
                 -o "Dir::State::Lists=$i386/lists" -o "Dir::Cache=$i386/cache" -o Debug::NoLocking=1)
             "${apt[@]}" update # one archive's list that fails says nothing of these packages
             "${apt[@]}" download libbenchmark-dev:i386 libbenchmark1debian:i386
-        ) >"$root/build/logs/i386.log" 2>&1 || return
+        ) || return
         local package
         for package in "$i386"/packages/*.deb; do
-            dpkg-deb --extract "$package" "$i386" 2>>"$root/build/logs/i386.log" || return
+            dpkg-deb --extract "$package" "$i386" || return
         done
         touch "$i386/complete"
     fi
     build bench-32 "-Dbenchmark_DIR=$i386/usr/lib/i386-linux-gnu/cmake/benchmark"
 }
 
-runs_32_bits() {
-    echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$work/program" 2>/dev/null && "$work/program" 2>/dev/null
-}
-
 begin=$SECONDS
-if ! build bench; then
-    tail -n 50 "$root/build/logs/bench.log" >&2
-    exit 1
-fi
+logged bench build bench >&2
 run bench 15
 
 # Figures of an emulated processor would say nothing.
 results_32=()
 if ! runs_32_bits; then
     about_32="none: this machine runs no 32-bit programs itself, and figures from an emulation would say nothing"
-elif ! build_32; then
+elif ! logged bench-32 build_32 >/dev/null; then
     about_32="none: no Google Benchmark for 32 bits was to be had"
 else
     run bench-32 9

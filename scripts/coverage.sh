@@ -2,21 +2,15 @@
 # Runs the tests and says which lines and branches of kest/ they ran: a table a file, then each line that never ran. Branches that only an
 # exception takes, out of any call that may throw, are left out. The report to click through is build/coverage/report/index.html.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 (($# == 0)) || { echo "usage: coverage.sh" >&2; exit 2; }
 
 "$root/scripts/setup.sh" gcovr
-log=$root/build/logs/coverage.log
-mkdir -p "$(dirname "$log")"
 build=$root/build/coverage
-if ! { cmake --preset coverage && cmake --build --preset coverage -j2; } >"$log" 2>&1; then
-    tail -n 100 "$log"
-    exit 1
-fi
+logged coverage-build build_preset coverage
 find "$build" -name '*.gcda' -delete # counts of an earlier run
 # What counts is a part of the library here and makes calls of its own, which the tests of faults do not know.
-ctest --preset coverage -j2 -E '^faults\.page$' >>"$log" 2>&1 || { tail -n 200 "$log"; exit 1; }
+logged coverage ctest --preset coverage -j2 -E '^faults\.page$'
 
 mkdir -p "$build/report"
 gcovr --root "$root" --filter 'kest/' --exclude-throw-branches --exclude-unreachable-branches \

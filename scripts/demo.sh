@@ -5,8 +5,7 @@
 # Everything happens on this machine, in a temporary directory.
 set -euo pipefail
 export LC_ALL=C
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 work=$(mktemp -d /tmp/kest-demo.XXXXXX) # not TMPDIR: the path of a socket has room for 107 bytes
 declare -A processes=() # the ids of those that run in the background
@@ -83,8 +82,7 @@ check() { # NAME: the answers of a client, against what awk says
 
 headline "Building"
 "$root/scripts/setup.sh"
-{ cmake --preset release && cmake --build --preset release -j2 --target line_server line_client find_files move_file plugin_host plugin work_queue; } >"$work/build.log" 2>&1 ||
-    { cat "$work/build.log" && fail "the build failed"; }
+logged demo-build build_preset release line_server line_client find_files move_file plugin_host plugin work_queue || fail "the build failed"
 examples=$root/build/release/examples
 echo "the programs are in build/release/examples"
 

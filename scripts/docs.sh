@@ -2,8 +2,7 @@
 # Builds the manual into build/docs/docs/html; a warning of Doxygen is an error. "docs.sh check" then opens every page in a headless browser
 # and fails on a dead link or a missing picture.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 if (($# > 1)) || [[ ${1:-check} != check ]]; then
     echo "usage: docs.sh [check]" >&2
     exit 2
@@ -12,14 +11,12 @@ browser=()
 (($# == 0)) || browser=(chromium chromium-driver python3-selenium)
 "$root/scripts/setup.sh" doxygen graphviz "${browser[@]}"
 
-log=$root/build/logs/docs.log
-mkdir -p "$(dirname "$log")"
+build() {
+    cmake --preset release -B build/docs -DKEST_BUILD_DOCS=ON -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
+        cmake --build build/docs --target docs
+}
 rm -rf build/docs/docs/html # pages of what is gone would stay
-if ! { cmake --preset release -B build/docs -DKEST_BUILD_DOCS=ON -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
-    cmake --build build/docs --target docs; } >"$log" 2>&1; then
-    tail -n 60 "$log"
-    exit 1
-fi
+logged docs-build build
 echo "the manual begins at build/docs/docs/html/index.html"
 # Debian's own interpreter, since the package above belongs to it.
 (($# == 0)) || /usr/bin/python3 scripts/check_manual.py build/docs/docs/html

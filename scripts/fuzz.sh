@@ -3,8 +3,7 @@
 # the seeds and a few seconds more. What a target finds new stays out of the checkout. Fails on a finding, whose input is copied to
 # build/findings; a fixed one belongs into fuzz/corpus.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 # Beyond these lengths an input says nothing that a shorter one does not.
 declare -A lengths=([address]=320 [fs_address]=640 [path]=512 [stream]=640 [utf8]=512 [wildcard]=96)
@@ -20,13 +19,8 @@ fi
 [[ -z $target ]] || targets=("$target")
 
 "$root/scripts/setup.sh"
-log=$root/build/logs/fuzz.log
 findings=$root/build/findings
-mkdir -p "$(dirname "$log")"
-if ! { cmake --preset fuzz && cmake --build --preset fuzz -j2; } >"$log" 2>&1; then
-    tail -n 100 "$log"
-    exit 1
-fi
+logged fuzz-build build_preset fuzz
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -53,7 +47,7 @@ for name in "${targets[@]}"; do
     printf '%-12s %10d executions  %6d new units  %d crashes\n' \
         "$name" "${executions:-0}" "$(statistic new_units_added "$output" | grep . || echo 0)" "$crashes"
     if ((result != 0)); then
-        tail -n 60 "$output"
+        show_end "$output"
         mkdir -p "$findings/$name"
         ((crashes == 0)) || cp "$work/$name/findings/"* "$findings/$name"
         echo "fuzz: $name ended with $result; what it found is in $findings/$name"

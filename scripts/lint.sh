@@ -1,9 +1,8 @@
 #!/bin/bash
-# Checks the form of the sources: clang-format, clang-tidy, and a rule of our own that no tool knows. Fails on any finding.
+# Checks the form of the sources: clang-format, clang-tidy, shellcheck, and a rule of our own that no tool knows. Fails on any finding.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
-"$root/scripts/setup.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+"$root/scripts/setup.sh" shellcheck
 
 failures=0
 step() { # NAME COMMAND...
@@ -27,7 +26,7 @@ format() {
 # of the library from a checkout of the same name.
 tidy() {
     cmake --preset release-clang -B build/lint -DKEST_BUILD_BENCHMARKS=ON -DKEST_BUILD_FUZZERS=ON >/dev/null || return 1
-    local folders log=$root/build/clang-tidy.log result=0 place
+    local folders log=$logs/clang-tidy.log result=0 place
     # The path as a regular expression.
     place=$(sed 's/[][\\.*+?^${}()|]/\\&/g' <<<"$root")
     : >"$log"
@@ -40,6 +39,7 @@ tidy() {
 }
 
 step "formatting" format
+step "scripts" shellcheck --external-sources --source-path=scripts --severity=warning scripts/*.sh tests/package/*.sh docs/examples/run.sh .ci/run
 step "cancellation" python3 "$root/scripts/check_cancellation.py" kest
 step "clang-tidy" tidy
 ((failures == 0))

@@ -3,8 +3,7 @@
 # and lets lintian look at them. With an argument, amd64 or i386, only those of that architecture. Fails when lintian has anything to say
 # that is not explained in packaging/*.lintian-overrides.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("${@:-amd64}")
 (($# > 0)) || architectures=(amd64 i386)
 for architecture in "${architectures[@]}"; do
@@ -14,21 +13,9 @@ done
 # Not what developers need besides: whoever only wants the packages need not wait for compilers and tools of another kind.
 needed=(cmake ninja-build g++ pkg-config dpkg-dev lintian doxygen graphviz file)
 [[ " ${architectures[*]} " != *" i386 "* ]] || needed+=(g++-multilib)
-missing=()
-for package in "${needed[@]}"; do
-    dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
-done
-if ((${#missing[@]} > 0)); then
-    as_root=()
-    ((EUID == 0)) || as_root=(sudo)
-    echo "package: installing ${missing[*]}"
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 update -qq
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends \
-        "${missing[@]}" >/dev/null
-fi
+install_missing "${needed[@]}"
 packages=$root/build/packages
-log=$root/build/logs/package.log
-mkdir -p "$packages" "$(dirname "$log")"
+mkdir -p "$packages"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -72,6 +59,16 @@ complete() { # PACKAGE_FILE
     dpkg-deb --root-owner-group -Zxz --build "$folder" "$1" >/dev/null
 }
 
+make_packages() {
+    configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs &&
+        cmake --build "$build" -j2 &&
+        dependencies=$(dependencies_of "$build/kest/libkest.so") &&
+        configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs "-DKEST_PACKAGE_ARCHITECTURE=$architecture" \
+            "-DKEST_PACKAGE_DEPENDS=$dependencies" &&
+        rm -f "$build"/*.deb &&
+        (cd "$build" && cpack)
+}
+
 for architecture in "${architectures[@]}"; do
     case $architecture in
     amd64) preset=release multiarch=x86_64-linux-gnu docs=ON ;;
@@ -79,15 +76,7 @@ for architecture in "${architectures[@]}"; do
     esac
     build=$root/build/package-$architecture
     rm -rf "$build/docs/html" # pages of what is gone would stay
-    {
-        configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs &&
-            cmake --build "$build" -j2 &&
-            dependencies=$(dependencies_of "$build/kest/libkest.so") &&
-            configure "$preset" "$build" "$multiarch" -DKEST_BUILD_DOCS=$docs "-DKEST_PACKAGE_ARCHITECTURE=$architecture" \
-                "-DKEST_PACKAGE_DEPENDS=$dependencies" &&
-            rm -f "$build"/*.deb &&
-            (cd "$build" && cpack)
-    } >"$log" 2>&1 || { tail -n 60 "$log"; exit 1; }
+    logged "package-$architecture" make_packages
     rm -f "$packages"/*_"$architecture".deb # those of an earlier version would be taken for this one's
     [[ $docs == OFF ]] || rm -f "$packages"/*_all.deb
     for package in "$build"/*.deb; do

@@ -4,8 +4,7 @@
 # and the packages' mirror that this system has. The system is made once and kept in build/clean-root; KEST_CLEAN_ROOT names another place.
 # With an argument, amd64 or i386, only the packages of that architecture.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("$@")
 (($# > 0)) || architectures=(amd64 i386)
 ((EUID == 0)) || { echo "package_test: only root can enter a clean system" >&2; exit 1; }
@@ -15,8 +14,6 @@ for example in "$root"/examples/*.cpp; do examples+=" $(basename "$example" .cpp
 
 # Unpacked with what a user of C++ has, but nothing of the library's and none of its dependencies.
 base=${KEST_CLEAN_ROOT:-$root/build/clean-root}
-log=$root/build/logs/package_test.log
-mkdir -p "$(dirname "$log")"
 in_root() { # COMMAND...
     chroot "$system" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
 }
@@ -27,13 +24,14 @@ if [[ ! -e $base/complete ]]; then
     mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Origin: Debian' | head -n 1)
     suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
     system=$base/system
-    {
+    make_base() {
         debootstrap --variant=minbase "$suite" "$system" "$mirror" &&
             in_root dpkg --add-architecture i386 &&
             in_root apt-get update -qq &&
-            in_root apt-get install -y -qq --no-install-recommends g++ g++-multilib cmake make pkg-config qemu-user binutils &&
-            touch "$base/complete"
-    } >"$log" 2>&1 || { tail -n 40 "$log"; exit 1; }
+            in_root apt-get install -y -qq --no-install-recommends g++ g++-multilib cmake make pkg-config qemu-user binutils
+    }
+    logged package_test make_base
+    touch "$base/complete"
 fi
 system=$(mktemp -d "${TMPDIR:-/tmp}/kest-root.XXXXXX")
 finish() {

@@ -1,9 +1,9 @@
 #!/bin/bash
-# Runs the tests of the library under valgrind: memcheck, then helgrind, or the one that is named. Takes half an hour on two cores. Prints a line
-# a program; fails on any report that tests/valgrind.supp does not explain.
+# Runs the test programs of the preset debug under valgrind's memcheck, then under helgrind, or under the one that is named; those of the
+# preset's tests that are scripts are left out. Takes half an hour on two cores. Prints a line for each program. Fails on a failing test
+# and on any report that tests/valgrind.supp does not explain.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-cd "$root"
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 known=(memcheck helgrind)
 tools=("$@")
@@ -13,12 +13,7 @@ for tool in "${tools[@]}"; do
 done
 
 "$root/scripts/setup.sh" valgrind
-logs=$root/build/logs
-mkdir -p "$logs"
-if ! { cmake --preset debug && cmake --build --preset debug -j2; } >"$logs/valgrind.log" 2>&1; then
-    tail -n 100 "$logs/valgrind.log"
-    exit 1
-fi
+logged valgrind-build build_preset debug
 
 # A thread that is cancelled in a system call of valgrind's own wrappers, and a child that dies on purpose, are no subject of its reports.
 declare -A options=(
@@ -39,13 +34,14 @@ for tool in "${tools[@]}"; do
         name=$(basename "$program")
         log=$logs/$tool.$name.log
         begin=$SECONDS result=0
-        # A program's own operators new stay its own: some of them fail when they are told. The options are words: shellcheck disable=SC2086
+        # Operators new that a test program brings itself stay its own: some of them fail when they are told to.
+        # shellcheck disable=SC2086 # the options are words
         valgrind -q --tool="$tool" ${options[$tool]} --error-exitcode=99 --child-silent-after-fork=yes --fair-sched=yes \
             --soname-synonyms=somalloc=nouserintercepts \
             --suppressions=tests/valgrind.supp "$program" --gtest_brief=1 --gtest_filter="*-${without[$tool]}" >"$log" 2>&1 || result=$?
         reports=$(grep -cE '^==[0-9]+== +at 0x' "$log" || true)
         printf '%-10s %-26s %4d s  %s\n' "$tool" "$name" $((SECONDS - begin)) "$([[ $result == 0 ]] && echo clean || echo "FAILED ($result), $reports reports")"
-        ((result == 0)) || { failures=$((failures + 1)); tail -n 60 "$log"; }
+        ((result == 0)) || { failures=$((failures + 1)); show_end "$log"; }
     done
 done
 ((failures == 0))

@@ -1,0 +1,59 @@
+# shellcheck shell=bash
+# What the scripts share. Each begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", and is in the root of the checkout from then on.
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root" || exit
+logs=$root/build/logs
+mkdir -p "$logs"
+
+show_end() { # LOG
+    tail -n 200 "$1"
+}
+
+# Runs COMMAND with its output in build/logs/NAME.log. When the command fails, shows the end of its output and fails too.
+logged() { # NAME COMMAND...
+    local log=$logs/$1.log
+    "${@:2}" >"$log" 2>&1 </dev/null && return
+    show_end "$log"
+    return 1
+}
+
+build_preset() { # PRESET [TARGET...]
+    local targets=()
+    (($# == 1)) || targets=(--target "${@:2}")
+    cmake --preset "$1" && cmake --build --preset "$1" -j2 "${targets[@]}"
+}
+
+is_installed() { # PACKAGE
+    local status
+    status=$(dpkg-query -W -f='${db:Status-Status} ' "$1" 2>/dev/null || true)
+    [[ " $status" == *" installed "* ]]
+}
+
+# Installs those packages that are not there. Asks for nothing but root's rights.
+install_missing() { # PACKAGE...
+    local missing=() as_root=() package
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    ((${#missing[@]} > 0)) || return 0
+
+    if ((EUID != 0)); then
+        if ! command -v sudo >/dev/null; then
+            echo "setup: not root, and no sudo. Please install: apt-get install --no-install-recommends ${missing[*]}" >&2
+            exit 1
+        fi
+        as_root=(sudo)
+    fi
+    echo "setup: installing ${missing[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# Whether the kernel runs 32-bit programs of x86. Needs a compiler that makes them.
+runs_32_bits() {
+    local folder result=0
+    folder=$(mktemp -d)
+    echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$folder/program" && "$folder/program" 2>/dev/null || result=1
+    rm -r "$folder"
+    return "$result"
+}
