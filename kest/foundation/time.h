@@ -3,6 +3,8 @@
 
 #include <kest/export.h>
 
+#include <chrono>
+
 /// Points in time and intervals, both in seconds as a double. A point in time counts from 1970-01-01 00:00:00 UTC and is negative
 /// before it; read from the clock it has microseconds.
 ///
@@ -12,6 +14,22 @@ namespace Kest::System {
 /// 0.0. Wherever the library takes an interval, one that equals this (0.0 or -0.0) means that there is no limit: such a wait ends
 /// by its event alone, such a sleep never. It is never an immediate return. Set before any code of a program runs.
 extern KEST_EXPORT const double EndlessTimeInterval;
+
+/// Turns a duration of the standard library into seconds for the operations of this library that take a limit or an interval. The result
+/// is never EndlessTimeInterval: a rest of time that was computed cannot become a wait without limit.
+///
+///     socket.SetReceiveTimeout(TimeLimit(deadline - std::chrono::steady_clock::now()));
+///
+/// A duration of less than a nanosecond becomes a nanosecond, the shortest limit that any operation can tell from another: so do zero, a
+/// negative duration, NaN, and what would vanish in a double. A wait with that limit looks once and ends. Every longer duration keeps its
+/// value, rounded as a double is.
+/// @return seconds; at least 1e-9.
+template <class TRepresentation, class TPeriod>
+constexpr double TimeLimit(const std::chrono::duration<TRepresentation, TPeriod>& duration) {
+    constexpr double shortest = 1e-9;
+    const double seconds = std::chrono::duration<double>(duration).count();
+    return seconds >= shortest ? seconds : shortest; // false for NaN
+}
 
 /// The current time by the system's settable clock, to the microsecond.
 /// @throw EException  the system's description alone, when the clock cannot be read.

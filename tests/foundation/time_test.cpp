@@ -71,4 +71,19 @@ TEST(Time, DifferenceIsUTCLessLocalTimeAndZeroWhereThereIsNone) {
     EXPECT_TRUE(std::isnan(LocalToUTC(std::nan(""))));
 }
 
+TEST(Time, LimitMadeFromADurationIsNeverEndless) {
+    using namespace std::chrono;
+    using TTiny = duration<long double>;
+    static_assert(TimeLimit(milliseconds(250)) == 0.25 && TimeLimit(hours(-1)) > 0.0);
+    for (const double limit : {TimeLimit(nanoseconds(0)), TimeLimit(hours::min()), TimeLimit(duration<double>(-0.0)),
+                               TimeLimit(duration<double>(std::nan(""))), TimeLimit(duration<double>(-Infinity)),
+                               TimeLimit(duration<double>::min()), TimeLimit(TTiny(std::numeric_limits<long double>::denorm_min()))}) {
+        EXPECT_TRUE(std::isnormal(limit));
+        EXPECT_DOUBLE_EQ(limit, 1e-9);
+    }
+    EXPECT_DOUBLE_EQ(TimeLimit(nanoseconds(1500)), 1.5e-6);
+    EXPECT_DOUBLE_EQ(TimeLimit(hours::max()), static_cast<double>(hours::max().count()) * 3600);
+    EXPECT_EQ(TimeLimit(duration<float>(Infinity)), Infinity);
+}
+
 } // namespace
