@@ -169,6 +169,19 @@ public:
     /// libraries before 2.41 act on it too late. A non-blocking socket loses none; threads that are cancelled wait with SelectRead() first.
     TSocket Accept(Interface::TSocket<TSocket>::TAddress& address) override;
 
+    /// Makes @p address the socket's own address: where it is bound, the system's choice of a port included. Of a socket that is not bound,
+    /// "inet" gives "0.0.0.0:0" and "fs" an empty path. The system's bytes are taken whole, and the domain field of @p address stays.
+    /// @throw by the table above  the system refuses; @p address is as before.
+    /// @throw std::bad_alloc      there is no memory for the address, which is as before.
+    void GetLocalAddress(TAddress& address) const;
+
+    /// Makes @p address that of the peer that the socket is connected to. A peer without a name gives an empty path of "fs". The system's
+    /// bytes are taken whole, and the domain field of @p address stays.
+    /// @throw ENotConnected       the socket has no peer, or no longer one; @p address is as before.
+    /// @throw by the table above  the system refuses otherwise; @p address is as before.
+    /// @throw std::bad_alloc      there is no memory for the address, which is as before.
+    void GetPeerAddress(TAddress& address) const;
+
     /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.
     /// EndlessTimeInterval waits without limit. A negative limit goes to the system as it is, which refuses it (ENotConnected); one of
     /// less than a microsecond, either way, is a poll; NaN counts as negative; what is too large is cut to the largest value.
@@ -211,6 +224,7 @@ private:
     KEST_HIDDEN int CountReady(const double& limit, bool forWriting) const;
     KEST_HIDDEN void ConnectWithin(double limit, const TAddress& target);
     KEST_HIDDEN long SendOnce(const char* data, unsigned size, int flags, const TAddress* target) const;
+    KEST_HIDDEN void AskForAddress(TAddress& address, bool ofPeer) const;
     KEST_HIDDEN int Transmit(const void* data, unsigned size, const TAddress* target);
 
     mutable bool HandOver;

@@ -117,6 +117,22 @@ TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
     return TSocket(descriptor, family);
 }
 
+/// Makes @p address the peer's or the socket's own.
+void TSocket::AskForAddress(TAddress& address, bool ofPeer) const {
+    std::unique_ptr<char[]> bytes = MakeAddressRoom();
+    socklen_t length = AddressRoom;
+    (void)CheckResult((ofPeer ? ::getpeername : ::getsockname)(Descriptor, AsSystemAddress(bytes.get()), &length));
+    address.Assume(std::move(bytes), std::min(length, AddressRoom));
+}
+
+void TSocket::GetLocalAddress(TAddress& address) const {
+    AskForAddress(address, false);
+}
+
+void TSocket::GetPeerAddress(TAddress& address) const {
+    AskForAddress(address, true);
+}
+
 void TSocket::Connect(const Interface::TSocket<TSocket>::TAddress& address) {
     const auto& target = dynamic_cast<const TAddress&>(address);
     if (!Blocking || SendTimeout == EndlessTimeInterval) {

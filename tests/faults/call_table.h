@@ -97,6 +97,8 @@ CALL(getsockopt, KEST_ON_32(getsockopt, __getsockopt64), int, (int descriptor, i
 CALL(bind, bind, int, (int descriptor, const sockaddr* address, socklen_t length), (descriptor, address, length), )
 CALL(listen, listen, int, (int descriptor, int backlog), (descriptor, backlog), backlog)
 CALL(accept, accept, int, (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length), )
+CALL(getsockname, getsockname, int, (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length), )
+CALL(getpeername, getpeername, int, (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length), )
 CALL(connect, connect, int, (int descriptor, const sockaddr* address, socklen_t length), (descriptor, address, length), )
 CALL(recv, recv, ssize_t, (int descriptor, void* bytes, size_t size, int flags), (descriptor, bytes, size, flags), flags)
 FORM(recv, __recv_chk, ssize_t, (int descriptor, void* bytes, size_t size, size_t room, int flags), (descriptor, bytes, size, room, flags),

@@ -83,6 +83,11 @@ void ReceiveFrom(TWorld& w, const TAttempt& attempt) {
     EXPECT_EQ(byte, 's') << "nothing was taken before";
 }
 
+void AskForAddress(TWorld& w, const TAttempt& attempt) {
+    TAddress own("inet", "127.0.0.1:7", false);
+    attempt([&] { w.Net.Client.GetLocalAddress(own); }, [&] { EXPECT_EQ(own.Get(false), "127.0.0.1:7"); });
+}
+
 void ReadDirectory(TWorld& w, const TAttempt& attempt) {
     WriteFile(w.Place / Long, "");
     TDirectory directory(w.Place.GetPath());
@@ -153,6 +158,7 @@ const TRow Rows[] = {
     {"current directory", GoAndTell},
     {"accept", Accept},
     {"receive from", ReceiveFrom},
+    {"socket's address", AskForAddress},
     {"socket's stream", [](TWorld& w) { TSocket::TStream(w.Net.Client, 16).get(); }},
     {"address", [](TWorld&) { (void)TAddress("inet", "127.0.0.1:1", true).Get(true); }},
     {"address of a path", [](TWorld&) { (void)TAddress(TAddress("fs", Long, false)).Get(false); }},

@@ -117,6 +117,8 @@ TAddress Peer("fs");
 const TOperation Operations[] = {
     {C::dup, "a copy of a TSocket", [](TWorld& w) { TSocket{w.Net.Client}; }},
     {C::accept, "Accept", [](TWorld& w) { w.Net.Listener.Socket.Accept(Peer); }},
+    {C::getsockname, "GetLocalAddress", [](TWorld& w) { w.Net.Client.GetLocalAddress(Peer); }},
+    {C::getpeername, "GetPeerAddress", [](TWorld& w) { w.Net.Client.GetPeerAddress(Peer); }},
     {C::connect, "Connect", [](TWorld& w) { TSocket(StreamOf("fs")).Connect(w.Net.Listener.Address); }},
     {C::recv, "Receive", [](TWorld& w) { return w.Net.Client.Receive(Bytes, 4); }},
     {C::recvfrom, "ReceiveFrom", [](TWorld& w) { return w.Net.Client.ReceiveFrom(Bytes, 4, Peer); }},

@@ -120,6 +120,17 @@ TEST_P(SocketTransfer, AcceptWaitsAsLongAsTheLimitSaysAndLeavesTheAddressAloneWh
     EXPECT_TRUE(IsInBlockingMode(accepted));
 }
 
+TEST_P(SocketTransfer, BothEndsTellTheirAddresses) {
+    TConnection connection(Domain);
+    TAddress own(Domain), peer(Domain, "127.0.0.1:9", false);
+    EXPECT_KEST_THROW(connection.Listener.Socket.GetPeerAddress(peer), ENotConnected, NotConnected);
+    EXPECT_EQ(peer.Get(false), "127.0.0.1:9");
+    connection.Server.GetLocalAddress(own);
+    connection.Client.GetPeerAddress(peer);
+    EXPECT_EQ(own.Get(false), connection.Listener.Address.Get(false));
+    EXPECT_EQ(peer.Get(false), connection.Listener.Address.Get(false));
+}
+
 TEST_P(SocketTransfer, TimedConnectSucceedsOnceAFullListenerMakesRoom) {
     TFullListener listener(Domain);
     TSocket client(StreamOf(Domain));
@@ -254,7 +265,12 @@ TEST(SocketConnections, PeersAddressIsTakenWholeWhateverItsLength) {
         EXPECT_TRUE(name.empty() || ::bind(socket.GetDescriptor(), reinterpret_cast<sockaddr*>(&bytes), length) == 0);
         socket.Connect(listener.Address);
         client = isInet ? NameOf(socket) : "";
-        (void)listener.Socket.Accept(peer);
+        const TSocket accepted = listener.Socket.Accept(peer);
+        for (const auto& [end, ask] : {std::pair(&accepted, &TSocket::GetPeerAddress), {&socket, &TSocket::GetLocalAddress}}) {
+            TAddress told(peer);
+            (end->*ask)(told);
+            EXPECT_EQ(told.Get(false), peer.Get(false));
+        }
         return TAddress(peer).Get(false);
     };
     // A path of 108 characters fills the system's structure and has no terminator there. None comes after it, in the same object.
