@@ -5,6 +5,7 @@
 #include <kest/text/utf8_forms.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <string>
 
@@ -12,43 +13,48 @@ namespace Kest::System {
 
 // A form writes a few elements more than the result has, for which there is room in the string until its length is set.
 
-/// Gives @p string room for @p room elements, lets @p write fill them and takes its result as the length. A newer standard library does not
-/// fill them with zeros before.
+/// A string of @p length elements, which @p write fills and of which it may write Slack more. One that is short enough needs no memory of
+/// its own. A newer standard library does not fill the others with zeros before.
 template <class TString, class TWrite>
-void _OverwriteString(TString& string, std::size_t room, const TWrite& write) {
+TString _WriteString(std::size_t length, const TWrite& write) {
+    TString string;
+    constexpr std::size_t most = 22; // no standard library keeps more elements in the string itself
+    if (length <= std::min(most, string.capacity())) {
+        std::array<typename TString::value_type, most + _TUTF8Form::Slack> room;
+        write(room.data());
+        string.assign(room.data(), length);
+        return string;
+    }
 #ifdef __cpp_lib_string_resize_and_overwrite
-    string.resize_and_overwrite(room, [&write](auto* place, std::size_t) { return write(place); });
+    string.resize_and_overwrite(length + _TUTF8Form::Slack, [&](auto* place, std::size_t) {
+        write(place);
+        return length;
+    });
 #else
-    string.resize(room);
-    string.resize(write(string.data()));
+    string.resize(length + _TUTF8Form::Slack);
+    write(string.data());
+    string.resize(length);
 #endif
+    return string;
 }
 
 /// UTF8ToUCS() by @p form.
 inline std::basic_string<wchar_t> _DecodeUTF8String(const _TUTF8Form& form, const std::string& text) {
     const std::size_t characters = form.CountCharacters(text.data(), text.size());
-    std::basic_string<wchar_t> result;
-    _OverwriteString(result, characters + _TUTF8Form::Slack, [&](wchar_t* units) {
+    return _WriteString<std::basic_string<wchar_t>>(characters, [&](wchar_t* units) {
         const char* source = text.data();
         const char* const end = source + text.size();
         const std::size_t count = form.Decode(source, end, end, units, characters);
         if (count < characters)
             std::fill(units + count, units + characters, 0);
-        return characters;
     });
-    return result;
 }
 
 /// UCSToUTF8() by @p form.
 inline std::string _EncodeUTF8String(const _TUTF8Form& form, const std::basic_string<wchar_t>& text) {
     std::size_t units = text.size();
     const std::size_t bytes = form.CountBytes(text.data(), units);
-    std::string result;
-    _OverwriteString(result, bytes + _TUTF8Form::Slack, [&](char* place) {
-        (void)form.Encode(text.data(), units, place);
-        return bytes;
-    });
-    return result;
+    return _WriteString<std::string>(bytes, [&](char* place) { (void)form.Encode(text.data(), units, place); });
 }
 
 } // namespace Kest::System

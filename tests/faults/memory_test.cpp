@@ -237,4 +237,12 @@ TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
     }
 }
 
+TEST(Fault, TextThatTheStringItselfHasRoomForNeedsNoMemory) {
+    const std::string few(std::wstring().capacity(), 'x');
+    const std::wstring many(std::string().capacity(), L'x');
+    const TFailingNew failing(0);
+    EXPECT_EQ(UTF8ToUCS(few).size(), few.size());
+    EXPECT_EQ(UCSToUTF8(many).size(), many.size());
+}
+
 } // namespace
