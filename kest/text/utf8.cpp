@@ -3,6 +3,7 @@
 #include <kest/text/utf8_forms.h>
 #include <kest/text/utf8_strings.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cwchar>
@@ -53,7 +54,7 @@ unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, 
     const char* const end = text + length;
     std::size_t count = 0;
     if (length > SlackOfBytes && outCapacity > Slack)
-        count = _ChooseUTF8Form(length).Decode(text, end - SlackOfBytes, end, out, outCapacity - Slack);
+        count = _ChooseUTF8Form(length).Decode(text, end - SlackOfBytes, end, out, std::min(outCapacity, length) - Slack);
     while (text < end && count < outCapacity)
         out[count++] = _DecodeUTF8Form(text, end);
     return static_cast<unsigned int>(count);

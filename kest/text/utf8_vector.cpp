@@ -18,6 +18,13 @@
 // What a form may use of the processor stands at each function, since only the form is chosen when the program runs.
 #define KEST_SSE4 __attribute__((target("sse4.2,popcnt")))
 
+// What callers enter. Programs for 32 bits may hold the stack aligned to four bytes only, and vectors have to lie on it at their own.
+#ifdef __i386__
+#define KEST_ENTRY __attribute__((force_align_arg_pointer))
+#else
+#define KEST_ENTRY
+#endif
+
 namespace Kest::System {
 
 namespace {
@@ -124,20 +131,19 @@ KEST_SSE4 inline __m128i Shuffle(__m128i value, const std::array<std::uint8_t, 1
 
 // Counting
 
-KEST_SSE4 std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
+KEST_ENTRY KEST_SSE4 std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
     constexpr std::size_t step = 16;
     const __m128i last = _mm_set1_epi8(-64); // 0xC0, and bytes are compared as signed
+    std::size_t characters = 0;
     std::size_t index = 0;
-    __m128i total = _mm_setzero_si128();
     while (index + step <= length) {
-        __m128i counts = _mm_setzero_si128(); // at most 255 a byte
+        __m128i counts = _mm_setzero_si128(); // at most 255 a byte, so that their sums need no more than 16 bits
         const std::size_t stop = index + std::min<std::size_t>((length - index) / step, 255) * step;
         for (; index < stop; index += step)
             counts = _mm_sub_epi8(counts, _mm_cmpgt_epi8(Load(text + index), last));
-        total = _mm_add_epi64(total, _mm_sad_epu8(counts, _mm_setzero_si128()));
+        const __m128i sums = _mm_sad_epu8(counts, _mm_setzero_si128());
+        characters += static_cast<std::size_t>(_mm_extract_epi16(sums, 0) + _mm_extract_epi16(sums, 4));
     }
-    std::size_t characters = static_cast<std::uint32_t>(_mm_cvtsi128_si32(total)) +
-                             static_cast<std::size_t>(static_cast<std::uint32_t>(_mm_extract_epi32(total, 2)));
     const auto size = static_cast<std::ptrdiff_t>(length);
     if (index < length && CanLoadLast(size)) {
         const std::ptrdiff_t rest = size - static_cast<std::ptrdiff_t>(index);
@@ -216,7 +222,7 @@ KEST_SSE4 inline std::size_t BytesOf(const TBlockOfUnits& block, std::size_t uni
     return units + static_cast<std::size_t>(_mm_popcnt_u32(block.Long >> gone | block.Longer >> gone << 16));
 }
 
-KEST_SSE4 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
+KEST_ENTRY KEST_SSE4 std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
     constexpr std::size_t step = 16;
     constexpr std::size_t run = 4 * step;
     std::size_t bytes = 0;
@@ -343,7 +349,7 @@ KEST_SSE4 inline wchar_t* DecodeBlocks(const char*& text, const char* begin, con
     return decoder.Out;
 }
 
-KEST_SSE4 std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept {
+KEST_ENTRY KEST_SSE4 std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept {
     const char* const begin = text;
     const wchar_t* const outBegin = out;
     const wchar_t* const outEnd = out + room;
@@ -390,7 +396,7 @@ KEST_SSE4 inline void StoreASCIIBytes(const wchar_t* text, char* out) noexcept {
     Store(out, _mm_packus_epi16(low, _mm_packs_epi32(Load(text + 8), Load(text + 12))));
 }
 
-KEST_SSE4 char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
+KEST_ENTRY KEST_SSE4 char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
     constexpr std::size_t step = 16;
     constexpr std::size_t run = 4 * step;
     std::size_t index = 0;
@@ -489,30 +495,47 @@ KEST_AVX512 std::size_t CountCharactersWide(const char* text, std::size_t length
     return characters + static_cast<std::size_t>(__builtin_popcountll(_mm512_mask_cmpgt_epi8_mask(rest, bytes, last)));
 }
 
+/// Adds 1 to each count for a unit above 0x7F, and once more for one above 0x7FF.
+KEST_AVX512 inline __m512i AddLonger(__m512i counts, __m512i units) noexcept {
+    const __m512i one = _mm512_set1_epi32(1);
+    counts = _mm512_mask_add_epi32(counts, _mm512_test_epi32_mask(units, _mm512_set1_epi32(~0x7F)), counts, one);
+    return _mm512_mask_add_epi32(counts, _mm512_test_epi32_mask(units, _mm512_set1_epi32(~0x7FF)), counts, one);
+}
+
+/// How many of @p length code units, a multiple of the step, are above 0x7F, and again how many above 0x7FF. Cuts @p length at the first
+/// block that has a 0. No vector has an address here: with the sanitizer of addresses compilers put it where it is not aligned.
+KEST_AVX512 inline std::size_t CountLongUnits(const wchar_t* text, std::size_t& length) noexcept {
+    __m512i longer = _mm512_setzero_si512();
+    for (std::size_t index = 0; index < length; index += WideStep) {
+        const wchar_t* const place = text + index;
+        const __m512i a = LoadWide(place);
+        const __m512i b = LoadWide(place + 16);
+        const __m512i c = LoadWide(place + 32);
+        const __m512i d = LoadWide(place + 48);
+        const __m512i least = _mm512_min_epu32(_mm512_min_epu32(a, b), _mm512_min_epu32(c, d));
+        if (_mm512_testn_epi32_mask(least, least) != 0) {
+            length = index;
+            break;
+        }
+        if (_mm512_test_epi32_mask(_mm512_or_si512(_mm512_or_si512(a, b), _mm512_or_si512(c, d)), _mm512_set1_epi32(~0x7F)) == 0)
+            continue;
+        longer = AddLonger(AddLonger(AddLonger(AddLonger(longer, a), b), c), d);
+    }
+    return static_cast<std::size_t>(_mm512_reduce_add_epi32(longer));
+}
+
 KEST_AVX512 std::size_t CountBytesWide(const wchar_t* text, std::size_t& length) noexcept {
     constexpr std::size_t step = WideStep;
-    const __m512i one = _mm512_set1_epi32(1);
-    __m512i longer = _mm512_setzero_si512();
+    constexpr std::size_t longest = std::size_t{1} << 24U; // so that the sum of the counts stays within 32 bits
+    std::size_t bytes = 0;
     std::size_t index = 0;
-    for (; index + step <= length; index += step) {
-        const wchar_t* const place = text + index;
-        const __m512i units[4] = {LoadWide(place), LoadWide(place + 16), LoadWide(place + 32), LoadWide(place + 48)};
-        const __m512i least = _mm512_min_epu32(_mm512_min_epu32(units[0], units[1]), _mm512_min_epu32(units[2], units[3]));
-        if (_mm512_testn_epi32_mask(least, least) != 0)
-            break;
-        const __m512i any = _mm512_or_si512(_mm512_or_si512(units[0], units[1]), _mm512_or_si512(units[2], units[3]));
-        if (_mm512_test_epi32_mask(any, _mm512_set1_epi32(~0x7F)) == 0)
-            continue;
-        for (const __m512i& each : units) {
-            longer = _mm512_mask_add_epi32(longer, _mm512_test_epi32_mask(each, _mm512_set1_epi32(~0x7F)), longer, one);
-            longer = _mm512_mask_add_epi32(longer, _mm512_test_epi32_mask(each, _mm512_set1_epi32(~0x7FF)), longer, one);
-        }
+    for (bool hasZero = false; !hasZero && length - index >= step;) {
+        const std::size_t most = std::min(longest, (length - index) / step * step);
+        std::size_t done = most;
+        bytes += CountLongUnits(text + index, done) + done;
+        index += done;
+        hasZero = done < most;
     }
-    std::array<std::uint32_t, 16> counts{};
-    _mm512_storeu_si512(counts.data(), longer);
-    std::size_t bytes = index;
-    for (const std::uint32_t each : counts)
-        bytes += each;
     length -= index;
     bytes += CountBytes(text + index, length);
     length += index;

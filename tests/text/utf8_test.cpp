@@ -175,4 +175,29 @@ TEST(UTF8, LongTextsConvertInEveryForm) {
     EXPECT_TRUE(UCSToUTF8(units) == bytes);
 }
 
+#ifdef __i386__
+TEST(UTF8, StackMayBeAlignedToFourBytesOnly) {
+    void (*const convert)() = [] {
+        const TWide units(300, 0x416);
+        CheckEncoding(units);
+        CheckDecoding(ModelOfEncoding(units));
+    };
+    asm volatile("movl %%esp, %%edi\n\tandl $-16, %%esp\n\tsubl $4, %%esp\n\tcall *%%esi\n\tmovl %%edi, %%esp"
+                 :
+                 : "S"(convert)
+                 : "eax", "ecx", "edx", "edi", "memory", "cc");
+}
+#endif
+
+#if defined(__LP64__) && defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
+TEST(UTF8, CharactersAreCountedBeyond32Bits) {
+    const std::size_t size = (std::size_t{1} << 33U) + 1; // 8 GiB that take no memory: all pages of the text are one of zeros
+    void* const text = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(text, MAP_FAILED);
+    for (const _TUTF8Form* form : UsableForms())
+        EXPECT_EQ(form->CountCharacters(static_cast<const char*>(text), size), size) << form->Name;
+    EXPECT_EQ(::munmap(text, size), 0);
+}
+#endif
+
 } // namespace
