@@ -26,7 +26,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/tmp"
 export TMPDIR=$work/tmp # for the folders of targets, which a finding leaves behind
-export UBSAN_OPTIONS=print_stacktrace=1
+export ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1
 
 statistic() { # NAME FILE
     sed -n "s/^stat::$1: *//p" "$2" | tail -n 1

@@ -12,5 +12,6 @@ build_soak() {
         cmake --build "$build" -j2 --target soak
 }
 logged "soak-$preset" build_soak
+export ASAN_OPTIONS=detect_stack_use_after_return=1
 export TSAN_OPTIONS="halt_on_error=1:suppressions='$root/tests/tsan.supp'" UBSAN_OPTIONS=print_stacktrace=1
 "$build/benchmarks/soak" "$@"
