@@ -1,8 +1,13 @@
 // Renames a file, over file systems too, and says what happened and, when it failed, what exists now.
+//
+// Shows      TFile::Rename, what its exception tells, and the state of files.
+// Arguments  FROM TO. A file named TO is replaced.
+// Status     0 moved; 1 not moved, the reason and what exists now are told; 2 bad arguments; 3 moved, but that could not be written.
 
 #include <kest/filesystem/file.h>
 #include <kest/filesystem/file_state.h>
 #include <kest/foundation/exception.h>
+#include <kest/text/system_text.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -17,6 +22,7 @@ namespace {
 constexpr int ExitMoved = 0;
 constexpr int ExitFailed = 1;
 constexpr int ExitUsage = 2;
+constexpr int ExitUntold = 3;
 
 /// What is at @p path now, for a person to read.
 std::string Describe(const std::string& path) {
@@ -29,7 +35,7 @@ std::string Describe(const std::string& path) {
         return "'" + path + "' is " + kind;
     } catch (const Kest::EException& failure) {
         struct stat entry {}; // of a link that leads nowhere, its own
-        const bool isThere = ::lstat(path.c_str(), &entry) == 0;
+        const bool isThere = ::lstat(UTF8ToSystem(path).c_str(), &entry) == 0;
         if (!isThere && (errno == ENOENT || errno == ENOTDIR))
             return "'" + path + "' does not exist";
         return "'" + path + (isThere ? "' is there, but cannot be looked at (" : "' cannot be looked at (") + failure.GetMessage() + ")";
@@ -43,7 +49,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "usage: %s FROM TO\n"
                      "Renames FROM to TO, replacing a file of that name; over file systems it copies and removes.\n"
-                     "Exit status: 0 moved; 1 not moved, the reason and what exists now are told; 2 for this text.\n",
+                     "Exit status: 0 moved; 1 not moved, the reason and what exists now are told; 2 bad arguments;\n"
+                     "             3 moved, but that could not be written.\n",
                      argv[0]);
         return ExitUsage;
     }
@@ -56,5 +63,9 @@ int main(int argc, char** argv) {
         return ExitFailed;
     }
     std::printf("moved: %s\n", Describe(to).c_str());
+    if (std::fflush(stdout) != 0) {
+        std::fputs("moved, but standard output could not be written\n", stderr);
+        return ExitUntold;
+    }
     return ExitMoved;
 }

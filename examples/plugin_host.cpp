@@ -1,4 +1,9 @@
 // Loads a library, calls one of its functions with a number and prints the result.
+//
+// Shows      TDLL: a library is loaded for as long as its object lives, and a missing symbol is a null pointer, no exception.
+// Arguments  LIBRARY SYMBOL ARGUMENT. LIBRARY is a path, or a name that the system finds; ".so" may be left out. SYMBOL is a function
+//            that takes and returns a double.
+// Status     0; 1 the library cannot be loaded; 2 bad arguments; 3 it has no such function; 4 the result could not be written.
 
 #include <kest/foundation/exception.h>
 #include <kest/process/dll.h>
@@ -14,6 +19,7 @@ constexpr int ExitFine = 0;
 constexpr int ExitNotLoaded = 1;
 constexpr int ExitUsage = 2;
 constexpr int ExitNoSymbol = 3;
+constexpr int ExitUntold = 4;
 
 } // namespace
 
@@ -23,9 +29,10 @@ int main(int argc, char** argv) {
     if (argc != 4 || end == argv[3] || *end != 0) {
         std::fprintf(stderr,
                      "usage: %s LIBRARY SYMBOL ARGUMENT\n"
-                     "Calls the function SYMBOL of LIBRARY, which takes and gives a double, with the number ARGUMENT.\n"
+                     "Calls the function SYMBOL of LIBRARY, which takes and returns a double, with the number ARGUMENT.\n"
                      "LIBRARY is a path, or a name that the system finds; \".so\" may be left out.\n"
-                     "Exit status: 0; 1 the library is not loaded; 3 it has no such function; 2 for this text.\n",
+                     "Exit status: 0; 1 the library cannot be loaded; 2 bad arguments; 3 it has no such function;\n"
+                     "             4 the result could not be written.\n",
                      argv[0]);
         return ExitUsage;
     }
@@ -40,6 +47,10 @@ int main(int argc, char** argv) {
     } catch (const Kest::EException& failure) {
         std::fprintf(stderr, "%s\n", failure.GetMessage().c_str());
         return ExitNotLoaded;
+    }
+    if (std::fflush(stdout) != 0) {
+        std::fputs("the result could not be written\n", stderr);
+        return ExitUntold;
     }
     return ExitFine;
 }
