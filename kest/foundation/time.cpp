@@ -30,7 +30,10 @@ double GetCurrentTime() {
     timeval now{};
     if (::gettimeofday(&now, nullptr) != 0)
         _ThrowLastError();
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / _Interval::MicrosecondsPerSecond;
+    // On 32 bits a result travels in a register that has more digits than a double, and those of two calls would compare by them: stored,
+    // it has the digits of a double wherever its caller keeps it.
+    const volatile double rounded = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / _Interval::MicrosecondsPerSecond;
+    return rounded;
 }
 
 long _UTCLocalTimeDifference(long time) {

@@ -5,14 +5,17 @@
 
 #include <chrono>
 
+/// @file
 /// Points in time and intervals, both in seconds as a double. A point in time counts from 1970-01-01 00:00:00 UTC and is negative
 /// before it; read from the clock it has microseconds.
 ///
-/// All operations may be called from any thread; none blocks.
+/// All operations may be called from any thread; none waits.
+
 namespace Kest::System {
 
-/// 0.0. Wherever the library takes an interval, one that equals this (0.0 or -0.0) means that there is no limit: such a wait ends
-/// by its event alone, such a sleep never. It is never an immediate return. Set before any code of a program runs.
+/// 0.0. Wherever the library takes an interval, one that equals this (0.0 or -0.0) means that there is no limit, and never an immediate
+/// return. The clock then ends no wait: it lasts until its event, or until a signal or a cancellation where the waiting operation says that
+/// these end it. Such a sleep is ended by a cancellation alone. Set before any code of a program runs.
 extern KEST_EXPORT const double EndlessTimeInterval;
 
 /// Turns a duration of the standard library into seconds for the operations of this library that take a limit or an interval. The result
@@ -31,7 +34,8 @@ constexpr double TimeLimit(const std::chrono::duration<TRepresentation, TPeriod>
     return seconds >= shortest ? seconds : shortest; // false for NaN
 }
 
-/// The current time by the system's settable clock, to the microsecond.
+/// The current time by the system's settable clock, to the microsecond. Of two calls, one after the other, the second never gives less than
+/// the first, unless the clock was set back between them.
 /// @throw EException  the system's description alone, when the clock cannot be read.
 KEST_EXPORT double GetCurrentTime();
 
@@ -47,8 +51,9 @@ KEST_EXPORT long _UTCLocalTimeDifference(long time);
 /// result NaN. Never throws.
 KEST_EXPORT double UTCToLocal(const double& time);
 
-/// @p time minus that difference, looked up at the same instant: @p time is taken for a UTC instant here as well. The two
-/// conversions undo each other wherever the difference is the same at both instants. Never throws.
+/// @p time minus the difference (UTC minus local time) at the instant @p time: @p time is taken for a UTC instant when the difference is
+/// looked up, although it is a local one. LocalToUTC and UTCToLocal undo each other wherever the difference is the same at both instants.
+/// The instant is cut to the range of long, and NaN stays NaN, as in UTCToLocal. Never throws.
 KEST_EXPORT double LocalToUTC(const double& time);
 
 } // namespace Kest::System
