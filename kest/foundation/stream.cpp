@@ -2,10 +2,10 @@
 
 #include <kest/foundation/unwinding.h>
 
-#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <cxxabi.h>
+#include <exception>
 #include <memory>
 
 namespace Kest::_Gadgets {
@@ -66,14 +66,13 @@ int TStream::underflow() {
     if (IsUnbuffered()) {
         char byte = 0;
         const int result = Transport.Read(&byte, 1);
-        return Record(result) && result != 0 ? traits_type::to_int_type(byte) : traits_type::eof();
+        return Record(result, 1) && result != 0 ? traits_type::to_int_type(byte) : traits_type::eof();
     }
     if (BufferSize == 0)
         return traits_type::eof();
     if (gptr() == egptr()) {
         const int result = Transport.Read(InputBuffer, static_cast<unsigned int>(BufferSize));
-        assert(result <= BufferSize);
-        if (!Record(result) || result == 0)
+        if (!Record(result, BufferSize) || result == 0)
             return traits_type::eof();
         setg(InputBuffer, InputBuffer, InputBuffer + result);
     }
@@ -94,7 +93,7 @@ int TStream::overflow(int c) {
             return 0;
         const char byte = traits_type::to_char_type(c);
         const int result = Transport.Write(&byte, 1);
-        return Record(result) && result != 0 ? c : traits_type::eof();
+        return Record(result, 1) && result != 0 ? c : traits_type::eof();
     }
     if (BufferSize == 0 || !WritePending())
         return traits_type::eof();
@@ -115,19 +114,22 @@ int TStream::sync() {
     return 0;
 }
 
-/// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave.
+/// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave. While the mask is empty
+/// no state is thrown, so an exception is the transport's, of whatever class.
 KEST_CATCHES_CANCELLATION void TStream::FlushFromSentry() {
     const System::TCancellationOff off;
+    const std::ios_base::iostate mask = exceptions();
+    exceptions(std::ios_base::goodbit);
     try {
         (void)overflow(traits_type::eof());
-    } catch (const std::ios_base::failure&) { // the state that it reports is set already
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (...) {
-        try {
-            setstate(std::ios_base::badbit);
-        } catch (const std::ios_base::failure&) { // the bit is set before this is thrown
-        }
+        setstate(std::ios_base::badbit);
+    }
+    try {
+        exceptions(mask);
+    } catch (const std::exception&) { // the mask is set before the state is thrown
     }
 }
 
@@ -137,12 +139,15 @@ void TStream::ResetAreas() noexcept {
     setp(OutputBuffer, OutputBuffer + BufferSize);
 }
 
-/// Takes note of a transport call's result; false, with failbit set, when it failed.
-bool TStream::Record(int result) {
+/// Takes note of what the transport answered to a call for @p size bytes. False, with the bit set that says so, when the call failed or the
+/// answer is more than was asked for, which no use is made of.
+bool TStream::Record(int result, int size) {
     LastResult = result < 0 ? result : 0;
     if (result < 0)
         setstate(std::ios_base::failbit);
-    return result >= 0;
+    else if (result > size)
+        setstate(std::ios_base::badbit);
+    return result >= 0 && result <= size;
 }
 
 /// Offers the pending bytes once and moves what was not taken to the front; false when nothing was taken of something.
@@ -151,8 +156,7 @@ bool TStream::WritePending() {
     if (pending == 0)
         return true;
     const int result = Transport.Write(OutputBuffer, static_cast<unsigned int>(pending));
-    assert(result <= pending);
-    if (!Record(result) || result == 0)
+    if (!Record(result, pending) || result == 0)
         return false;
     const int remaining = pending - result;
     std::memmove(OutputBuffer, OutputBuffer + result, static_cast<std::size_t>(remaining));

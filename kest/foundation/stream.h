@@ -6,6 +6,9 @@
 #include <iostream>
 #include <streambuf>
 
+/// @file
+/// A standard stream over a transport of the caller's own.
+
 namespace Kest::_Gadgets {
 
 /// A standard input and output stream whose bytes come from and go to a transport. It is its own stream buffer, with one buffer for
@@ -20,9 +23,17 @@ namespace Kest::_Gadgets {
 /// The transport is borrowed and must outlive the stream. Streams are not copied. A stream and its transport belong to one thread at
 /// a time. Transport calls block as long as the transport does and are cancellation points if it is.
 ///
+/// Unbuffered reading takes every character that it looks at. Operations that look at the next character before they take it lose that
+/// character: std::getline, the operators >>, peek(). In unbuffered mode read with get() and read().
+///
 /// A thread that is cancelled inside a stream operation while it is handling an exception ends the process: the standard library's own
 /// stream operations catch a cancellation and pass it on, which its runtime cannot do inside a handler. Read and write outside handlers,
-/// or with cancellation off, where a thread may be cancelled.
+/// or with cancellation off (TCancellationOff), where a thread may be cancelled.
+///
+/// A second stream that is given this stream's buffer (std::cerr.rdbuf(stream.rdbuf())) flushes it too. Where std::unitbuf is set in the
+/// second stream, as it always is in std::cerr, the standard library flushes from a destructor, and this stream cannot see that: an
+/// exception of the transport, or a cancellation in it, ends the process. Requires: std::unitbuf is not set in such a stream, or the
+/// transport neither throws nor is a cancellation point.
 ///
 /// No positioning, and no putting back beyond what the input buffer still holds.
 class KEST_EXPORT TStream : private std::basic_streambuf<char>, public std::basic_iostream<char> {
@@ -30,12 +41,15 @@ public:
     /// Where the bytes come from and go to.
     class KEST_EXPORT TInterface {
     public:
-        /// Reads at most @p size bytes (at least one) into @p buffer. Returns their number; 0 at the end of the data; or a negative
-        /// reason code of the transport's own. Requires of the implementer: never a result above @p size.
+        /// Reads at most @p size bytes into @p buffer.
+        /// @return their number, at least 1; 0 at the end of the data; a negative reason code of the transport's own when reading
+        ///         failed. A number above @p size is a mistake of the transport: the stream sets badbit and uses none of the bytes.
         virtual int Read(void* buffer, unsigned int size) = 0;
 
-        /// Writes at most @p size bytes from @p buffer. Returns how many were taken, fewer than @p size being fine; 0 when nothing
-        /// could be written; or a negative reason code. Requires of the implementer: never a result above @p size.
+        /// Writes at most @p size bytes from @p buffer.
+        /// @return how many were taken, which may be fewer than @p size; 0 when nothing could be written; a negative reason code of the
+        ///         transport's own when writing failed. A number above @p size is a mistake of the transport: the stream sets badbit and
+        ///         keeps everything pending.
         virtual int Write(const void* buffer, unsigned int size) = 0;
 
     protected:
@@ -54,7 +68,7 @@ public:
     /// it waits as long as the transport waits, so give a transport that may hang a limit of its own.
     ~TStream() override;
 
-    /// Result of the last transport call: 0 when it succeeded (or none was made), the transport's negative reason code when it failed.
+    /// Result of the last transport call: the transport's negative reason code when the call failed, 0 otherwise and before the first call.
     int GetLastResult() const noexcept { return LastResult; }
 
     /// Sets up unbuffered mode if there are no buffers and returns 1; returns 0 and changes nothing otherwise.
@@ -72,23 +86,25 @@ public:
 
     /// The next input character, 0 to 255, or -1. Buffered: it stays the next one, and an empty buffer is refilled with one transport
     /// call for as much as it holds. Unbuffered: one transport call for one byte, which is thereby consumed.
-    /// A negative transport result sets failbit; a result of 0 sets no bit here (the reading operation sets eofbit).
+    /// A negative transport result sets failbit; a result of 0 sets no bit here (the reading operation sets eofbit); a result of more than
+    /// was asked for sets badbit.
     int underflow() override;
 
-    /// The same, and the character is consumed.
+    /// Like underflow(), and the character is consumed.
     int uflow() override;
 
     /// Buffered: offers everything pending to the transport in one call, keeps what it did not take in front, then appends @p c.
     /// With -1 it only flushes. Returns -1, everything still pending, when the transport took nothing: with failbit when its result
-    /// was negative, without a bit when it was 0. Unbuffered: one transport call for @p c; nothing to do for -1.
+    /// was negative, without a bit when it was 0, with badbit when it was more than was offered. Unbuffered: one transport call for @p c;
+    /// nothing to do for -1.
     int overflow(int c) override;
 
     /// Offers what is pending to the transport in one call and drops input that was read ahead but not consumed. Always returns 0:
     /// a failure shows in the state and in GetLastResult(). std::flush, std::endl and flush() come here.
     ///
     /// While std::unitbuf is set the standard library flushes from a destructor, where an exception or a cancellation would end the
-    /// process. Then no state exception leaves this call, an exception of the transport becomes badbit, and a cancellation waits until the
-    /// call is over. The standard library skips output on a failed stream silently: test the state.
+    /// process. Then no state exception leaves this call, an exception of the transport, of any class, becomes badbit, and a cancellation
+    /// waits until the call is over. The standard library skips output on a failed stream silently: test the state.
     int sync() override;
 
     // Both bases have these names; a stream's caller means the stream's.
@@ -103,7 +119,7 @@ public:
 private:
     bool IsUnbuffered() const noexcept { return BufferSize == 1; }
     KEST_HIDDEN void ResetAreas() noexcept;
-    KEST_HIDDEN bool Record(int result);
+    KEST_HIDDEN bool Record(int result, int size);
     KEST_HIDDEN bool WritePending();
     KEST_HIDDEN void FlushFromSentry();
 

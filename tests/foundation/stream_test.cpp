@@ -19,7 +19,7 @@ static_assert(!std::is_copy_constructible_v<TStream> && std::has_virtual_destruc
 constexpr int Throws = std::numeric_limits<int>::min(); ///< as an answer of a scripted transport
 
 /// Answers by its script, after whose end it has no data and takes everything, and writes down each call. A read gives bytes, over as
-/// many calls as they take, or a code, which is written as "0" or "-2".
+/// many calls as they take, or a code, which is written as "0", "-2" or "+5".
 class TScript final : public TStream::TInterface {
 public:
     explicit TScript(std::deque<std::string> reads = {}, std::deque<int> writes = {})
@@ -30,7 +30,7 @@ public:
         if (Reads.empty())
             return 0;
         std::string& data = Reads.front();
-        const bool isCode = data == "0" || data[0] == '-';
+        const bool isCode = data == "0" || data[0] == '-' || data[0] == '+';
         const int result = isCode ? std::stoi(std::exchange(data, "")) : static_cast<int>(data.copy(static_cast<char*>(buffer), size));
         if (data.erase(0, size).empty())
             Reads.pop_front();
@@ -44,8 +44,8 @@ public:
         const int result = Writes.front();
         Writes.pop_front();
         if (result == Throws)
-            throw std::runtime_error("transport");
-        return std::min(result, static_cast<int>(size));
+            throw std::ios_base::failure("transport"); // which is not one of the stream
+        return result;
     }
 
     std::string TakeLog() { return std::exchange(Log, std::string()); }
@@ -89,6 +89,8 @@ TEST(Stream, MakesTheseTransportCalls) {
         {"no buffers, no calls", 4, {"abc", "d"}, {}, "i r1 wx d P G W1 W12 F d o i i wy r1", "0 a -1 -1 -1 0 0 0 1 0 d",
             "R4 W[x] W[y] R1 "},
         {"a size that means no buffer", 0, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
+        {"more than was asked for is no answer", 4, {"+5", "ab"}, {3}, "P o c w12 f o c f r1 o", "-1 b0 b0 a 0", "R4 W[12] W[12] R4 "},
+        {"nor without a buffer", 1, {"+2", "a"}, {2}, "P o c Wx o c r1", "-1 b0 -1 b0 a", "R1 W[x] R1 "},
         {"another one", 0x80000000u, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
         // clang-format on
     };
