@@ -1,10 +1,9 @@
 #include <kest/text/locale.h>
 
 #include <kest/foundation/failure.h>
-#include <kest/foundation/unwinding.h>
 
 #include <cstdlib>
-#include <cxxabi.h>
+#include <new>
 
 namespace Kest::_Gadgets {
 
@@ -21,6 +20,11 @@ std::string EnvironmentValue(const char* name) {
     return value == nullptr ? std::string() : std::string(value);
 }
 
+/// Whether this platform converts between UTF-8 and @p encoding. One that does implements UTF8ToEncoding and EncodingToUTF8 as well.
+bool CanConvert(const std::string& /*encoding*/) noexcept {
+    return false;
+}
+
 const _TSystemLocaleDetector& Detector() {
     return _Gadgets::TSingleton<_TSystemLocaleDetector>::GetObject();
 }
@@ -29,36 +33,39 @@ const _TSystemLocaleDetector& Detector() {
 
 _TSystemLocaleDetectorPlace _SystemLocaleDetector;
 
-KEST_CATCHES_CANCELLATION _TSystemLocaleDetector::_TSystemLocaleDetector() {
+_TSystemLocaleDetector::_TSystemLocaleDetector() {
     std::string name = EnvironmentValue("LANG");
     if (name.empty())
         name = EnvironmentValue("LC_ALL");
+    bool isDetected = false;
     try {
-        Detect(name);
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
+        isDetected = Detect(name);
+    } catch (const std::bad_alloc&) { // the defaults need no memory
+    }
+    if (!isDetected) {
         Encoding = "UTF-8";
         Language.clear();
         Country.clear();
     }
 }
 
-/// Takes a locale's name apart. Throws whatever is amiss with it.
-void _TSystemLocaleDetector::Detect(const std::string& name) {
+/// Takes a locale's name apart; false when anything is amiss with it. No exception says so: its message would need memory.
+bool _TSystemLocaleDetector::Detect(const std::string& name) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string::npos || dot + 1 == name.size())
-        _Throw("the locale names no encoding");
+        return false;
     const std::string place = name.substr(0, dot);
     const std::size_t separator = place.find('_');
     Language = place.substr(0, separator);
     if (separator != std::string::npos)
         Country = place.substr(separator + 1);
     Encoding = name.substr(dot + 1);
-    (void)UTF8ToEncoding(Encoding, "a");
+    if (!CanConvert(Encoding))
+        return false;
     UpperCase(Encoding);
     UpperCase(Language);
     UpperCase(Country);
+    return true;
 }
 
 void _TSystemLocaleDetector::UpperCase(std::string& text) {

@@ -14,12 +14,13 @@ namespace Kest::System {
 /// first of them: later changes of the environment are not seen.
 ///
 /// The name of the locale is the value of LANG, or of LC_ALL where that gives nothing: language, "_", country, ".", encoding, of which
-/// "_" and the country may be absent. The encoding is then tried with UTF8ToEncoding; if anything is amiss, and on this platform
-/// therefore always, the encoding is "UTF-8" and the others are empty.
+/// "_" and the country may be absent. If the platform cannot convert to that encoding, and on this platform therefore always, or if
+/// anything else is amiss, the encoding is "UTF-8" and the others are empty.
 class KEST_EXPORT _TSystemLocaleDetector {
 public:
-    /// Detects. The environment must not be changed by another thread meanwhile.
-    /// @throw std::bad_alloc  there is no memory for a copy of the environment's value. Everything else gives the defaults.
+    /// Detects. Whatever is amiss gives the defaults, and so does memory that runs out while the name is taken apart.
+    /// @throw std::bad_alloc  there is no memory for a copy of the environment's value.
+    /// Requires: no other thread changes the environment meanwhile.
     _TSystemLocaleDetector();
 
     /// Changes every byte from 'a' to 'z' into its capital and no other byte, in any locale.
@@ -30,7 +31,7 @@ public:
     std::string Country;  ///< upper-case where detected, empty when unknown
 
 private:
-    KEST_HIDDEN void Detect(const std::string& name);
+    KEST_HIDDEN bool Detect(const std::string& name);
 };
 
 /// The user's language, "" when unknown: on this platform always.
