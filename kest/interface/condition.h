@@ -12,7 +12,8 @@ public:
     /// Releases @p guard, waits until woken, and holds it again. Requires: the calling thread holds @p guard.
     virtual void Wait(TGuard& guard) = 0;
 
-    /// The same for at most @p timeout seconds; false when the time ran out.
+    /// Releases @p guard, waits until woken, for at most @p timeout seconds, and holds it again. False when the time ran out.
+    /// Requires: the calling thread holds @p guard.
     virtual bool Wait(TGuard& guard, const double& timeout) = 0;
 
     virtual void Signal() = 0;    ///< wakes at most one waiting thread

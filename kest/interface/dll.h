@@ -12,7 +12,8 @@ class KEST_EXPORT TDLL {
 public:
     virtual ~TDLL() = default;
 
-    /// The address of the symbol @p name, or null when the library has none of that name.
+    /// The address of the symbol @p name, or null when it is not found or its value is null. Libraries that the library depends on may be
+    /// looked in as well.
     virtual void* GetSymbolAddress(const std::string& name) = 0;
 
 protected:

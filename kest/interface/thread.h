@@ -12,7 +12,7 @@ class KEST_EXPORT TThreadInstance {
 public:
     virtual void SetPriority(int priority) = 0;            ///< sets the thread's priority, where the platform has any
     virtual int GetPriority() = 0;                         ///< the thread's priority, 0 where the platform has none
-    virtual int WaitFor() = 0;                             ///< waits until the thread has ended; its exit value
+    virtual int WaitFor() = 0;                             ///< waits until the thread, once started, has ended; its exit value
     virtual void Cancel() = 0;                             ///< asks the thread to end at its next cancellation point
     virtual THandle GetId() = 0;                           ///< the handle
     virtual bool Equals(const TInstance& other) const = 0; ///< whether both name one thread
@@ -28,7 +28,7 @@ protected:
 template <class TInstance>
 class KEST_EXPORT TThread : public TInstance {
 public:
-    virtual void Start() = 0; ///< lets the thread run its body; called once
+    virtual void Start() = 0; ///< lets the thread run its body; any thread may call it, and a second call does nothing
 
     /// The body, written by the derived class; its result is the thread's exit value.
     virtual int Run() = 0;

@@ -21,17 +21,22 @@ namespace Kest::System {
 /// | held n times, | no             | held n + 1 times      | true, held n + 1 times   |
 /// | recursive     |                |                       |                          |
 ///
-/// Any thread may call any operation. None throws and none reports a system result. Enter() is not a cancellation point. Objects are
-/// neither copied nor moved. Requires: nobody is inside, or waits to be, when the object is destroyed.
+/// std::lock_guard, std::unique_lock and std::scoped_lock hold it for a scope. No operation throws, and none reports a system result.
+///
+/// Threads: any thread may call any operation. Objects are neither copied nor moved.
 class KEST_EXPORT TMutex : public Interface::TMutex<Interface::TProtectionGuard> {
 public:
     /// A free mutex; @p recursive lets its holder enter again.
     explicit TMutex(bool recursive);
     TMutex(const TMutex&) = delete;
     TMutex& operator=(const TMutex&) = delete;
+
+    /// Requires: nobody is inside, or waits to be.
     ~TMutex() override;
 
-    /// Waits until the calling thread is inside. Requires, unless recursive: the calling thread is not inside already.
+    /// Waits until the calling thread is inside.
+    /// Requires, unless recursive: the calling thread is not inside already; it would wait for ever.
+    /// Waits: without a limit. A signal does not end the wait. Not a cancellation point.
     void Enter() override;
 
     /// Enters if nobody else is inside; false otherwise, at once.

@@ -25,14 +25,17 @@ public:
     /// Returns 0.
     int GetPriority() override;
 
-    /// Waits until the thread has ended and returns its exit value, which is what its body returned and -1 for a cancelled thread.
-    /// Returns 0 at once when there is no thread or somebody waited for it through this object before, and 0 when the system refuses
-    /// the wait (that of a thread for itself, for instance). A thread is waited for once: afterwards the handle is 0, also when refused.
-    /// Cancellation point; a wait that is cancelled puts the handle back, so that the thread can still be waited for.
+    /// Waits until the thread has ended. A thread is waited for once: afterwards the handle is 0, also when the system refuses the wait.
+    /// @return the exit value: what the body returned, -1 for a cancelled thread. 0 at once when there is no thread, or somebody waited
+    ///         for it through this object before. 0 when the system refuses the wait, that of a thread for itself for instance.
+    /// Requires: the thread was started, if it is a TThread. One that was not waits at its gate, and this wait never ends.
+    /// Waits: without a limit. A signal does not end the wait. Cancellation point: a wait that is cancelled puts the handle back, so that
+    /// the thread can still be waited for. A destructor calls TThread::Finish() instead.
     int WaitFor() override;
 
-    /// Asks the thread to end at its next cancellation point. It unwinds like an exception, destructors run, and it is waited for like
-    /// any other. Does not wait. A thread that waits at its start gate ends at the first cancellation point of its body.
+    /// Asks the thread to end at its next cancellation point, and does not wait for that. The thread then unwinds as if by an exception:
+    /// destructors run. It is waited for like any other. A thread that waits at its start gate ends at the first cancellation point of its
+    /// body.
     /// @throw EException  "thread cancelation failed": there is no thread, or the system refuses.
     void Cancel() override;
 
@@ -43,8 +46,9 @@ public:
     bool Equals(const TThreadInstance& other) const override;
 
     /// Suspends the calling thread for @p seconds; EndlessTimeInterval (0.0) suspends it for ever. A negative interval and NaN return
-    /// at once, one that is too large for the system is cut to its largest value. A signal ends the sleep early, and the rest is not
-    /// slept. Never throws. Cancellation point.
+    /// at once, one that is too large for the system is cut to its largest value. Never throws.
+    /// Waits: a signal that is handled ends the sleep early, and the rest is not slept; it does not end an endless sleep. Cancellation
+    /// point.
     static void Sleep(const double& seconds);
 
     /// A cancellation point, and nothing else: it does not give up the processor.

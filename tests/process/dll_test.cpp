@@ -35,6 +35,7 @@ TEST_F(DLL, IsLoadedAsLongAsAnObjectLives) {
             const auto twice = reinterpret_cast<int (*)(int)>(first.GetSymbolAddress("Twice"));
             ASSERT_NE(twice, nullptr);
             EXPECT_EQ(twice(21), 42);
+            EXPECT_NE(first.GetSymbolAddress("setenv"), nullptr) << "of a library that this one depends on";
             EXPECT_EQ(::dlsym(RTLD_DEFAULT, "Twice"), nullptr) << "offered to others";
             { const TDLL second(Path); }
             EXPECT_EQ(Told(), "started");
