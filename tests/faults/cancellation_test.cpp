@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
@@ -82,6 +83,7 @@ struct TScene : TWorld {
     };
 
     bool IsPast = false;
+    std::atomic<bool> GetsSignals{false};
     std::array<long, 2> Leaked{-1, -1}; ///< blocks and locks, once it is unwound
     TMutex Plain{false}, Guard{true};
     TCondition Condition;
@@ -99,16 +101,38 @@ struct TRow {
     TTree Before = {"from=content", "to=old"};
 };
 
+/// Makes the calling thread handle two signals while it does @p body, before it is cancelled.
+template <class TBody>
+std::function<void(TScene&)> Signalled(TBody body) {
+    return [=](TScene& s) {
+        s.GetsSignals = true;
+        body(s);
+    };
+}
+
+/// Returns when @p thread has handled a signal whose handler has the @p flags.
+void Signal(unsigned long thread, int flags) {
+    static std::atomic<int> handled;
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++handled; };
+    action.sa_flags = flags;
+    (void)::sigaction(SIGUSR1, &action, nullptr);
+    const int before = handled;
+    EXPECT_EQ(::pthread_kill(thread, SIGUSR1), 0);
+    while (handled == before)
+        std::this_thread::yield();
+}
+
 /// Waits in a guard that is entered so often, or once in one that is not recursive.
 std::function<void(TScene&)> Waiting(int entries, double limit) {
-    return [=](TScene& s) {
+    return Signalled([=](TScene& s) {
         TMutex& guard = entries == 0 ? s.Plain : s.Guard;
         std::list<_TScopedEntry> more;
         const _TScopedEntry entry(guard);
         for (int left = entries - 1; left > 0; --left)
             more.emplace_back(guard);
         limit < 0 ? s.Condition.Wait(guard) : (void)s.Condition.Wait(guard, limit);
-    };
+    });
 }
 
 void GuardIsFree(TScene& s) {
@@ -260,6 +284,12 @@ const TTree PipeToFile = {"from|", "to=old"};
 const TTree FileToPipe = {"from=" + std::string(200000, 'x'), "to|"};
 const TRule CancelInAddressLookUp(C::gethostbyaddr, &CancelMyself);
 
+void SleepTwice(TScene& s) {
+    TThreadInstance::Sleep(1000.5);
+    s.IsPast = true;
+    TThreadInstance::Sleep(0.0);
+}
+
 void ReceivesNext(TScene& s) {
     s.Net.Client.Send("y", 1);
     EXPECT_EQ(s.Net.Server.Receive(&Byte, 1), 1);
@@ -277,11 +307,11 @@ const TRow Rows[] = {
     {"wait, 0.0", Waiting(1, 0.0), true, GuardIsFree},
     {"wait, 1000.0", Waiting(1, 1000.0), true, GuardIsFree},
     {"wait, infinite, entered three times", Waiting(3, std::numeric_limits<double>::infinity()), true, GuardIsFree},
-    {"sleep, -0.0", [](TScene&) { TThreadInstance::Sleep(-0.0); }},
-    {"sleep, 1000.5", [](TScene&) { TThreadInstance::Sleep(1000.5); }},
+    {"sleep, -0.0", Signalled([](TScene&) { TThreadInstance::Sleep(-0.0); })},
+    {"sleep, 1000.5, which a signal ends", Signalled(SleepTwice), true, IsPast},
     {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
 #if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) // whose own pthread_join does not bear it
-    {"wait for a thread", [](TScene& s) { s.Other.WaitFor(); }, true, OtherEnds},
+    {"wait for a thread", Signalled([](TScene& s) { s.Other.WaitFor(); }), true, OtherEnds},
 #endif
     {"receive", [](TScene& s) { s.Net.Server.Receive(&Byte, 1); }, true, ReceivesNext},
     {"receive from", [](TScene& s) { s.Net.Server.ReceiveFrom(&Byte, 1, Peer); }, true, ReceivesNext},
@@ -357,6 +387,9 @@ TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
             thread.Start();
             if (row.Blocks) {
                 EXPECT_TRUE(FallsAsleep(number));
+                for (const int flags : {0, SA_RESTART})
+                    if (scene.GetsSignals)
+                        Signal(thread.GetId(), flags);
                 thread.Cancel();
             }
             EXPECT_EQ(thread.WaitFor(), -1);
