@@ -3,6 +3,7 @@
 #include <kest/threads/thread.h>
 
 #include <iostream>
+#include <mutex>
 
 using namespace Kest::System;
 
@@ -13,25 +14,13 @@ struct TSlot {
     int Number = 0; // guarded by Mutex; 0 while there is none
 };
 
-/// Leaves the mutex whichever way a scope is left: by return, exception or cancellation.
-class TInside {
-public:
-    explicit TInside(TMutex& mutex) : Mutex(mutex) { Mutex.Enter(); }
-    TInside(const TInside&) = delete;
-    TInside& operator=(const TInside&) = delete;
-    ~TInside() { Mutex.Leave(); }
-
-private:
-    TMutex& Mutex;
-};
-
 class TWorker : public TThread {
 public:
     explicit TWorker(TSlot& slot) : Slot(slot) {}
-    ~TWorker() override { WaitFor(); } // before anything that Run() uses is gone
+    ~TWorker() override { Finish(); } // before anything that Run() uses is gone
 
     int Run() override {
-        const TInside inside(Slot.Mutex);
+        const std::lock_guard<TMutex> inside(Slot.Mutex);
         Slot.Number = 42;
         Slot.Filled.Signal();
         return 7;
@@ -46,10 +35,10 @@ int main() {
     TWorker worker(slot); // created, and waits at its gate
     worker.Start();
     {
-        const TInside inside(slot.Mutex);
+        const std::lock_guard<TMutex> inside(slot.Mutex);
         while (slot.Number == 0) // a wait may end without a signal
             slot.Filled.Wait(slot.Mutex);
         std::cout << "got " << slot.Number << '\n';
     }
-    std::cout << "the thread ended with " << worker.WaitFor() << '\n';
+    std::cout << "the thread ended with " << worker.WaitFor() << '\n'; // who wants the exit value asks before the destructor
 }

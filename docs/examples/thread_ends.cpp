@@ -1,0 +1,50 @@
+#include <kest/threads/thread.h>
+
+#include <atomic>
+#include <iostream>
+#include <thread>
+
+using namespace Kest::System;
+
+class TWorker : public TThread {
+public:
+    ~TWorker() override { Finish(); }
+
+    int Run() override {
+        HasBegun = true;
+        Sleep(0.05);
+        std::cout << "the worker came to its end\n";
+        return 0;
+    }
+
+    std::atomic<bool> HasBegun{false};
+};
+
+/// Has a worker of its own.
+class TForeman : public TThread {
+public:
+    ~TForeman() override { Finish(); }
+
+    int Run() override {
+        TWorker worker;
+        worker.Start();
+        while (!worker.HasBegun)
+            std::this_thread::yield();
+        IsLeaving = true;
+        return 0; // the worker is waited for here, whatever becomes of the foreman meanwhile
+    }
+
+    std::atomic<bool> IsLeaving{false};
+};
+
+int main() {
+    { const TWorker neverStarted; } // never begins, and nobody waits for it to begin
+
+    TForeman foreman;
+    foreman.Start();
+    while (!foreman.IsLeaving)
+        std::this_thread::yield();
+    foreman.Cancel(); // arrives while the foreman waits for the worker in a destructor, which nothing may unwind
+    (void)foreman.WaitFor();
+    std::cout << "so did the foreman\n";
+}
