@@ -1,6 +1,6 @@
 #!/bin/bash
-# Builds the manual into build/docs/docs/html; a warning of Doxygen is an error. "docs.sh check" then opens every page in a headless browser
-# and fails on a dead link or a missing picture.
+# Builds the manual into build/docs/docs/html; a warning of Doxygen is an error. "docs.sh check" then opens every page in a headless browser,
+# wide and narrow, light and dark, and fails on what a reader would find broken (check_manual.py).
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 if (($# > 1)) || [[ ${1:-check} != check ]]; then
@@ -9,7 +9,7 @@ if (($# > 1)) || [[ ${1:-check} != check ]]; then
 fi
 browser=()
 (($# == 0)) || browser=(chromium chromium-driver python3-selenium)
-"$root/scripts/setup.sh" doxygen graphviz "${browser[@]}"
+"$root/scripts/setup.sh" doxygen doxygen-awesome-css python3 "${browser[@]}"
 
 build() {
     cmake --preset release -B build/docs -DKEST_BUILD_DOCS=ON -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
@@ -19,4 +19,4 @@ rm -rf build/docs/docs/html # pages of what is gone would stay
 logged docs-build build
 echo "the manual begins at build/docs/docs/html/index.html"
 # Debian's own interpreter, since the package above belongs to it.
-(($# == 0)) || /usr/bin/python3 scripts/check_manual.py build/docs/docs/html
+(($# == 0)) || /usr/bin/python3 scripts/check_manual.py build/docs/docs/html kest

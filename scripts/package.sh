@@ -11,7 +11,7 @@ for architecture in "${architectures[@]}"; do
 done
 
 # Not what developers need besides: whoever only wants the packages need not wait for compilers and tools of another kind.
-needed=(cmake ninja-build g++ pkg-config dpkg-dev lintian doxygen graphviz file)
+needed=(cmake ninja-build g++ pkg-config dpkg-dev lintian doxygen doxygen-awesome-css python3 file)
 [[ " ${architectures[*]} " != *" i386 "* ]] || needed+=(g++-multilib)
 install_missing "${needed[@]}"
 packages=$root/build/packages
