@@ -1,0 +1,100 @@
+// Makes one tree of files like another: sync_tree SOURCE DESTINATION. What fails is told at the end and stops nothing else.
+#include <kest/kest.h>
+
+#include <filesystem>
+#include <iostream>
+#include <set>
+#include <string>
+#include <vector>
+
+using namespace Kest::System;
+
+namespace {
+
+class TSync {
+public:
+    std::vector<std::string> Failures;
+    int Copied = 0, Same = 0, Skipped = 0;
+
+    void Directory(const std::string& source, const std::string& destination) {
+        Attempt([&] {
+            if (!Exists(destination))
+                TDirectory::Create(destination);
+            for (const std::string& name : NamesIn(source))
+                Entry(source + '/' + name, destination + '/' + name);
+        });
+    }
+
+private:
+    template <class TAction>
+    void Attempt(const TAction& action) {
+        try {
+            action();
+        } catch (const Kest::EException& failure) { // one entry's: those beside it go on
+            Failures.push_back(failure.GetMessage());
+        }
+    }
+
+    static bool Exists(const std::string& path) {
+        std::error_code ignored; // what cannot be looked at fails where it is used
+        return std::filesystem::exists(UTF8ToSystem(path), ignored);
+    }
+
+    /// The directory is closed before its entries are looked at: a deep tree needs one descriptor, not one a level.
+    static std::set<std::string> NamesIn(const std::string& path) {
+        std::set<std::string> names;
+        TDirectory directory(path);
+        try {
+            while (true)
+                names.insert(directory.Read().GetName());
+        } catch (const TDirectory::EEnd&) {
+        }
+        names.erase(".");
+        names.erase("..");
+        return names;
+    }
+
+    void Entry(const std::string& source, const std::string& destination) {
+        std::error_code ignored;
+        if (std::filesystem::is_symlink(UTF8ToSystem(source), ignored)) { // TState would follow it, round and round
+            ++Skipped;
+            return;
+        }
+        Attempt([&] {
+            const TFile::TState state(source);
+            if (state.GetType() == TFile::Directory)
+                Directory(source, destination);
+            else if (state.GetType() != TFile::Regular) // a pipe would be waited for
+                ++Skipped;
+            else if (IsSame(state, destination))
+                ++Same;
+            else {
+                TFile::Copy(source, destination);
+                ++Copied;
+            }
+        });
+    }
+
+    /// A copy has the time of its source.
+    static bool IsSame(const TFile::TState& source, const std::string& path) {
+        if (!Exists(path))
+            return false;
+        const TFile::TState state(path);
+        return state.GetSize() == source.GetSize() && state.GetLastModificationTime() == source.GetLastModificationTime();
+    }
+};
+
+} // namespace
+
+int main(int count, char** arguments) {
+    if (count != 3) {
+        std::cerr << "usage: sync_tree SOURCE DESTINATION" << std::endl;
+        return 2;
+    }
+    TSync sync;
+    sync.Directory(arguments[1], arguments[2]);
+    std::cout << sync.Copied << " copied, " << sync.Same << " are the same, " << sync.Skipped << " skipped" << std::endl;
+    for (const std::string& failure : sync.Failures)
+        std::cout << failure << std::endl;
+    return sync.Failures.empty() ? 0 : 1;
+}

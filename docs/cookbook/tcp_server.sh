@@ -1,0 +1,19 @@
+# Starts the server at a port of the system's choice, talks to it as two clients, one of which stays, and ends it.
+"$@" 127.0.0.1:0 >server.output &
+server=$!
+for _ in {1..500}; do
+    grep -q listening server.output && break
+    sleep 0.01
+done
+port=$(sed -n 's/^listening at 127.0.0.1://p' server.output)
+exec 3<>"/dev/tcp/127.0.0.1/$port" 4<>"/dev/tcp/127.0.0.1/$port"
+for client in 3 4; do
+    echo "from client $client" >&"$client"
+    read -r -t 10 line <&"$client"
+    echo "$line"
+done
+exec 3>&-
+kill -INT "$server"
+wait "$server"
+tail -n 1 server.output
+rm server.output
