@@ -1,6 +1,6 @@
 // UTF-8 to UCS-2 and back. The limit is what no conversion can do without: a new string, filled by a plain copy of as many bytes as lie
 // between those that are read and those that are written.
-#include <benchmarks/text_portable.h>
+#include <benchmarks/text_codecs.h>
 #include <benchmarks/topic.h>
 #include <kest/text/utf8.h>
 
@@ -43,13 +43,6 @@ struct TKest {
     static constexpr const char* Name = "kest";
     static std::wstring Decode(const std::string& text) { return System::UTF8ToUCS(text); }
     static std::string Encode(const std::wstring& text) { return System::UCSToUTF8(text); }
-};
-
-/// Kest as it is where the processor has none of the vectors it could use; not across the boundary of the library.
-struct TPortable {
-    static constexpr const char* Name = "kest-portable";
-    static std::wstring Decode(const std::string& text) { return DecodePortably(text); }
-    static std::string Encode(const std::wstring& text) { return EncodePortably(text); }
 };
 
 /// The rules as one would write them down: the number of characters is counted, then each is converted.
@@ -308,6 +301,18 @@ void RegisterWay(const std::string& script, std::int64_t size, const TShared& te
     RegisterCall("encode/" + script + '/' + TWay::Name, size, [text] { return TWay::Encode(text->Wide); });
 }
 
+/// Kest on processors that have no more than each codec needs; not across the boundary of the library.
+void RegisterCodecs(const std::string& script, std::int64_t size, const TShared& text) {
+    const System::_TUTF8Codec* codecs[4];
+    const std::size_t count = System::_GetUTF8Codecs(codecs);
+    for (std::size_t index = 0; index < count; ++index) {
+        const System::_TUTF8Codec& codec = *codecs[index];
+        const std::string name = script + "/kest-" + codec.Name;
+        RegisterCall("decode/" + name, size, [text, &codec] { return DecodeBy(codec, text->Narrow); });
+        RegisterCall("encode/" + name, size, [text, &codec] { return EncodeBy(codec, text->Wide); });
+    }
+}
+
 void RegisterText(const TScript& script, std::int64_t size) {
     const auto text = std::make_shared<const TText>(MakeText(script, static_cast<std::size_t>(size)));
     // One source for both directions, long enough for either.
@@ -315,7 +320,7 @@ void RegisterText(const TScript& script, std::int64_t size) {
     for (const char* const direction : {"decode/", "encode/"})
         RegisterCall(std::string(direction) + script.Name + "/limit", size, [source] { return std::string(*source); });
     RegisterWay<TKest>(script.Name, size, text);
-    RegisterWay<TPortable>(script.Name, size, text);
+    RegisterCodecs(script.Name, size, text);
     RegisterWay<TLoop>(script.Name, size, text);
     RegisterWay<TIconv>(script.Name, size, text);
     RegisterWay<TLibc>(script.Name, size, text);

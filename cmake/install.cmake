@@ -10,7 +10,10 @@ set(internal_headers
     net/descriptor_set.h
     net/lookup.h
     text/system_name.h
-    text/utf8_forms.h
+    text/utf8_codec.h
+    text/utf8_frame.h
+    text/utf8_sequence.h
+    text/utf8_shuffles.h
     text/utf8_strings.h
     threads/guard.h)
 

@@ -1,4 +1,4 @@
-// UTF-8 to UCS-2 and back, in every form that the processor can use, beside a model. Everything works on buffers of exactly the size that
+// UTF-8 to UCS-2 and back, by every codec that the processor can use, beside a model. Everything works on buffers of exactly the size that
 // it may use, so that the sanitizer sees a step beyond.
 #include "fuzz.h"
 #include "utf8_model.h"
@@ -14,14 +14,14 @@ using namespace Kest::Test;
 
 namespace {
 
-/// A form decodes in pieces of at least @p room code units, which together are those of the model.
-void CheckDecodingInPieces(const _TUTF8Form& form, const std::vector<char>& text, std::size_t room, const TWide& units) {
+/// A codec decodes in pieces of at least @p room code units, which together are those of the model.
+void CheckDecodingInPieces(const _TUTF8Codec& codec, const std::vector<char>& text, std::size_t room, const TWide& units) {
     const char* place = text.data();
     const char* const end = place + text.size();
     std::size_t done = 0;
     while (place < end) {
-        std::vector<wchar_t> out(room + _TUTF8Form::Slack);
-        const std::size_t count = form.Decode(place, end, end, out.data(), room);
+        std::vector<wchar_t> out(room + _TUTF8Codec::Slack);
+        const std::size_t count = codec.Decode(place, end, end, out.data(), room);
         Require(count > 0 && count <= out.size() && count <= units.size() - done, "a piece has units, and no more than there are");
         Require(std::equal(out.data(), out.data() + count, units.data() + done), "the code units of a piece are those of the model");
         done += count;
@@ -43,9 +43,9 @@ void CheckDecoding(const std::vector<char>& text, unsigned int capacity) {
 
     const std::size_t characters = ModelOfLength(bytes);
     Require(_UTF8Length(text.data(), length) == characters, "the number of characters");
-    for (const _TUTF8Form* form : UsableForms()) {
-        Require(form->CountCharacters(text.data(), text.size()) == characters, "the number of characters in every form");
-        CheckDecodingInPieces(*form, text, capacity + 1U, units);
+    for (const _TUTF8Codec* codec : UsableCodecs()) {
+        Require(codec->CountCharacters(text.data(), text.size()) == characters, "the number of characters by every codec");
+        CheckDecodingInPieces(*codec, text, capacity + 1U, units);
     }
     TWide expected = units;
     expected.resize(characters, 0);
@@ -62,12 +62,12 @@ void CheckEncoding(const std::vector<wchar_t>& text) {
     std::vector<char> out(count + 1, 'x');
     _UTF8FromUCS2(text.data(), length, out.data(), count);
     Require(std::equal(expected.begin(), expected.end(), out.begin()) && out.back() == 0, "the bytes are those of the model and a zero");
-    for (const _TUTF8Form* form : UsableForms()) {
+    for (const _TUTF8Codec* codec : UsableCodecs()) {
         std::size_t units = text.size();
-        Require(form->CountBytes(text.data(), units) == count, "the number of bytes in every form");
-        std::vector<char> bytes(count + _TUTF8Form::Slack);
-        Require(form->Encode(text.data(), units, bytes.data()) == bytes.data() + count, "as many bytes as were counted");
-        Require(std::equal(expected.begin(), expected.end(), bytes.begin()), "the bytes in every form");
+        Require(codec->CountBytes(text.data(), units) == count, "the number of bytes by every codec");
+        std::vector<char> bytes(count + _TUTF8Codec::Slack);
+        Require(codec->Encode(text.data(), units, bytes.data()) == bytes.data() + count, "as many bytes as were counted");
+        Require(std::equal(expected.begin(), expected.end(), bytes.begin()), "the bytes by every codec");
     }
     RequireEqual(UCSToUTF8(wide), expected, "so is the string");
 

@@ -1,12 +1,11 @@
 #ifndef KEST_FUZZ_UTF8_MODEL_H
 #define KEST_FUZZ_UTF8_MODEL_H
 
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_codec.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -50,13 +49,10 @@ inline TWide ModelOfDecoding(const std::string& text) {
     return units;
 }
 
-/// The forms that this processor can use.
-inline std::vector<const System::_TUTF8Form*> UsableForms() {
-    std::size_t count = 0;
-    const System::_TUTF8Form* const* const forms = System::_GetUTF8Forms(count);
-    std::vector<const System::_TUTF8Form*> usable;
-    std::copy_if(forms, forms + count, std::back_inserter(usable), [](const auto* form) { return form->IsUsable(); });
-    return usable;
+/// The codecs that this processor can use.
+inline std::vector<const System::_TUTF8Codec*> UsableCodecs() {
+    const System::_TUTF8Codec* codecs[4];
+    return {codecs, codecs + System::_GetUTF8Codecs(codecs)};
 }
 
 } // namespace Kest::Test

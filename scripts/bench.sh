@@ -14,7 +14,7 @@ fi
 all=()
 for file in benchmarks/*.cpp; do
     topic=$(basename "$file" .cpp)
-    [[ $topic == main || $topic == soak || $topic == text_portable ]] || all+=("$topic")
+    [[ $topic == main || $topic == soak || $topic == text_codecs ]] || all+=("$topic")
 done
 topics=("$@")
 (($# > 0)) || topics=("${all[@]}")

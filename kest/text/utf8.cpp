@@ -1,6 +1,7 @@
 #include <kest/text/utf8.h>
 
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_codec.h>
+#include <kest/text/utf8_sequence.h>
 #include <kest/text/utf8_strings.h>
 
 #include <algorithm>
@@ -13,14 +14,14 @@ namespace Kest::System {
 namespace {
 
 // A form writes a few elements beyond its text, for which a counted buffer has no room: its last characters are left to the plain rule of
-// one form.
+// one codec.
 
-constexpr std::size_t Slack = _TUTF8Form::Slack;
+constexpr std::size_t Slack = _TUTF8Codec::Slack;
 
-/// Bytes of which the last step of a form leaves so many that they hold at least as many characters as it writes too many.
-constexpr std::size_t SlackOfBytes = _TUTF8Form::LongestStep + 3 * Slack;
+/// A codec decodes up to so many bytes before the end. What its last step leaves has at least as many characters as it may write too many.
+constexpr std::size_t SlackOfBytes = _TUTF8Codec::LongestStep + 3 * Slack;
 
-/// The code units before the first 0. A form reads by blocks, and the buffer may end with the 0, however large @p length is.
+/// The code units before the first 0. A codec reads by blocks, and the buffer may end with the 0, however large @p length is.
 std::size_t CutAtZero(const wchar_t* text, std::size_t length) {
     const wchar_t* const zero = std::wmemchr(text, 0, length);
     return zero != nullptr ? static_cast<std::size_t>(zero - text) : length;
@@ -30,11 +31,11 @@ std::size_t CutAtZero(const wchar_t* text, std::size_t length) {
 
 unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int length) {
     std::size_t units = CutAtZero(text, length);
-    return static_cast<unsigned int>(_ChooseUTF8Form(units).CountBytes(text, units));
+    return static_cast<unsigned int>(_ChooseUTF8Codec(units).CountBytes(text, units));
 }
 
 unsigned int _UTF8Length(const char* text, unsigned int length) {
-    return static_cast<unsigned int>(_ChooseUTF8Form(length).CountCharacters(text, length));
+    return static_cast<unsigned int>(_ChooseUTF8Codec(length).CountCharacters(text, length));
 }
 
 void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength) {
@@ -43,10 +44,10 @@ void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned
     std::size_t index = 0;
     if (units > Slack) {
         index = units - Slack;
-        place = _ChooseUTF8Form(index).Encode(text, index, place);
+        place = _ChooseUTF8Codec(index).Encode(text, index, place);
     }
     for (; index < units; ++index)
-        _EncodeUTF8Form(static_cast<std::uint32_t>(text[index]), place);
+        _EncodeUTF8Sequence(static_cast<std::uint32_t>(text[index]), place);
     out[outLength] = 0;
 }
 
@@ -54,18 +55,18 @@ unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, 
     const char* const end = text + length;
     std::size_t count = 0;
     if (length > SlackOfBytes && outCapacity > Slack)
-        count = _ChooseUTF8Form(length).Decode(text, end - SlackOfBytes, end, out, std::min(outCapacity, length) - Slack);
+        count = _ChooseUTF8Codec(length).Decode(text, end - SlackOfBytes, end, out, std::min(outCapacity, length) - Slack);
     while (text < end && count < outCapacity)
-        out[count++] = _DecodeUTF8Form(text, end);
+        out[count++] = _DecodeUTF8Sequence(text, end);
     return static_cast<unsigned int>(count);
 }
 
 std::basic_string<wchar_t> UTF8ToUCS(const std::string& text) {
-    return _DecodeUTF8String(_ChooseUTF8Form(text.size()), text);
+    return _DecodeUTF8String(_ChooseUTF8Codec(text.size()), text);
 }
 
 std::string UCSToUTF8(const std::basic_string<wchar_t>& text) {
-    return _EncodeUTF8String(_ChooseUTF8Form(text.size()), text);
+    return _EncodeUTF8String(_ChooseUTF8Codec(text.size()), text);
 }
 
 } // namespace Kest::System

@@ -9,7 +9,7 @@
 /// here. Characters beyond have no representation; surrogates are code units like any other.
 ///
 /// The conversions are lenient: they never throw anything of their own and never validate, every byte and every code unit has its fixed
-/// rule. UTF-8 has forms of one to three bytes, neither writing nor reading knows a fourth. Counts are in elements: bytes of narrow
+/// rule. A sequence of UTF-8 has one to three bytes, neither writing nor reading knows a fourth. Counts are in elements: bytes of narrow
 /// buffers, wchar_t of wide ones. No state; any thread may call anything. Nothing blocks.
 namespace Kest::System {
 
@@ -28,7 +28,7 @@ KEST_EXPORT void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* o
 /// Decodes the first @p length bytes of @p text into at most @p outCapacity code units at @p out and returns their number.
 ///
 /// A lead byte up to 0x7F is its value. One of 0x80 to 0xDF takes one byte more, one above two, whatever they are: their low seven bits
-/// are added to those of the lead, shifted by six a byte. A form cut off by the end of the input gives one 0xFFFD. Nothing is read
+/// are added to those of the lead, shifted by six a byte. A sequence cut off by the end of the input gives one 0xFFFD. Nothing is read
 /// beyond the input.
 KEST_EXPORT unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, unsigned int outCapacity);
 

@@ -1,4 +1,5 @@
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_codec.h>
+#include <kest/text/utf8_sequence.h>
 
 #include <algorithm>
 #include <cstring>
@@ -11,10 +12,6 @@
 namespace Kest::System {
 
 namespace {
-
-bool IsUsable() noexcept {
-    return true;
-}
 
 // Inner loops have a fixed length and no branch, which lets compilers use whatever vectors the processor has at least.
 
@@ -31,7 +28,7 @@ std::uint64_t LoadEight(const char* text) noexcept {
     return bytes;
 }
 
-std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
+KEST_CODEC_ENTRY std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
     constexpr std::size_t step = 128; // less than a byte can count
     constexpr std::size_t shortStep = 8;
     std::size_t characters = 0;
@@ -49,7 +46,7 @@ std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
         characters += static_cast<std::size_t>(counted * 0x0101010101010101U >> 56U);
     }
     for (; index < length; ++index)
-        characters += static_cast<signed char>(text[index]) > -64 ? 1 : 0; // below 0x80 or above 0xC0
+        characters += _IsUTF8Counted(text[index]) ? 1 : 0;
     return characters;
 }
 
@@ -76,7 +73,7 @@ std::size_t CountBytesOf(const wchar_t* text) noexcept {
     return 3 * Length - (0U - (minusShorter[0] + minusShorter[1] + minusShorter[2] + minusShorter[3]));
 }
 
-std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
+KEST_CODEC_ENTRY std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
     if (const wchar_t* const zero = std::wmemchr(text, 0, length); zero != nullptr)
         length = static_cast<std::size_t>(zero - text);
     std::size_t bytes = 0;
@@ -95,8 +92,8 @@ bool IsASCII(const char* text) noexcept {
     return (any & HighBits) == 0;
 }
 
-/// A long run of ASCII as it is, anything else form by form, up to the last two bytes without a look at the end.
-std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept {
+/// A long run of ASCII as it is, anything else sequence by sequence, up to the last two bytes without a look at the end.
+KEST_CODEC_ENTRY std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept {
     constexpr std::ptrdiff_t run = RunLength;
     const wchar_t* const begin = out;
     const wchar_t* const outEnd = out + room;
@@ -108,11 +105,11 @@ std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_
             out += run;
         } else {
             for (const char* const stop = text + (run - 2); text < stop;)
-                *out++ = _DecodeUTF8Form(text, text + 3);
+                *out++ = _DecodeUTF8Sequence(text, text + 3);
         }
     }
     while (text < limit && out < outEnd)
-        *out++ = _DecodeUTF8Form(text, end);
+        *out++ = _DecodeUTF8Sequence(text, end);
     return static_cast<std::size_t>(out - begin);
 }
 
@@ -141,11 +138,11 @@ char* EncodeBlock(const wchar_t* text, char* out) noexcept {
     if (EncodeASCII<BlockLength>(text, out))
         return out + BlockLength;
     for (std::size_t each = 0; each < BlockLength; ++each)
-        _EncodeUTF8Form(static_cast<std::uint32_t>(text[each]), out);
+        _EncodeUTF8Sequence(static_cast<std::uint32_t>(text[each]), out);
     return out;
 }
 
-char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
+KEST_CODEC_ENTRY char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
     std::size_t index = 0;
     while (index + BlockLength <= length) {
         if (index + RunLength <= length && EncodeASCII<RunLength>(text + index, out)) {
@@ -158,12 +155,12 @@ char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
             out = EncodeBlock(text + index, out);
     }
     for (; index < length; ++index)
-        _EncodeUTF8Form(static_cast<std::uint32_t>(text[index]), out);
+        _EncodeUTF8Sequence(static_cast<std::uint32_t>(text[index]), out);
     return out;
 }
 
 } // namespace
 
-const _TUTF8Form _PortableUTF8Form = {"portable", IsUsable, CountCharacters, CountBytes, Decode, Encode};
+const _TUTF8Codec _PortableUTF8Codec = {"portable", CountCharacters, CountBytes, Decode, Encode};
 
 } // namespace Kest::System

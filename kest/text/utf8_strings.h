@@ -1,8 +1,8 @@
-// Internal header: used by utf8.cpp and by what tests and measures each form of the conversions.
+// Internal header: used by utf8.cpp and by what tests and measures each codec of the conversions.
 #ifndef KEST_TEXT_UTF8_STRINGS_H
 #define KEST_TEXT_UTF8_STRINGS_H
 
-#include <kest/text/utf8_forms.h>
+#include <kest/text/utf8_codec.h>
 
 #include <algorithm>
 #include <array>
@@ -11,7 +11,7 @@
 
 namespace Kest::System {
 
-// A form writes a few elements more than the result has, for which there is room in the string until its length is set.
+// A codec writes a few elements more than the result has, for which there is room in the string until its length is set.
 
 /// A string of @p length elements, which @p write fills and of which it may write Slack more. One that is short enough needs no memory of
 /// its own. A newer standard library does not fill the others with zeros before.
@@ -20,41 +20,41 @@ TString _WriteString(std::size_t length, const TWrite& write) {
     TString string;
     constexpr std::size_t most = 22; // no standard library keeps more elements in the string itself
     if (length <= std::min(most, string.capacity())) {
-        std::array<typename TString::value_type, most + _TUTF8Form::Slack> room;
+        std::array<typename TString::value_type, most + _TUTF8Codec::Slack> room;
         write(room.data());
         string.assign(room.data(), length);
         return string;
     }
 #ifdef __cpp_lib_string_resize_and_overwrite
-    string.resize_and_overwrite(length + _TUTF8Form::Slack, [&](auto* place, std::size_t) {
+    string.resize_and_overwrite(length + _TUTF8Codec::Slack, [&](auto* place, std::size_t) {
         write(place);
         return length;
     });
 #else
-    string.resize(length + _TUTF8Form::Slack);
+    string.resize(length + _TUTF8Codec::Slack);
     write(string.data());
     string.resize(length);
 #endif
     return string;
 }
 
-/// UTF8ToUCS() by @p form.
-inline std::basic_string<wchar_t> _DecodeUTF8String(const _TUTF8Form& form, const std::string& text) {
-    const std::size_t characters = form.CountCharacters(text.data(), text.size());
+/// UTF8ToUCS() by @p codec.
+inline std::basic_string<wchar_t> _DecodeUTF8String(const _TUTF8Codec& codec, const std::string& text) {
+    const std::size_t characters = codec.CountCharacters(text.data(), text.size());
     return _WriteString<std::basic_string<wchar_t>>(characters, [&](wchar_t* units) {
         const char* source = text.data();
         const char* const end = source + text.size();
-        const std::size_t count = form.Decode(source, end, end, units, characters);
+        const std::size_t count = codec.Decode(source, end, end, units, characters);
         if (count < characters)
             std::fill(units + count, units + characters, 0);
     });
 }
 
-/// UCSToUTF8() by @p form.
-inline std::string _EncodeUTF8String(const _TUTF8Form& form, const std::basic_string<wchar_t>& text) {
+/// UCSToUTF8() by @p codec.
+inline std::string _EncodeUTF8String(const _TUTF8Codec& codec, const std::basic_string<wchar_t>& text) {
     std::size_t units = text.size();
-    const std::size_t bytes = form.CountBytes(text.data(), units);
-    return _WriteString<std::string>(bytes, [&](char* place) { (void)form.Encode(text.data(), units, place); });
+    const std::size_t bytes = codec.CountBytes(text.data(), units);
+    return _WriteString<std::string>(bytes, [&](char* place) { (void)codec.Encode(text.data(), units, place); });
 }
 
 } // namespace Kest::System

@@ -1,0 +1,68 @@
+#include <kest/text/utf8_codec.h>
+
+namespace Kest::System {
+
+// Which codecs there are, what of the processor each needs, and for how long a text it is worth while.
+
+#if defined(__x86_64__) || defined(__i386__)
+
+namespace {
+
+bool HasSSE4() noexcept {
+    return __builtin_cpu_supports("sse4.2") != 0 && __builtin_cpu_supports("popcnt") != 0;
+}
+
+#ifdef __x86_64__
+bool HasAVX512() noexcept {
+    return __builtin_cpu_supports("avx512vbmi2") != 0 && __builtin_cpu_supports("avx512vbmi") != 0 &&
+           __builtin_cpu_supports("avx512bw") != 0 && __builtin_cpu_supports("popcnt") != 0;
+}
+#endif
+
+} // namespace
+
+const _TUTF8Codec& _ChooseUTF8Codec([[maybe_unused]] std::size_t length) noexcept {
+    // A processor is slower at first when it turns to its wider registers, which a short text does not make up for.
+#ifdef __x86_64__
+    if (length >= 256 && HasAVX512())
+        return _AVX512UTF8Codec;
+#endif
+    return HasSSE4() ? _SSE4UTF8Codec : _PortableUTF8Codec;
+}
+
+std::size_t _GetUTF8Codecs(const _TUTF8Codec* (&codecs)[4]) noexcept {
+    std::size_t count = 0;
+#ifdef __x86_64__
+    if (HasAVX512())
+        codecs[count++] = &_AVX512UTF8Codec;
+#endif
+    if (HasSSE4())
+        codecs[count++] = &_SSE4UTF8Codec;
+    codecs[count++] = &_PortableUTF8Codec;
+    return count;
+}
+
+#else
+
+// Elsewhere the compiler's target decides.
+
+const _TUTF8Codec& _ChooseUTF8Codec(std::size_t /*length*/) noexcept {
+#ifdef KEST_HAS_NEON
+    return _NEONUTF8Codec;
+#else
+    return _PortableUTF8Codec;
+#endif
+}
+
+std::size_t _GetUTF8Codecs(const _TUTF8Codec* (&codecs)[4]) noexcept {
+    std::size_t count = 0;
+#ifdef KEST_HAS_NEON
+    codecs[count++] = &_NEONUTF8Codec;
+#endif
+    codecs[count++] = &_PortableUTF8Codec;
+    return count;
+}
+
+#endif
+
+} // namespace Kest::System

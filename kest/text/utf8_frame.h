@@ -1,0 +1,260 @@
+// Internal header: used by each codec that works on vectors. The codec defines KEST_TARGET before, what its functions may use of the
+// processor, and then the steps of its instruction set.
+#ifndef KEST_TEXT_UTF8_FRAME_H
+#define KEST_TEXT_UTF8_FRAME_H
+
+#include <kest/text/utf8_codec.h>
+#include <kest/text/utf8_sequence.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// Functions that are compiled for an instruction set are the codec's alone: no other file must get them.
+#define KEST_STEP KEST_TARGET __attribute__((always_inline)) inline
+
+namespace Kest::System {
+
+namespace {
+
+/// The loops around the steps of one instruction set, TSteps:
+///
+///     BytesOfBlock, UnitsOfBlock, UnitsOfPart, Run    how many elements a step of each kind takes; a run is some blocks, a block some
+///     parts FindCharacters(bytes)                           a bit for each byte of the block that _UTF8Length() counts
+///     CountCharacters(bytes, blocks)                  how many those are in as many blocks, at most 255
+///     FindLongUnits(units)                            bits of the block's code units that are 0, above 0x7F, above 0x7FF
+///     CountBytes(units, runs)                         the bytes of so many runs, at most 255, up to the first run that has a 0
+///     FindSequences(bytes)                            bits of the block's bytes of 0x80 and above, those to 0xBF, those from 0xE0
+///     StoreUnits<IsFirst>(bytes, ends, out)           the code units of the sequences that end where a bit is set, and a few more
+///     IsASCII(bytes), StoreASCII(bytes, out)          of a run
+///     EncodeASCII(units, out)                         the bytes of a run; false when it is not all ASCII
+///     IsShort(units)                                  whether a block has nothing above 0x7FF
+///     EncodeShort(units, out), EncodeAny(units, out)  the bytes of such a block; of any part
+///     StoreOvershoot, EncodeOvershoot                 how many elements these write beyond what they are asked for
+///
+/// What does not come out even is evened at the beginning of a text: its first block is looked at as a whole, and as many elements of it
+/// count as make the others whole blocks. A mixed text has hardly a run of ASCII of its own, so a run is looked for once a run.
+template <class TSteps>
+class TFrame {
+    using TMask = typename TSteps::TMask;
+
+    static constexpr std::size_t Bytes = TSteps::BytesOfBlock;
+    static constexpr std::size_t Units = TSteps::UnitsOfBlock;
+    static constexpr std::size_t Run = TSteps::Run;
+    static constexpr std::size_t Most = 255; // steps whose results a counter of the codec holds
+
+    KEST_STEP static TMask FirstOf(std::size_t count) noexcept { return static_cast<TMask>(~TMask{0} >> (8 * sizeof(TMask) - count)); }
+
+    KEST_STEP static std::size_t CountOf(TMask mask) noexcept {
+        return static_cast<std::size_t>(sizeof mask > 4 ? __builtin_popcountll(mask) : __builtin_popcount(static_cast<unsigned>(mask)));
+    }
+
+    /// The bytes of the block's first @p count code units.
+    KEST_STEP static std::size_t BytesOf(const typename TSteps::TLongUnits& units, std::size_t count) noexcept {
+        return count + CountOf(units.Long & FirstOf(count)) + CountOf(units.Longer & FirstOf(count));
+    }
+
+public:
+    KEST_CODEC_ENTRY KEST_TARGET static std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
+        if (length < Bytes)
+            return _PortableUTF8Codec.CountCharacters(text, length);
+        std::size_t index = length % Bytes;
+        std::size_t characters = index == 0 ? 0 : CountOf(TSteps::FindCharacters(text) & FirstOf(index));
+        while (index < length) {
+            const std::size_t blocks = std::min((length - index) / Bytes, Most);
+            characters += TSteps::CountCharacters(text + index, blocks);
+            index += blocks * Bytes;
+        }
+        return characters;
+    }
+
+    KEST_CODEC_ENTRY KEST_TARGET static std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
+        std::size_t bytes = 0;
+        std::size_t index = 0;
+        bool hasZero = false;
+        if (const std::size_t odd = length % Units; odd != 0 && length >= Units) {
+            const auto units = TSteps::FindLongUnits(text);
+            hasZero = (units.Zeros & FirstOf(odd)) != 0;
+            bytes = hasZero ? 0 : BytesOf(units, odd);
+            index = hasZero ? 0 : odd;
+        }
+        while (!hasZero && length - index >= Run) {
+            const std::size_t most = std::min((length - index) / Run, Most);
+            std::size_t runs = most;
+            bytes += TSteps::CountBytes(text + index, runs);
+            index += runs * Run;
+            hasZero = runs < most;
+        }
+        for (; length - index >= Units; index += Units) {
+            const auto units = TSteps::FindLongUnits(text + index);
+            if (units.Zeros != 0)
+                break;
+            bytes += BytesOf(units, Units);
+        }
+        return bytes + _CountUTF8Bytes(text, index, length);
+    }
+
+    KEST_CODEC_ENTRY KEST_TARGET static std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out,
+                                                           std::size_t room) noexcept {
+        TDecoder decoder{text, out, out + room};
+        while (decoder.Text < limit && decoder.Out < decoder.OutEnd) {
+            decoder.DecodeWellFormed(limit, end);
+            // What is not well formed ends within a few bytes, mostly.
+            for (const char* const stop = limit - decoder.Text < 16 ? limit : decoder.Text + 16;
+                 decoder.Text < stop && decoder.Out < decoder.OutEnd;)
+                decoder.DecodeOne(end);
+        }
+        text = decoder.Text;
+        return static_cast<std::size_t>(decoder.Out - out);
+    }
+
+    KEST_CODEC_ENTRY KEST_TARGET static char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
+        const wchar_t* const end = text + length;
+        if (const std::size_t odd = length % Units; odd != 0 && length >= Units + Spare) {
+            (void)EncodeBlock(text, out);
+            out += BytesOf(TSteps::FindLongUnits(text), odd);
+            text += odd;
+        }
+        while (static_cast<std::size_t>(end - text) >= Units + Spare) {
+            if (static_cast<std::size_t>(end - text) >= Run + Spare && TSteps::EncodeASCII(text, out)) {
+                text += Run;
+                out += Run;
+                continue;
+            }
+            const std::ptrdiff_t blocks =
+                std::min<std::ptrdiff_t>(Run / Units, (end - text - std::ptrdiff_t{Spare}) / std::ptrdiff_t{Units});
+            for (const wchar_t* const stop = text + blocks * std::ptrdiff_t{Units}; text < stop; text += Units)
+                out = EncodeBlock(text, out);
+        }
+        return EncodeRest(text, end, out);
+    }
+
+private:
+    /// So many units have to follow those of a step that writes further beyond its own than the slack is.
+    static constexpr std::size_t Spare = TSteps::EncodeOvershoot > _TUTF8Codec::Slack ? TSteps::EncodeOvershoot - _TUTF8Codec::Slack : 0;
+
+    KEST_STEP static char* EncodeBlock(const wchar_t* text, char* out) noexcept {
+        if (TSteps::IsShort(text))
+            return TSteps::EncodeShort(text, out);
+        for (std::size_t each = 0; each < Units; each += TSteps::UnitsOfPart)
+            out = TSteps::EncodeAny(text + each, out);
+        return out;
+    }
+
+    KEST_STEP static char* EncodeRest(const wchar_t* text, const wchar_t* end, char* out) noexcept {
+        constexpr std::ptrdiff_t part = TSteps::UnitsOfPart;
+        if constexpr (Spare == 0) {
+            for (; end - text >= part; text += part)
+                out = TSteps::EncodeAny(text, out);
+        } else {
+            std::array<char, 3 * TSteps::UnitsOfPart + TSteps::EncodeOvershoot> bytes;
+            for (; end - text >= part; text += part) {
+                const auto count = static_cast<std::size_t>(TSteps::EncodeAny(text, bytes.data()) - bytes.data());
+                std::memcpy(out, bytes.data(), count);
+                out += count;
+            }
+        }
+        for (; text < end; ++text)
+            _EncodeUTF8Sequence(static_cast<std::uint32_t>(*text), out);
+        return out;
+    }
+
+    /// Decodes block after block. Every byte of a block gets the value of the sequence that would end in it, and those at which one ends
+    /// are moved together. That is right as long as every lead has the continuation bytes that it announces and there are no others.
+    struct TDecoder {
+        const char* Text;
+        wchar_t* Out;
+        const wchar_t* OutEnd;
+        TMask Missing = 0; ///< where the next block has to begin with continuation bytes
+
+        KEST_STEP void DecodeOne(const char* end) noexcept { *Out++ = _DecodeUTF8Sequence(Text, end); }
+
+        /// Writes the code units of the sequences that end in the first @p count bytes of a block and moves behind those bytes. False
+        /// when they are not well formed or there is no room; nothing is done then. In front of all but the first block are two bytes.
+        template <bool IsFirst>
+        KEST_STEP bool DecodeBlock(const char* block, std::size_t count) noexcept {
+            const auto bytes = TSteps::FindSequences(block);
+            const TMask leads = bytes.High & static_cast<TMask>(~bytes.Continuations);
+            const auto expected = static_cast<TMask>(Missing | leads << 1U | bytes.LeadsOfThree << 2U);
+            if (((expected ^ bytes.Continuations) & FirstOf(count)) != 0)
+                return false;
+            const auto next = static_cast<TMask>((leads >> (count - 1) & 1U) | (bytes.LeadsOfThree >> (count - 2) & 3U));
+            const auto ends = static_cast<TMask>(~(expected >> 1U | next << (count - 1)) & FirstOf(count));
+            const auto units = static_cast<std::ptrdiff_t>(CountOf(ends));
+            constexpr std::ptrdiff_t spare = std::ptrdiff_t{TSteps::StoreOvershoot} - std::ptrdiff_t{_TUTF8Codec::Slack};
+            if (units + spare > OutEnd - Out)
+                return false;
+            TSteps::template StoreUnits<IsFirst>(block, ends, Out);
+            Out += units;
+            Text += count;
+            Missing = next;
+            return true;
+        }
+
+        /// Decodes as far as the text is well formed and there is room for blocks, up to the beginning of a sequence.
+        KEST_STEP void DecodeWellFormed(const char* limit, const char* end) noexcept {
+            Missing = 0;
+            if (DecodeFirst(end))
+                DecodeBlocks(limit, end);
+            if (Missing != 0) // back to the lead of what is not complete yet
+                while (static_cast<signed char>(*--Text) < -64) {
+                }
+        }
+
+        /// The first block, or a text that is no longer. False if there is nothing more to do.
+        KEST_STEP bool DecodeFirst(const char* end) noexcept {
+            if (static_cast<std::size_t>(end - Text) % Bytes == 1 && end - Text > std::ptrdiff_t{Bytes})
+                DecodeOne(end); // a block would have but one byte in front of it
+            const auto size = static_cast<std::size_t>(end - Text);
+            if (size >= Bytes)
+                return DecodeBlock<true>(Text, size % Bytes == 0 ? Bytes : size % Bytes);
+            if (size < Bytes / 2)
+                return false;
+            std::array<char, Bytes> block{};
+            std::memcpy(block.data() + size - Bytes / 2, end - Bytes / 2, Bytes / 2);
+            std::memcpy(block.data(), Text, Bytes / 2);
+            return DecodeBlock<true>(block.data(), size);
+        }
+
+        KEST_STEP void DecodeBlocks(const char* limit, const char* end) noexcept {
+            constexpr std::ptrdiff_t run = Run;
+            constexpr std::ptrdiff_t block = Bytes;
+            while (Text < limit && end - Text >= block) {
+                if (Missing == 0 && Text < limit && end - Text >= run && OutEnd - Out >= run && TSteps::IsASCII(Text)) {
+                    DecodeASCII(limit, end);
+                    continue;
+                }
+                for (const char* const stop = end - Text >= run ? Text + run : end - (block - 1); Text < stop;)
+                    if (!DecodeBlock<false>(Text, Bytes))
+                        return;
+            }
+        }
+
+        /// A run of ASCII and those that follow it.
+        KEST_STEP void DecodeASCII(const char* limit, const char* end) noexcept {
+            constexpr std::ptrdiff_t run = Run;
+            // Of a long text, no more than until whole lines of the cache are written, which takes half the time.
+            const auto over = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(Out) / sizeof(wchar_t) % 16);
+            if (over != 0 && end - Text >= 16 * run) {
+                TSteps::StoreASCII(Text, Out);
+                Text += 16 - over;
+                Out += 16 - over;
+                return;
+            }
+            std::ptrdiff_t runs = std::min({(limit - Text + run - 1) / run, (end - Text) / run, (OutEnd - Out) / run});
+            do {
+                TSteps::StoreASCII(Text, Out);
+                Text += run;
+                Out += run;
+            } while (--runs > 0 && TSteps::IsASCII(Text));
+        }
+    };
+};
+
+} // namespace
+
+} // namespace Kest::System
+
+#endif
