@@ -44,6 +44,7 @@ const _TUTF8Codec& _ChooseUTF8Codec(std::size_t length) noexcept;
 std::size_t _GetUTF8Codecs(const _TUTF8Codec* (&codecs)[4]) noexcept;
 
 extern const _TUTF8Codec _AVX512UTF8Codec; // x86-64
+extern const _TUTF8Codec _AVX2UTF8Codec;   // x86
 extern const _TUTF8Codec _SSE4UTF8Codec;   // x86
 extern const _TUTF8Codec _NEONUTF8Codec;   // arm64
 extern const _TUTF8Codec _PortableUTF8Codec;

@@ -12,6 +12,10 @@ bool HasSSE4() noexcept {
     return __builtin_cpu_supports("sse4.2") != 0 && __builtin_cpu_supports("popcnt") != 0;
 }
 
+bool HasAVX2() noexcept {
+    return __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("popcnt") != 0;
+}
+
 #ifdef __x86_64__
 bool HasAVX512() noexcept {
     return __builtin_cpu_supports("avx512vbmi2") != 0 && __builtin_cpu_supports("avx512vbmi") != 0 &&
@@ -21,12 +25,14 @@ bool HasAVX512() noexcept {
 
 } // namespace
 
-const _TUTF8Codec& _ChooseUTF8Codec([[maybe_unused]] std::size_t length) noexcept {
+const _TUTF8Codec& _ChooseUTF8Codec(std::size_t length) noexcept {
     // A processor is slower at first when it turns to its wider registers, which a short text does not make up for.
 #ifdef __x86_64__
     if (length >= 256 && HasAVX512())
         return _AVX512UTF8Codec;
 #endif
+    if (length >= 96 && HasAVX2())
+        return _AVX2UTF8Codec;
     return HasSSE4() ? _SSE4UTF8Codec : _PortableUTF8Codec;
 }
 
@@ -36,6 +42,8 @@ std::size_t _GetUTF8Codecs(const _TUTF8Codec* (&codecs)[4]) noexcept {
     if (HasAVX512())
         codecs[count++] = &_AVX512UTF8Codec;
 #endif
+    if (HasAVX2())
+        codecs[count++] = &_AVX2UTF8Codec;
     if (HasSSE4())
         codecs[count++] = &_SSE4UTF8Codec;
     codecs[count++] = &_PortableUTF8Codec;
