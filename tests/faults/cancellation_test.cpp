@@ -263,6 +263,10 @@ void Resolve(TScene&) {
     (void)TAddress("inet", "127.0.0.1:1", false).Get(true);
 }
 
+struct TPlainThread : TThread {
+    int Run() override { return 0; }
+};
+
 /// Leaves a scope with a running thread in it, by what @p action does.
 void Leaving(TScene& s, void (*action)()) {
     TGate inside;
@@ -363,7 +367,7 @@ const TRow Rows[] = {
     {"flush from a sentry", Releasing(Streaming(16, [](auto& stream) { stream << std::unitbuf << ""; })), Itself, IsWrittenAndPast},
     {"socket", Releasing([](TScene& s) { CancelMyself(), TSocket(s.Socket); }), Itself, IsPast},
     {"directory", Releasing(By({{C::closedir, &EndMyself}}, [](TScene& s) { TDirectory{s.Place.GetPath()}; })), Itself, IsPast},
-    {"thread", Releasing([](TScene&) { CancelMyself(), TFunctionThread([] {}); }), Itself, IsPast},
+    {"thread", Releasing([](TScene&) { CancelMyself(), TPlainThread(); }), Itself, IsPast},
     {"thread that runs", Releasing([](TScene& s) { Leaving(s, &CancelMyself); }), Itself, IsPast},
     {"thread that runs, unwinding", [](TScene& s) { Leaving(s, &EndMyself); }, Itself, IsPast},
     {"files of a copy", Releasing(By({{C::close, &EndMyself}}, Copy)), Itself, IsPast},

@@ -71,6 +71,14 @@ int ExitValue(TWorld&) {
     return thread.WaitFor();
 }
 
+void CancelSleeper(TWorld&) {
+    TGate inside;
+    TFunctionThread thread([&] { inside.Open(), TThreadInstance::Sleep(1000.0); });
+    thread.Start();
+    inside.Wait();
+    thread.CancelAndFinish();
+}
+
 /// Destroys a thread that is past its gate and that nobody waited for.
 void Abandon(TWorld&) {
     struct TDetached : TThread {
@@ -223,6 +231,8 @@ const TRow Rows[] = {
     {Late, "TThread, told so, and ~TThread of a running thread", Abandon, ""},
     {Late, "TThread, told so, and ~TThread of one that was not started", [](TWorld&) { TFunctionThread{[] {}}; }, ""},
     {TRule(C::pthread_join, EDEADLK).Made(), "WaitFor", ExitValue, "0"},
+    {TRule(C::pthread_join, EDEADLK).Made(), "Finish", [](TWorld&) { TFunctionThread([] {}).Finish(); }, ""},
+    {TRule(C::pthread_cancel, ESRCH).Made(), "CancelAndFinish", CancelSleeper, ""},
     {TRule(C::pthread_detach, ESRCH).Made(), "~TThread", Abandon, ""},
     {{C::pthread_cancel, ESRCH}, "Cancel", [](TWorld&) { TFunctionThread([] {}).Cancel(); }, "EException: thread cancelation failed"},
     TRow({C::sigprocmask, EINVAL}, "the start of a thread", RunHere, "7").Once(),

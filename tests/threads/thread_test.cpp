@@ -69,10 +69,13 @@ TEST(Thread, InstancesAreEqualWhenTheyNameOneThread) {
 }
 
 TEST(Thread, NotStartedItNeverRunsAndIsGoneWithItsObject) {
+    static bool ran = false;
+    struct TUnfinished : TThread {
+        int Run() override { return ran = true; }
+    };
     const long before = Kilobytes();
-    bool ran = false;
     for (int i = 0; i != 1000; ++i)
-        TFunctionThread thread([&ran] { ran = true; });
+        const TUnfinished thread;
     EXPECT_FALSE(ran);
     EXPECT_LT(Kilobytes() - before, StacksOf1000Threads);
 }
