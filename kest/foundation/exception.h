@@ -12,6 +12,8 @@ namespace Kest {
 ///
 /// Messages are UTF-8 and begin with "Kest: ". Where the system gave a reason, its description stands at the end, after ": ".
 ///
+/// The class does not derive from std::exception: a handler for std::exception does not catch it, so programs have a handler for each.
+///
 /// Thrown by value, caught by reference. The destructor is not virtual: never delete a subclass object through a pointer to this
 /// class. A copy holds the same message. Objects are not locked; an exception belongs to the thread that caught it.
 class KEST_EXPORT EException {
