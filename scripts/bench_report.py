@@ -2,17 +2,19 @@
 """Makes the tables, the page and the plots of a run of the benchmarks. Called by bench.sh.
 
 Measurements are named workload/variant/who[/size]; what differs in who alone is set beside each other. A goal is a line of
-bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits. "1000+" as its size means 1000 and
-more; "spread" as what to reach means within what the repetitions of the one compared with are apart. A goal that no measurement of its
-topic is about counts as missed.
+bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits; beside it the reason why it is missed,
+where it is. "1000+" as its size means 1000 and more; "others" as what is compared with means the fastest of them; "spread" as what to reach
+means within what the repetitions of the one compared with are apart. A goal that no measurement of its topic is about counts as missed.
 """
 import argparse
 import collections
 import csv
 import fnmatch
+import io
 import json
 import math
 import pathlib
+import re
 import statistics
 
 import matplotlib
@@ -21,9 +23,46 @@ matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402 (the backend is chosen before)
 
 FIRST = ["limit", "kest", "std"]
-COLORS = dict(limit="#888888", kest="#d62728", std="#1f77b4", poco="#2ca02c", apr="#9467bd", boost="#ff7f0e")
-MORE_COLORS = ["#8c564b", "#e377c2", "#bcbd22", "#17becf", "#aec7e8", "#98df8a", "#ffbb78", "#000000"]
+OWN = ["limit", "kest", "kest-portable", "loop"]
+NARROW = "\u00a0" # between a number and its unit, which stay together
+MOST_PERCENT = 350 # that the first picture shows
+# Told apart on white and on black.
+COLORS = dict(limit="#888888", kest="#d62728", std="#3a87c8", poco="#2ca02c", apr="#9467bd", boost="#d9700a")
+MORE_COLORS = ["#a0705f", "#d059ac", "#97982a", "#1798a8", "#7f8fc8", "#5f9f52", "#b0803f", "#7d7d7d"]
+NAMES = dict(limit="bare calls", kest="Kest", std="standard library", poco="POCO", apr="APR", boost="Boost", glib="GLib", icu="ICU")
+INK, DARK_INK, PLACE_OF_INK = "#2f4153", "#d2dbde", "#010203" # of what is written on a picture, by the reader's scheme
 Case = collections.namedtuple("Case", "workload variant size")
+
+# The first table and picture of the page: what a program does, and the measurement that is about it.
+TASKS = [
+    ("enter and leave a free mutex", "mutex", Case("free", "plain", None)),
+    ("wake a waiting thread, and be woken", "condition", Case("there and back", "plain", None)),
+    ("start a thread and wait for it", "thread", Case("start and join", "pinned", None)),
+    ("look at a file", "file", Case("state", "regular file", None)),
+    ("list a directory of 1,000 entries", "directory", Case("list", "disk", 1000)),
+    ("copy a file of 1 MiB", "copy", Case("copy", "disk", 1048576)),
+    ("replace a file by renaming another", "copy", Case("rename", "disk", None)),
+    ("connect and accept over TCP", "connection", Case("connect and accept", "tcp", None)),
+    ("send 1 KiB and get it back, with limits", "echo", Case("there and back", "tcp within limits", 1024)),
+    ("write 64 KiB of lines to a stream over a socket", "stream", Case("write lines", "socket", 1024)),
+]
+
+# What the subjects of the page are called there, in its order, and what their cases are about.
+SUBJECTS = {
+    "mutex": "Mutexes. Contended: two threads, each on a processor of its own.",
+    "condition": "Conditions. There and back: two threads wake each other by turns.",
+    "thread": "Threads. From the constructor to the end of the wait.",
+    "file": "Files. The state of one, the full path of one, a name against a pattern.",
+    "directory": "Directories. All entries of one, by their number.",
+    "copy": "Copying and renaming. By size, within a disk, within memory, and from one to the other.",
+    "connection": "Connections. A connection made, accepted and closed.",
+    "echo": "Transfers. A block sent to another thread, and sent back; by the size of the block.",
+    "stream": "Streams. 64 KiB in blocks, lines and characters, by the size of the stream's buffer.",
+    "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string.",
+    "symbol": "Symbols of loaded libraries",
+    "clock": "The clock",
+    "singleton": "Singletons",
+}
 
 
 def read_topic(path):
@@ -66,8 +105,8 @@ def ratio_text(times, base):
 def time_text(nanoseconds):
     for unit, scale in ("s", 1e9), ("ms", 1e6), ("µs", 1e3):
         if nanoseconds >= scale:
-            return f"{nanoseconds / scale:.3g} {unit}"
-    return f"{nanoseconds:.3g} ns"
+            return f"{nanoseconds / scale:.3g}{NARROW}{unit}"
+    return f"{nanoseconds:.3g}{NARROW}ns"
 
 
 def size_matches(pattern, size):
@@ -77,54 +116,69 @@ def size_matches(pattern, size):
 
 
 def goals_of(goals, topic, case, whos):
-    """For each goal of the case: (what it says, whether it is reached, how that is said)."""
+    """For each goal of the case: (its line, what it says, whether it is reached, how that is said)."""
     for goal in goals:
         if goal["topic"] != topic or not fnmatch.fnmatchcase(case.workload, goal["workload"]) \
                 or not fnmatch.fnmatchcase(case.variant, goal["variant"]) or not size_matches(goal["size"], case.size):
             continue
         who, base = goal["ratio"].split("/")
+        if base == "others":
+            base = min((each for each in whos if each not in OWN), key=lambda each: statistics.median(whos[each]), default=base)
         if who not in whos or base not in whos:
             continue
         reached = statistics.median(whos[who]) / statistics.median(whos[base])
         if goal["reach"] == "spread":
             most, text = max(whos[base]) / statistics.median(whos[base]), f"within the spread of {base}"
         else:
-            most, text = float(goal["reach"]), goal["reach"] + ("" if base == "limit" else f" of {base}")
+            most, text = float(goal["reach"]), f"{float(goal['reach']):.2f}" + ("" if base == "limit" else f" of {base}")
         if who != "kest":
             text = f"{who} {text}"
         # Both have two digits on the page.
         missed = round(reached, 2) - round(most, 2)
-        yield text, missed <= 0, "reached" if missed <= 0 else f"missed by {missed:.2f}"
+        yield goal, text, missed <= 0, f"{reached:.2f}"
 
 
-def said_of(goals):
-    """The goals of a case in a few words: all that are missed, and of many that are reached the first."""
-    goals = list(goals)
-    reached = [f"{text}: {result}" for text, is_reached, result in goals if is_reached]
-    missed = [f"{text}: {result}" for text, is_reached, result in goals if not is_reached]
-    few = 2
-    if len(reached) > few + 1:
-        reached[few:] = [f"{len(reached) - few} more reached"]
-    return "; ".join(missed + reached)
+def name_of(case):
+    return f"{case.workload}, {case.variant}" + (f", {case.size:,}" if case.size is not None else "")
 
 
-def table_of(topic, times, remarks, goals):
-    whos = ordered(who for case in times.values() for who in case)
-    rows = [["case", "limit takes", "goal"] + whos[1:]]
-    for case in sorted(times, key=by_size):
-        base = statistics.median(times[case]["limit"])
-        said = said_of(goals_of(goals, topic, case, times[case]))
-        name = f"{case.workload}, {case.variant}" + (f", {case.size:,}" if case.size is not None else "")
-        rows.append([name, time_text(base), said or "-"] +
-                    [ratio_text(times[case][who], base) if who in times[case] else "-" for who in whos[1:]])
+def table(rows):
+    """A table in Markdown; the first row is its head."""
     widths = [max(len(row[column]) for row in rows) for column in range(len(rows[0]))]
     lines = ["| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths)) + " |" for row in rows]
-    lines.insert(1, "|" + "|".join("-" * (width + 2) for width in widths) + "|")
+    return "\n".join([lines[0], "|" + "|".join("-" * (width + 2) for width in widths) + "|", *lines[1:]])
+
+
+def table_of(times, remarks):
+    whos = ordered(who for case in times.values() for who in case)
+    rows = [["Case", "Bare calls", "Kest", "between"] + [NAMES.get(who, who) for who in whos[2:]]]
+    for case in sorted(times, key=by_size):
+        base = statistics.median(times[case]["limit"])
+        middle, between = ratio_text(times[case]["kest"], base).split(" ")
+        rows.append([name_of(case), time_text(base), middle, between.strip("()")] +
+                    [ratio_text(times[case][who], base).split(" ")[0] if who in times[case] else "-" for who in whos[2:]])
     notes = collections.defaultdict(list)
     for case in sorted(times, key=by_size):
         if remarks[case] and f"{case.workload}, {case.variant}" not in notes[remarks[case]]:
             notes[remarks[case]].append(f"{case.workload}, {case.variant}")
-    return "\n".join(lines + [f"\n{'; '.join(cases)}: {remark}." for remark, cases in notes.items() if remark])
+    return "\n".join([table(rows)] + [f"\n{'; '.join(cases)}: {remark}." for remark, cases in notes.items() if remark])
+
+
+def tasks_of(topics):
+    """Of the first table: (what a program does, the times of all who do it)."""
+    return [(text, topics[topic][0][case]) for text, topic, case in TASKS if topic in topics and case in topics[topic][0]]
+
+
+def table_of_tasks(topics):
+    rows = [["What a program does", "Bare calls", "Kest", "Kest adds", "Standard library", "Others"]]
+    for text, whos in tasks_of(topics):
+        base, kest = (statistics.median(whos[who]) for who in ("limit", "kest"))
+        others = sorted(statistics.median(whos[who]) / base for who in whos if who in COLORS.keys() - {*OWN, "std"})
+        added = round(100 * kest / base) - 100
+        rows.append([text, time_text(base), time_text(kest), f"{added:+}{NARROW}%" if added else "nothing",
+                     time_text(statistics.median(whos["std"])) if "std" in whos else "-",
+                     f"{round(100 * others[0]) - 100:+} to {round(100 * others[-1]) - 100:+}{NARROW}%" if others else "-"])
+    return table(rows)
 
 
 def colors_of(times):
@@ -133,15 +187,59 @@ def colors_of(times):
     return COLORS | dict(zip(others, MORE_COLORS * len(others)))
 
 
-def plot_topic(topic, times, path):
-    """Time per unit of size for what has sizes, a panel for each workload; ratios to the limit for the rest, in one panel."""
-    matplotlib.rcParams.update({"svg.hashsalt": "kest", "svg.fonttype": "none", "font.size": 8})
+def begin_picture():
+    """What is written takes the reader's colour, dark or light: save_picture() puts it in."""
+    colors = {name: PLACE_OF_INK for name in ("text.color", "axes.edgecolor", "axes.labelcolor", "xtick.color", "ytick.color")}
+    matplotlib.rcParams.update({"svg.hashsalt": "kest", "svg.fonttype": "none", "font.size": 9, "axes.facecolor": "none", **colors,
+                                "axes.spines.top": False, "axes.spines.right": False, "legend.frameon": False,
+                                "xtick.minor.size": 0, "ytick.minor.size": 0})
+
+
+def save_picture(figure, path):
+    with io.StringIO() as written:
+        figure.savefig(written, format="svg", metadata={"Date": None}, transparent=True, bbox_inches="tight")
+        text = written.getvalue()
+    pyplot.close(figure)
+    scheme = f"<style>:root {{ color-scheme: light dark; --ink: {INK}; }} @media (prefers-color-scheme: dark) {{ :root {{ --ink: {DARK_INK}; }} }}</style>"
+    text = text.replace(PLACE_OF_INK, "var(--ink)").replace("<defs>", scheme + "\n <defs>", 1)
+    # A text without a colour of its own is black.
+    text = re.sub(r'(<text style=")(?![^"]*fill:)', r"\1fill: var(--ink); ", text)
+    text = re.sub(r"(\.\d\d)\d+", r"\1", text) # a hundredth of a point is small enough
+    path.write_text(re.sub(r"[ \t]+$", "", text, flags=re.M))
+
+
+def plot_tasks(topics, path):
+    """A bar for what Kest takes of the bare calls' time, a mark for what each of the others takes."""
+    begin_picture()
+    tasks = tasks_of(topics)
+    figure, axis = pyplot.subplots(layout="constrained", figsize=(8, 0.42 * len(tasks) + 0.8))
+    for place, (text, whos) in enumerate(tasks):
+        base = statistics.median(whos["limit"])
+        percent = {who: 100 * statistics.median(times) / base for who, times in whos.items()}
+        axis.barh(place, percent["kest"], 0.6, color=COLORS["kest"], alpha=0.45, label=NAMES["kest"] if place == 0 else None)
+        for who in sorted(percent.keys() & COLORS.keys() - set(OWN)):
+            axis.plot(min(percent[who], MOST_PERCENT), place, marker=">" if percent[who] > MOST_PERCENT else "o", color=COLORS[who],
+                      label=NAMES[who] if NAMES[who] not in axis.get_legend_handles_labels()[1] else None, linestyle="none", markersize=6,
+                      markeredgecolor=PLACE_OF_INK, markeredgewidth=0.5)
+    axis.axvline(100, color=PLACE_OF_INK, linewidth=1)
+    axis.set(yticks=range(len(tasks)), yticklabels=[text for text, _ in tasks], xlim=(0, MOST_PERCENT + 5),
+             xlabel="time in % of the bare calls: shorter is better")
+    axis.invert_yaxis()
+    axis.legend(ncols=6, loc="lower center", bbox_to_anchor=(0.4, 1.0))
+    save_picture(figure, path)
+
+
+def plot_topic(times, path):
+    """Time per unit of size, a panel for each workload. Returns whether there is anything that has sizes."""
     curves = sorted({(case.workload, case.variant) for case in times if case.size is not None})
-    bars = sorted((case for case in times if case.size is None), key=by_size)
-    panels = len(curves) + bool(bars)
-    columns = min(3, panels)
-    figure, axes = pyplot.subplots(math.ceil(panels / columns), columns, squeeze=False, layout="constrained",
-                                   figsize=(4.2 * columns, 3 * math.ceil(panels / columns)))
+    # Two sizes are no curve.
+    curves = [curve for curve in curves if len({case.size for case in times if (case.workload, case.variant) == curve}) > 3]
+    if not curves:
+        return False
+    begin_picture()
+    columns = min(2, len(curves))
+    figure, axes = pyplot.subplots(math.ceil(len(curves) / columns), columns, squeeze=False, layout="constrained",
+                                   figsize=(4 * columns, 2.6 * math.ceil(len(curves) / columns) + 0.4))
     axes = list(axes.flat)
     colors = colors_of(times)
     for workload, variant in curves:
@@ -150,72 +248,79 @@ def plot_topic(topic, times, path):
             points = sorted((case.size, statistics.median(times[case][who]) / case.size) for case in times
                             if (case.workload, case.variant) == (workload, variant) and who in times[case])
             if points:
-                axis.plot(*zip(*points), marker=".", label=who, color=colors[who], zorder=3 if who == "kest" else 2)
+                axis.plot(*zip(*points), label=NAMES.get(who, who), color=colors[who], linewidth=1.2,
+                          zorder=3 if who == "kest" else 2)
         axis.set(xscale="log", yscale="log", title=f"{workload}, {variant}", xlabel="size", ylabel="ns per unit of size")
-        axis.grid(alpha=0.3)
-        axis.legend(fontsize=6)
-    if bars:
-        axis = axes.pop(0)
-        whos = ordered(who for case in bars for who in times[case])[1:]
-        for place, who in enumerate(whos):
-            shown = [(row, case) for row, case in enumerate(bars) if who in times[case]]
-            axis.barh([row + 0.8 * place / len(whos) for row, _ in shown],
-                      [statistics.median(times[case][who]) / statistics.median(times[case]["limit"]) for _, case in shown],
-                      0.8 / len(whos), align="edge", label=who, color=colors[who])
-        axis.axvline(1.0, color=colors["limit"])
-        axis.set(title="ratio to the limit", yticks=[row + 0.4 for row in range(len(bars))],
-                 yticklabels=[f"{case.workload},\n{case.variant}" for case in bars])
-        axis.invert_yaxis()
-        axis.legend(fontsize=6)
+        axis.minorticks_off()
+    handles = {label: line for axis in figure.axes for line, label in zip(*axis.get_legend_handles_labels())}
+    figure.legend(handles.values(), handles.keys(), loc="lower center", bbox_to_anchor=(0.5, 1.0), ncols=6)
     for axis in axes:
         axis.remove()
-    figure.savefig(path, metadata={"Date": None})
-    pyplot.close(figure)
+    save_picture(figure, path)
+    return True
 
 
 def summary_of(runs):
-    """Of (topics, goals, addition to the topics' names) each: how many goals are reached, and the others."""
+    """Of (topics, goals, addition to the topics' names) each: how many goals are reached, and a row for each other."""
     counts, missed = collections.Counter(), []
     for topics, goals, addition in runs:
         for topic, (times, _) in topics.items():
             for case in sorted(times, key=by_size):
-                for text, reached, result in goals_of(goals, topic, case, times[case]):
+                for goal, text, reached, result in goals_of(goals, topic, case, times[case]):
                     counts[reached] += 1
                     if not reached:
-                        size = f", {case.size:,}" if case.size is not None else ""
-                        missed.append(f"- {topic}{addition}: {case.workload}, {case.variant}{size}: {text}, {result}")
+                        missed.append([topic + addition, name_of(case), text, result, goal["why"] or "not known"])
         for goal in goals:
             times = topics.get(goal["topic"], ({},))[0]
             if times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
                 counts[False] += 1
-                size = f", {goal['size']}" if goal["size"] else ""
-                missed.append(f"- {goal['topic']}{addition}: {goal['workload']}, {goal['variant']}{size}: "
-                              f"{goal['ratio']} {goal['reach']}, not measured")
+                name = ", ".join(each for each in (goal["workload"], goal["variant"], goal["size"]) if each)
+                missed.append([goal["topic"] + addition, name, f"{goal['ratio']} {goal['reach']}", "not measured", ""])
     return f"{counts[True]} of {counts.total()} goals are reached.", missed
 
 
-def page_of(tables, tables_32, run, count, missed, quick):
-    lines = ["# Performance", ""]
+def page_of(runs, pictures, run, quick):
+    topics, topics_32 = (topics for topics, _, _ in runs)
+    lines = ["# What it costs {#performance}", ""]
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
     lines += [
-        "What the library costs beside the same work done with bare calls, the limit, and beside what a program would take instead. Written",
-        "by `scripts/bench.sh`; anyone can repeat it. A figure is the median of the repetitions as a ratio to the median of the limit, smaller",
-        "is better; in brackets the ratios between which the middle half of the repetitions lies. The limit makes the same calls in the same",
-        "order: where the library promises an order of calls that costs more than a peer's, the wait before each receive for instance, a peer",
-        "may be below 1.00. Repetitions are in random order, and every program has a second, sleeping thread. The curves of the plots show",
-        "growth: time per byte, character or entry over size. Code and names of the measurements are in `benchmarks/`, the goals in",
-        "`scripts/bench_goals.csv`.",
-        "", "| | |", "|---|---|"]
-    lines += [f"| {name} | {value} |" for name, value in run.items()]
-    lines += ["", count + ("" if not missed else " Missed:")]
+        "Kest makes the calls of the system that a program would make itself, and adds little to them. Ten tasks, done with bare calls, with",
+        "Kest, and with what a program would take instead (the standard library, APR, Boost, POCO):",
+        "", "![Ten tasks, by Kest and by others; an arrow is more than the picture holds](performance/tasks.svg)", "", table_of_tasks(topics), "",
+        "The bare calls are those that Kest makes, in its order. Another library may make fewer, and then takes less: Kest waits for readiness",
+        "before it receives, since its limits promise that.", "",
+        "The figures are from this machine, and from `scripts/bench.sh`; anyone can repeat them.", "",
+        table([["", ""]] + [[name, value] for name, value in run.items()]), "",
+        "## How to read the tables", "",
+        "\"Bare calls\" is the time of the calls of the system alone, the median of the repetitions. The other columns are ratios to it:",
+        "1.05 takes 5 % longer. \"Between\" are the ratios between which the middle half of Kest's repetitions lies. Repetitions are in random",
+        "order, and every program has a second, sleeping thread. The pictures show time per byte, character or entry over size."]
+    for topic, about in SUBJECTS.items():
+        if topic not in topics:
+            continue
+        title, _, text = about.partition(". ")
+        lines += ["", f"## {title}", ""] + ([text, ""] if text else []) + [table_of(*topics[topic])]
+        if topic in pictures:
+            lines += ["", f"![{title}, over size](performance/{topic}.svg)"]
+        if topic in topics_32:
+            lines += ["", f"### {title}, on 32 bits", "", table_of(*topics_32[topic])]
+    count, missed = summary_of(runs)
+    lines += ["", "## For those who work on Kest: goals", "",
+              "A goal is a ratio that the library should not be above; `scripts/bench_goals.csv` has them all. " + count]
     if missed:
-        lines += [""] + missed
-    for topic, table in tables.items():
-        lines += ["", f"## {topic.capitalize()}", "", table, "", f"![{topic}](performance/{topic}.svg)"]
-        if topic in tables_32:
-            lines += ["", "32 bits:", "", tables_32[topic]]
+        lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
+
+
+def write_page(path, runs, run, quick):
+    pictures = path.with_suffix("")
+    pictures.mkdir(exist_ok=True)
+    for old in pictures.glob("*.svg"):
+        old.unlink()
+    plot_tasks(runs[0][0], pictures / "tasks.svg")
+    drawn = [topic for topic, (times, _) in runs[0][0].items() if plot_topic(times, pictures / f"{topic}.svg")]
+    path.write_text(page_of(runs, drawn, run, quick))
 
 
 def main():
@@ -234,20 +339,14 @@ def main():
     for bits, results, addition in ("64", options.results, ""), ("32", options.results_32, ", 32 bits"):
         topics = {topic: read_topic(results / f"{topic}.json") for topic in options.topics} if results else {}
         runs.append((topics, [goal for goal in goals if goal["bits"] == bits], addition))
-    tables, tables_32 = ({topic: table_of(topic, *found, goals) for topic, found in topics.items()} for topics, goals, _ in runs)
-    for topic, table in tables.items():
-        print(f"\n== {topic}\n\n{table}")
-        if topic in tables_32:
-            print(f"\n== {topic}, 32 bits\n\n{tables_32[topic]}")
+    for topics, _, addition in runs:
+        for topic, found in topics.items():
+            print(f"\n== {topic}{addition}\n\n{table_of(*found)}")
     count, missed = summary_of(runs)
-    print("\n" + "\n".join([count, *missed]))
+    print("\n" + "\n".join([count, *(", ".join(row) for row in missed)]))
     if options.page:
         run = dict(line.split("=", 1) for line in (options.results / "run.txt").read_text().splitlines())
-        plots = options.page.with_suffix("")
-        plots.mkdir(exist_ok=True)
-        for topic, (times, _) in runs[0][0].items():
-            plot_topic(topic, times, plots / f"{topic}.svg")
-        options.page.write_text(page_of(tables, tables_32, run, count, missed, options.quick))
+        write_page(options.page, runs, run, options.quick)
 
 
 if __name__ == "__main__":
