@@ -24,6 +24,8 @@ protected:
     ~TThreadInstance() = default;
 };
 
+#pragma GCC diagnostic push // for callers who build with it: nothing is destroyed through the handle class
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 /// A thread with a body, over the handle class @p TInstance. It is created suspended; its body runs after Start().
 template <class TInstance>
 class KEST_EXPORT TThread : public TInstance {
@@ -40,6 +42,7 @@ protected:
     TThread(const TThread&) = default;
     TThread& operator=(const TThread&) = default;
 };
+#pragma GCC diagnostic pop
 
 } // namespace Kest::System::Interface
 

@@ -7,6 +7,8 @@
 
 namespace Kest::System {
 
+#pragma GCC diagnostic push // for callers who build with it: no transport is destroyed through its base
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 /// A socket as the transport of a stream: each transport call is one call of the socket, and its exceptions become the codes below.
 /// The socket is borrowed and must outlive the adapter.
 class KEST_EXPORT _TSocketStreamInterface : public _Gadgets::TStream::TInterface {
@@ -24,6 +26,7 @@ public:
 private:
     TSocket* Socket;
 };
+#pragma GCC diagnostic pop
 
 /// A standard stream over a connected socket. The socket is borrowed: it must outlive the stream, and destroying the stream neither
 /// shuts it down nor closes it.
@@ -36,8 +39,13 @@ private:
 /// | -2   | the connection was shut down: the peer closed its side, the sending side was shut down, or a signal interrupted  |
 /// | -3   | any other failure, a reset or a would-block answer of a non-blocking socket among them                           |
 ///
-/// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call. With a send limit a
-/// flush is all or nothing; without one the system may take part of it, and the rest goes out with the next flush. A flush also drops
+/// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call.
+///
+/// After -1 from reading nothing is lost: clear() the state, and reading goes on where it stopped. After -1 from a flush a part may have
+/// gone out, nobody knows how much, and the stream still has all of it pending: any further flush, that of the destructor included, sends
+/// it again from its beginning. The peer would read bytes twice, so the connection is over: shut the sending side down
+/// (`socket.Shutdown(false, true)`) before the stream goes or is flushed again. Without a send limit the system may take a part of a flush,
+/// and what is left goes out with the next flush, once. A flush also drops
 /// input that was read ahead: read an answer to its end before the next flush. Reading and writing are cancellation points, the final
 /// flush of the destructor is not. They are not for a thread that may be cancelled while it is handling an exception: see the base class.
 ///

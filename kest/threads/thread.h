@@ -6,6 +6,8 @@
 
 namespace Kest::System {
 
+#pragma GCC diagnostic push // for callers who build with it: a handle is a value, nothing is destroyed through it
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 /// A handle to a thread of the process, and operations on the calling thread. A plain value: copies name the same thread, and none of
 /// them owns it. 0 names no thread. One object is used by one thread at a time.
 ///
@@ -59,6 +61,7 @@ private:
 
     unsigned long Handle;
 };
+#pragma GCC diagnostic pop
 
 class _TStartGate;
 

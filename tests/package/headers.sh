@@ -8,7 +8,7 @@ export standard prefix
 compile() {
     # shellcheck disable=SC2086 # the flags are words
     echo "#include <$1>" | "$CXX" ${CXXFLAGS:-} "-std=$standard" -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow \
-        -Wconversion -Werror -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 "-I$prefix/include" -x c++ - ||
+        -Wconversion -Wnon-virtual-dtor -Werror -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 "-I$prefix/include" -x c++ - ||
         { echo "<$1> does not compile alone as $standard"; return 1; }
 }
 export -f compile
