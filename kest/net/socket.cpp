@@ -6,6 +6,7 @@
 #include <kest/net/lookup.h>
 #include <kest/threads/guard.h>
 
+#include <cerrno>
 #include <exception>
 #include <utility>
 
@@ -22,7 +23,15 @@ namespace {
 
 int ProtocolNumber(const std::string& name) {
     const _TScopedEntry entry(_Gadgets::TSingleton<TSocket::TMutex>::GetObject());
-    const protoent* protocol = _LookUp([&] { return ::getprotobyname(name.c_str()); });
+    int code = 0;
+    const protoent* protocol = _LookUp([&] {
+        errno = 0; // where the database has no such name, the look-up need not set it
+        const protoent* found = ::getprotobyname(name.c_str());
+        code = errno;
+        return found;
+    });
+    if (protocol == nullptr && (code == EMFILE || code == ENFILE))
+        _Throw("socket creation error"); // the database is a file, and the socket would not have had a descriptor either
     if (protocol == nullptr)
         throw EUnsupportedProtocol();
     return protocol->p_proto;

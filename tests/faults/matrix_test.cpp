@@ -239,6 +239,7 @@ const TRow Rows[] = {
     // Sockets.
     {{C::socket, EMFILE}, "TSocket", Socket, "EException: socket creation error"},
     {{C::getprotobyname, 0}, "TSocket", Socket, "EUnsupportedProtocol: unsupported socket protocol"},
+    {{C::getprotobyname, ENFILE}, "TSocket, without a descriptor for it", Socket, "EException: socket creation error"},
     {TRule(C::close, EIO).Made(), "~TSocket", Socket, "EException: socket closing failed"},
     {{C::shutdown, ENOTCONN}, "~TSocket", Socket, ""},
     {TRule(C::fcntl, EBADF).At(1), "SetBlocking, asking for the mode", Blocking, NoMode},

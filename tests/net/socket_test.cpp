@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include <sys/resource.h>
+
 using namespace Kest;
 using namespace Kest::System;
 using namespace Kest::System::Interface::_Socket;
@@ -45,6 +47,13 @@ TEST(SocketLifecycle, UnknownDomainIsReportedBeforeProtocolAndTypeAndLeavesNoDes
     EXPECT_KEST_THROW(TSocket({"inet", noType, "tcp"}), EUnsupportedType, "Kest: unsupported socket type");
     EXPECT_KEST_THROW(TSocket({"fs", TSocket::Stream, "tcp"}), EException, "Kest: socket creation error");
     EXPECT_EQ(OpenDescriptors(), before);
+
+    rlimit limit{}, none{};
+    (void)::getrlimit(RLIMIT_NOFILE, &limit);
+    none.rlim_max = limit.rlim_max;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_KEST_THROW(TSocket(StreamOf("inet")), EException, "Kest: socket creation error") << "the protocol is known";
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(SocketOwnership, FirstCopyOfAnAcceptedSocketTakesItsDescriptorAndOthersDuplicate) {
