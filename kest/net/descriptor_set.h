@@ -24,13 +24,17 @@ public:
             Words = Many.get();
         }
         std::fill_n(Words, words, 0);
-        Words[bit / WordBits] = TWord{1} << bit % WordBits;
+        Last = Words + words - 1;
+        *Last = TWord{1} << bit % WordBits;
     }
     _TDescriptorSet(const _TDescriptorSet&) = delete;
     _TDescriptorSet& operator=(const _TDescriptorSet&) = delete;
 
     /// For select, which is told to look no further than the descriptor.
     fd_set* Get() { return reinterpret_cast<fd_set*>(Words); }
+
+    /// Whether select has left the descriptor in the set.
+    bool IsHeld() const { return *Last != 0; }
 
 private:
     using TWord = unsigned long;
@@ -40,6 +44,7 @@ private:
     TWord Few[FewWords]; // cleared only as far as the descriptor needs
     std::unique_ptr<TWord[]> Many;
     TWord* Words = Few;
+    TWord* Last; ///< the word with the descriptor's bit
 };
 
 } // namespace Kest::System

@@ -12,10 +12,11 @@ namespace Kest::System {
 /// A BSD socket. An object always has a descriptor, and owns it unless it handed it over.
 ///
 /// Time limits and other intervals are seconds. EndlessTimeInterval (0.0) means that there is no limit, never an immediate return.
-/// The two limits of a socket apply while it is in blocking mode, which a new socket is. The one for receiving is a wait for readiness
-/// before the call; the one for sending and connecting runs over the whole operation, on the settable clock, in steps of up to a
-/// second: a time-out comes up to a second late, and setting the clock moves it. A limit that is negative or NaN never fits: sending
-/// and connecting time out as soon as they would block; for receiving see SelectRead().
+/// The two limits of a socket apply while it is in blocking mode, which a new socket is. The one for receiving is a wait for input
+/// before the call, on a clock that nobody sets; the one for sending and connecting runs over the whole operation, on the settable clock,
+/// in steps of up to a second: a time-out comes up to a second late, and setting the clock moves it. A limit that is negative or NaN never
+/// fits: sending and connecting time out as soon as they would block, and a wait for input is refused by the system (ENotConnected).
+/// TimeLimit() of kest/foundation/time.h makes limits from durations of the standard library.
 ///
 /// Failures are the classes of socket_errors.h. Unless an operation says otherwise, each may throw
 ///
@@ -31,9 +32,12 @@ namespace Kest::System {
 /// | ETIMEDOUT                    | ETimeout                                                                           |
 /// | any other                    | EException, the system's description alone                                         |
 ///
-/// and leaves the socket usable. No operation raises SIGPIPE. The library retries nothing that a signal ended. A wait for readiness, and so
-/// everything that has a limit, is always ended by a handled signal; the other calls are ended unless its handler was installed with
-/// SA_RESTART, with which the system goes on with them by itself.
+/// and leaves the socket usable. No operation raises SIGPIPE.
+///
+/// Signals. The library retries nothing that a signal ended. A handled signal ends a wait for readiness or for input whatever its limit is,
+/// an endless one too: so it ends a Receive(), and whatever has a limit. It ends the other calls that wait (Accept(), Connect() and Send()
+/// without a limit) unless its handler was installed with SA_RESTART, with which the system goes on with the call. A signal that arrives
+/// while a call is not waiting ends nothing.
 ///
 /// Ownership. A socket made by Accept() is marked for hand-over: its first copy takes the descriptor itself, and the socket copied from
 /// stays usable but no longer closes it. `TSocket s = server.Accept(a)` is that socket, so its own first copy takes the descriptor away
@@ -42,7 +46,22 @@ namespace Kest::System {
 /// grows cuts its connections; keep sockets in objects that stay where they are, for instance behind a unique_ptr.
 /// Descriptors are inherited over exec, as the system's own calls leave them; GetDescriptor() lets a caller change that.
 ///
-/// An object is used by one thread at a time, waits included. Receiving, sending, connecting, accepting and the waits may block and are
+/// As a member. The destructor may throw, so the implicit destructor of a class that has a socket as a member may throw too. Where that
+/// class derives from one whose virtual destructor may not, a TThread for instance, compilers refuse it ("looser exception specification",
+/// "more lax than base version"). One word mends it, and a close that fails there ends the process:
+///
+///     class TWorker : public TThread {
+///     public:
+///         ~TWorker() noexcept override { Finish(); }
+///
+/// A base class of one's own can allow the exception instead: `virtual ~TBase() noexcept(false) = 0;`.
+///
+/// Threads. An object is used by one thread at a time, waits included. Two copies of one socket may be used by two threads, one to receive
+/// and one to send for instance: the system keeps their calls apart. Then three things are to be known. The mode is shared and each object
+/// knows only what it set itself, so SetBlocking() and a Connect() with a limit belong before the copying. A limit for receiving holds
+/// only for the one thread that takes input: what another takes between the wait and the call is waited for without a limit. And
+/// the first copy that is destroyed shuts the connection down for the other.
+/// Receiving, sending, connecting, accepting and the waits may block and are
 /// cancellation points; a cancelled operation leaves the object as it was. The look-ups of the constructor, and of a failed Bind(), are not
 /// cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
 class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
@@ -52,11 +71,13 @@ public:
     class TStream;  // socket_stream.h
 
     /// Makes a new system socket, unconnected, in blocking mode and without limits.
+    /// Waits: the protocol is looked up under the process's resolver lock (TMutex). While another thread holds that lock, in
+    /// TAddress::Get(true) or in a Bind() that failed, this waits until that thread has its answer: as long as a name server takes, which
+    /// may be many seconds. A cancellation is acted on after the look-up. Threads that must not wait make their sockets beforehand.
     /// @throw EUnsupportedDomain    @p info names no known family; the detail is the name.
     /// @throw EUnsupportedProtocol  the protocol is not in the system's database.
     /// @throw EUnsupportedType      the type is none of TType. The three are tested in this order.
-    /// @throw EException            "socket creation error": the system refuses.
-    /// The protocol is looked up under the process's resolver lock (TMutex); a cancellation waits for that look-up.
+    /// @throw EException            "socket creation error": the system refuses, or there is no descriptor for the look-up of the protocol.
     explicit TSocket(const TProtocolInfo& info);
 
     /// Adopts @p descriptor, taken to be in blocking mode, of the family number @p domain. No limits; marked for hand-over. Makes no
@@ -108,12 +129,14 @@ public:
     /// Sets the limit in seconds for sending and connecting and returns the one before. Never throws.
     double SetSendTimeout(const double& limit) override;
 
-    /// Waits for input up to the receive limit if the socket is blocking, then receives once.
+    /// Waits for input up to the receive limit if the socket is blocking, then receives once. Urgent data, which the call does not
+    /// receive, neither end the wait nor stretch the limit.
+    /// Waits: a socket may be announced readable and then have nothing (a datagram whose checksum is wrong, input that another copy has
+    /// taken): the call then waits past its limit. A non-blocking socket does not. Cancellation point.
     /// @return bytes received, 1 to @p size: what the system has, not necessarily all that was sent.
-    /// @throw EShutdown  "when receive": the peer closed its side, or @p size is 0.
+    /// @throw EShutdown  "when receive": the peer closed its side, or @p size is 0, or an empty datagram came. The three look alike; a
+    ///                   datagram socket goes on receiving after it.
     /// @throw ETimeout   nothing arrived within the limit.
-    /// A socket may be announced readable and then have nothing (a datagram whose checksum is wrong): the call then waits past its
-    /// limit. A non-blocking socket does not. Cancellation point.
     int Receive(void* buffer, unsigned size) override;
 
     /// Non-blocking, or without a send limit: sends once, and the result may be less than @p size. Blocking and with a limit: sends all
@@ -139,8 +162,12 @@ public:
     int SendTo(const void* data, unsigned size, const Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Gives the socket its own address.
-    /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason. That text
-    ///                       takes a reverse look-up, which may last seconds.
+    /// Binding to an "fs" path makes a file of type socket there, with the permissions that the process's mask leaves. It stays when the
+    /// socket is closed, and while it is there nobody can bind to that path again: TFile::Remove takes it away. Binding to an "fs"
+    /// address without a path, or to one that begins with a zero byte, makes no file: see TAddress.
+    /// Waits: only when binding an "inet" address fails, since the message takes a reverse look-up under the process's resolver lock. It
+    /// waits as long as a name server takes, and makes others wait meanwhile: who makes a socket, who asks TAddress::Get(true).
+    /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason.
     /// @throw EBadAddress, EUnsupportedDomain  binding failed and the address has no such text; that of TAddress::Get.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     void Bind(const Interface::TSocket<TSocket>::TAddress& address) override;
@@ -160,13 +187,15 @@ public:
 
     /// Waits for a connection, up to the receive limit if the socket is blocking and has one, and accepts it. @p address becomes the
     /// peer's: the system's bytes whole, its domain field untouched. If the call fails the address is as before.
+    /// Waits: a connection that is announced and aborted before it is accepted, or accepted by another copy, makes the call wait past its
+    /// limit, unless the socket is non-blocking. Cancellation point: one that arrives together with a connection may lose it and leave its
+    /// descriptor open, since C libraries before 2.41 act on it too late. A socket in non-blocking mode loses none; threads that are
+    /// cancelled wait with SelectRead() first. The system's mode counts there, not what this object believes: the call asks for it, and can
+    /// be cancelled if another copy has switched to blocking mode. It trusts that nobody does so between that question and the call.
     /// @return a socket in blocking mode, without limits, of the family of the peer's address, marked for hand-over.
     /// @throw ETimeout        nobody connected within the limit.
     /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
     /// @throw std::bad_alloc  there is no memory for the address; nothing was accepted.
-    /// A connection that is announced and aborted before it is accepted makes the call wait past its limit, unless the socket is
-    /// non-blocking. Cancellation point: one that arrives together with a connection may lose it and leave its descriptor open, since C
-    /// libraries before 2.41 act on it too late. A non-blocking socket loses none; threads that are cancelled wait with SelectRead() first.
     TSocket Accept(Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Makes @p address the socket's own address: where it is bound, the system's choice of a port included. Of a socket that is not bound,
@@ -193,8 +222,11 @@ public:
     /// time.
     bool SelectWrite(const double& limit) override;
 
-    /// On a blocking socket, waits until it can be read, for at most the receive limit. Does nothing on a non-blocking one.
-    /// @throw ETimeout  the limit ran out.
+    /// On a blocking socket, waits until a receive has something to take: bytes, the end of the connection, an error. The wait lasts at
+    /// most the receive limit. Does nothing on a non-blocking socket. Urgent data alone do not end the wait, unlike that of SelectRead(),
+    /// which it does not call; an "fs" socket that has some is looked at every few milliseconds. Cancellation point.
+    /// @throw ETimeout            the limit ran out.
+    /// @throw by the table above  the wait failed or a signal ended it; or, beside urgent data, the socket's own error.
     void ValidateReceive();
 
     /// Ends the connection's @p read or @p write direction, or both. After the latter a broken pipe counts as a shutdown.
@@ -202,7 +234,8 @@ public:
     void Shutdown(bool read, bool write) override;
 
     /// Sets the size in bytes of the system's buffer and returns the one before, as the system reported it. The system doubles what it
-    /// is given for its own needs, reports the doubled size, and caps it silently.
+    /// is given for its own needs, reports the doubled size, and caps it silently at its configured largest. What is too small, 0
+    /// included, becomes the smallest size that the system has (a few kilobytes).
     /// @throw EException  "getsockopt failed" or "setsockopt failed".
     unsigned SetSendBufferSize(unsigned size) override;
     unsigned SetReceiveBufferSize(unsigned size) override;

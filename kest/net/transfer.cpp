@@ -7,11 +7,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -49,12 +52,86 @@ bool WouldBlock(int code) {
     return code == EAGAIN || code == EINPROGRESS;
 }
 
+/// A pause in seconds where waiting for readiness would spin: short beside any limit, long beside a call.
+constexpr double AMoment = 0.005;
+
+/// Stands in for a wait that would end at once. The result is the system's: nearly all of the time passes here, so this is where a signal
+/// ends the wait.
+KEST_LEFT_BY_CANCELLATION int Pause(double seconds) {
+    const timespec interval = _Interval::ToTimeSpec(seconds);
+    return ::nanosleep(&interval, nullptr);
+}
+
 /// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
-/// writable at once, and waiting for that would spin. The result is the system's: nearly all of the time passes here, so this is where a
-/// signal ends the wait.
-KEST_LEFT_BY_CANCELLATION int PauseForQueue() {
-    const timespec aMoment{0, 5000000}; // short beside any limit, long beside a call
-    return ::nanosleep(&aMoment, nullptr);
+/// writable at once.
+int PauseForQueue() {
+    return Pause(AMoment);
+}
+
+/// Seconds of a clock that nobody sets.
+double SteadyTime() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+/// A number that a socket adopted may be one that is in no set of descriptors.
+void RequireNumberOfASet(const TSocket& socket) {
+    if (socket.GetDescriptor() >= 0 && socket.GetDescriptor() != INT_MAX)
+        return;
+    errno = EBADF;
+    (void)socket.CheckResult(-1);
+}
+
+/// Looks whether a receive has something to take, which the end of the connection is too. An error that waits is taken by the look, and so
+/// reported here.
+KEST_LEFT_BY_CANCELLATION bool HasInput(const TSocket& socket) {
+    char byte = 0;
+    const auto result = static_cast<int>(::recv(socket.GetDescriptor(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT));
+    if (result == -1 && WouldBlock(errno))
+        return false;
+    (void)socket.CheckResult(result);
+    return true;
+}
+
+/// Whether the socket becomes readable within @p seconds; what is not positive asks only.
+bool BecomesReadable(const TSocket& socket, double seconds) {
+    _TDescriptorSet readable(socket.GetDescriptor());
+    timeval interval = _Interval::ToTimeVal(std::max(seconds, 0.0));
+    return socket.CheckResult(::select(socket.GetDescriptor() + 1, readable.Get(), nullptr, nullptr, &interval)) != 0;
+}
+
+/// Urgent data have come. A receive skips them, and a socket says all the time that it has them. So the wait goes on for readability alone;
+/// but an "fs" socket counts a lone urgent byte as readable, and only a look tells.
+bool WaitForInputBesideUrgentData(const TSocket& socket, bool isReadable, double limit) {
+    const double end = SteadyTime() + limit;
+    for (;;) {
+        if (isReadable && HasInput(socket))
+            return true;
+        const double rest = end - SteadyTime();
+        if (!(rest > 0.0))
+            return false;
+        if (isReadable)
+            (void)socket.CheckResult(Pause(std::min(rest, AMoment)));
+        isReadable = BecomesReadable(socket, end - SteadyTime());
+        if (!isReadable)
+            return false;
+    }
+}
+
+/// Waits until a receive has something to take; false when the limit is over.
+bool WaitForInput(const TSocket& socket, double limit) {
+    RequireNumberOfASet(socket);
+    _TDescriptorSet readable(socket.GetDescriptor()), urgent(socket.GetDescriptor());
+    timeval interval = _Interval::ToTimeVal(limit);
+    timeval* timeout = limit == EndlessTimeInterval ? nullptr : &interval;
+    if (socket.CheckResult(::select(socket.GetDescriptor() + 1, readable.Get(), nullptr, urgent.Get(), timeout)) == 0)
+        return false;
+    if (!urgent.IsHeld())
+        return true;
+    // The system has left the rest of the limit in the interval. A C library that keeps that from its callers makes the limit begin anew,
+    // this one time.
+    constexpr double endless = std::numeric_limits<double>::infinity();
+    const double rest = static_cast<double>(interval.tv_sec) + static_cast<double>(interval.tv_usec) / _Interval::MicrosecondsPerSecond;
+    return WaitForInputBesideUrgentData(socket, readable.IsHeld(), timeout == nullptr ? endless : rest);
 }
 
 /// A C library before 2.41 may act on a cancellation after the system has made the new descriptor, which is lost then. So where the call
@@ -110,8 +187,10 @@ TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
     std::unique_ptr<char[]> bytes = MakeAddressRoom(); // before the call: nothing may fail between it and the new socket
     if (Blocking && ReceiveTimeout != EndlessTimeInterval)
         ValidateReceive();
+    // The system socket's own mode counts: another copy may have switched it back. Where it cannot be read, the call fails at once.
+    const bool mayWait = Blocking || (::fcntl(Descriptor, F_GETFL, 0) & O_NONBLOCK) == 0;
     socklen_t length = AddressRoom;
-    const int descriptor = CheckResult(AcceptOnce(Descriptor, Blocking, AsSystemAddress(bytes.get()), &length));
+    const int descriptor = CheckResult(AcceptOnce(Descriptor, mayWait, AsSystemAddress(bytes.get()), &length));
     const int family = FamilyOf(bytes.get());
     peer.Assume(std::move(bytes), std::min(length, AddressRoom));
     return TSocket(descriptor, family);
@@ -230,10 +309,7 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
 
 /// How many of the two sets that the wait watches the descriptor is in afterwards.
 int TSocket::CountReady(const double& limit, bool forWriting) const {
-    if (Descriptor < 0 || Descriptor == INT_MAX) {
-        errno = EBADF; // an adopted number that cannot be in a set
-        return CheckResult(-1);
-    }
+    RequireNumberOfASet(*this);
     _TDescriptorSet set(Descriptor);
     timeval interval = _Interval::ToTimeVal(limit);
     timeval* timeout = limit == EndlessTimeInterval ? nullptr : &interval;
@@ -251,7 +327,7 @@ bool TSocket::SelectWrite(const double& limit) {
 }
 
 void TSocket::ValidateReceive() {
-    if (Blocking && !SelectRead(ReceiveTimeout))
+    if (Blocking && !WaitForInput(*this, ReceiveTimeout))
         throw ETimeout();
 }
 

@@ -328,6 +328,13 @@ const TRow Rows[] = {
          Releasing(By({{C::accept, &CancelMyself}}, [](TScene& t) { t.Net.Listener.Socket.Accept(Peer); }))(s);
      },
      Itself, IsPast},
+    {"accept on what a copy has switched to blocking mode",
+     [](TScene& s) {
+         s.Net.Listener.Socket.SetBlocking(false);
+         (void)::fcntl(s.Net.Listener.Socket.GetDescriptor(), F_SETFL, 0);
+         s.Net.Listener.Socket.Accept(Peer);
+     },
+     true, AcceptsNext},
     {"accept with a limit", Limited([](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }), true, AcceptsNext},
     {"send", [](TScene& s) { SendTooMuch(s.Net.Server); }},
     {"send with a limit", Limited([](TScene& s) { SendTooMuch(s.Net.Server); })},

@@ -223,6 +223,30 @@ TEST(Fault, EachTransferMakesItsCallsWithTheirFlags) {
         "select(3) exception()");
 }
 
+// 66 is MSG_PEEK with MSG_DONTWAIT: only an "fs" socket counts a lone urgent byte as readable.
+TEST(Fault, WaitBesideUrgentDataMakesFewCallsAndReportsWhatTheyTell) {
+    using namespace Interface::_Socket;
+    for (const bool isInet : {true, false}) {
+        TConnection connection(isInet ? "inet" : "fs");
+        ASSERT_EQ(::send(connection.Server.GetDescriptor(), "!", 1, MSG_OOB), 1);
+        EXPECT_TRUE(connection.Client.SelectRead(Soon));
+        const auto expect = [&](double limit, const std::vector<TRule>& rules, const char* outcome, const std::string& log) {
+            connection.Client.SetReceiveTimeout(limit);
+            const std::string made =
+                LogOf(rules, [&] { EXPECT_EQ(OutcomeOf([&] { return connection.Client.Receive(Bytes, 1); }).find(outcome), 0U); });
+            EXPECT_EQ(made.substr(0, log.size()), log);
+            EXPECT_LE(made.size(), 20 * sizeof "nanosleep(5000000) select(0) recv(66)");
+        };
+        const std::string pause = " nanosleep(5000000)", end = " exception()";
+        const std::string first = isInet ? "select(0)" : "select(0) recv(66)";
+        expect(1e-9, {}, "ETimeout", first + end);
+        expect(0.05, {}, "ETimeout", first + (isInet ? " select(0)" + end : pause + " select(0) recv(66)"));
+        expect(0.05, {{C::nanosleep, EINTR}}, isInet ? "ETimeout" : "EShutdown", isInet ? "" : first + pause + end);
+        expect(0.05, {{C::recv, ECONNRESET}}, isInet ? "ETimeout" : "EReset", isInet ? "" : first + end);
+        expect(-1.0, {}, "ENotConnected", "select(-1)" + end);
+    }
+}
+
 FAULT_TEST(TimedConnectIsInBlockingModeAgainHoweverItEnds, connect, "Connect with a limit", "as without, in blocking mode again") {
     const std::string begin = "fcntl(read) fcntl(nonblocking) connect()";
     const std::string end = " fcntl(read) fcntl(blocking)", thrown = " exception()";

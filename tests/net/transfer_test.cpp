@@ -1,9 +1,11 @@
-#include <kest/net/socket.h>
+#include <kest/net/socket_stream.h>
 
 #include <support/sockets.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <typeinfo>
 
@@ -63,6 +65,51 @@ TEST_P(SocketTransfer, ReceiveTellsCloseResetTimeOutAndWouldBlockApart) {
     EXPECT_EQ(::poll(&readable, 1, 1000), 1);
     (void)::close(server); // at once, not shut down first: with input unread that is a reset
     EXPECT_KEST_THROW(other.Receive(&Byte, 1), EReset, Reset);
+}
+
+TEST_P(SocketTransfer, UrgentDataAreNoInput) {
+    TConnection connection(Domain);
+    TSocket& client = connection.Client;
+    TAddress from(Domain);
+    TSocket::TStream stream(client, 16);
+    const std::function<void()> ways[] = {[&] { client.Receive(&Byte, 1); }, [&] { client.ReceiveFrom(&Byte, 1, from); },
+                                          [&] {
+                                              stream.clear();
+                                              if (stream.get() == EOF)
+                                                  stream.GetLastResult() == -1 ? throw ETimeout() : throw EShutdown("interrupted");
+                                          }};
+    struct sigaction handled {};
+    handled.sa_flags = SA_RESTART;
+    handled.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &handled, nullptr), 0);
+    ASSERT_EQ(::send(connection.Server.GetDescriptor(), "!", 1, MSG_OOB), 1);
+    for (const auto& receive : ways) {
+        client.SetReceiveTimeout(0.1);
+        ExpectWait(0.1, [&] { EXPECT_THROW(receive(), ETimeout); });
+        client.SetReceiveTimeout(0.0);
+        for (const bool isSignal : {true, false}) {
+            std::atomic<pid_t> number{0};
+            std::atomic<bool> isOver{false};
+            TFunctionThread thread([&] {
+                number = ::gettid();
+                try {
+                    receive();
+                } catch (const EShutdown&) { // and not what a cancellation is
+                    isOver = true;
+                }
+            });
+            thread.Start();
+            EXPECT_TRUE(FallsAsleep(number));
+            for (int tries = 0; isSignal && !isOver && tries < 5000;
+                 ++tries, TThreadInstance::Sleep(0.001)) // one may hit it between two calls
+                (void)::pthread_kill(thread.GetId(), SIGUSR1);
+            if (!isSignal)
+                thread.Cancel();
+            EXPECT_EQ(thread.WaitFor(), isSignal ? 0 : -1);
+            EXPECT_EQ(isOver, isSignal);
+        }
+        EXPECT_EQ(WhileBlocked([&] { return receive(), 1; }, [&] { connection.Server.Send("x", 1); }), 1);
+    }
 }
 
 TEST_P(SocketTransfer, SendWithALimitDeliversAllToASlowReader) {
@@ -169,11 +216,13 @@ TEST_P(SocketTransfer, WaitsWorkForDescriptorsBeyondTheSystemsSets) {
     (void)::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = 5001;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (const int number : {1023, 1024, 1500, 5000}) {
+    for (const int number : {0, 1023, 1024, 1500, 5000}) {
         if (number >= FD_SETSIZE && std::getenv("KEST_EMULATOR") != nullptr)
             GTEST_SKIP() << "qemu's own select ends at FD_SETSIZE";
         SCOPED_TRACE(number);
         TConnection connection(Domain);
+        if (number == 0)
+            (void)::close(0);
         TSocket client(::fcntl(connection.Client.GetDescriptor(), F_DUPFD, number), 0);
         ASSERT_EQ(client.GetDescriptor(), number);
         client.SetReceiveTimeout(0.01);
@@ -184,6 +233,7 @@ TEST_P(SocketTransfer, WaitsWorkForDescriptorsBeyondTheSystemsSets) {
         FillUp(client);
         EXPECT_FALSE(client.SelectWrite(0.01));
     }
+    (void)::open("/dev/null", O_RDONLY); // number 0 is taken again
 }
 
 TEST_P(SocketTransfer, AddressOfAnotherImplementationIsRefusedBeforeAnySystemCall) {
