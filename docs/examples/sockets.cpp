@@ -1,5 +1,7 @@
+#include <kest/foundation/time.h>
 #include <kest/net/socket.h>
 
+#include <chrono>
 #include <iostream>
 #include <string>
 
@@ -24,11 +26,13 @@ int main() {
     client.Send(question.data(), static_cast<unsigned>(question.size()));
     client.Shutdown(false, true); // nothing more will come
 
-    server.SetReceiveTimeout(2.0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2); // for the whole question
     char buffer[64];
     try {
-        while (true) // each call brings what is there, which need not be all that was sent
+        while (true) { // each call brings what is there, which need not be all that was sent
+            server.SetReceiveTimeout(Kest::System::TimeLimit(deadline - std::chrono::steady_clock::now()));
             std::cout << std::string(buffer, static_cast<std::size_t>(server.Receive(buffer, sizeof buffer)));
+        }
     } catch (const Kest::System::Interface::_Socket::EShutdown&) {
         std::cout << '\n'; // the client has closed its side
     }

@@ -24,6 +24,11 @@ namespace Kest::System {
 /// | "ipx"  | none                                             | 16 zero bytes, for a socket operation to fill in   |
 /// | ""     | none                                             | the same                                           |
 ///
+/// On Linux an "fs" text that is empty or begins with a zero byte names no file but a name that the system keeps apart from files: all the
+/// bytes after the family, the zero at the end included. Such a name has no permissions, everybody in the same network namespace can
+/// connect to it, and it is gone with its last socket. Get() reads it as an empty text. An "fs" address made without a text has
+/// no bytes of a name at all; binding and connecting a stream to it fail.
+///
 /// The domain is set by the constructor and kept; what a socket operation fills in may be of another family, or longer or shorter
 /// than the bytes before. An object is a plain value: not to be changed by one thread while another uses it.
 class KEST_EXPORT TSocket::TAddress : public Interface::TSocket<TSocket>::TAddress {
@@ -55,8 +60,9 @@ public:
 
     /// The address as text: "host:port" for "inet", the path for "fs". Goes by the domain, never by the family in the bytes; bytes that
     /// are not there count as zero.
-    /// @param resolve  true: the host's registered name, looked up under the resolver lock, which may take seconds; the name is cut to
-    ///                 255 characters, and a cancellation waits for the look-up. Ignored for "fs".
+    /// Waits: where @p resolve is true, for "inet", for the resolver lock and then for the look-up, as long as a name server takes.
+    /// Meanwhile nobody else in the process makes a socket or looks a name up this way. A cancellation is acted on after the look-up.
+    /// @param resolve  true: the host's registered name, cut to 255 characters. Ignored for "fs".
     /// @throw EUnsupportedDomain  "address error": the domain has no text.
     /// @throw EBadAddress         no name is registered.
     std::string Get(bool resolve) const override;

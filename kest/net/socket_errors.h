@@ -6,8 +6,9 @@
 
 #include <string>
 
-/// What socket operations throw. Callers choose by class: EIOError catches everything that goes wrong with a connection, EAbort what
-/// ends one.
+/// What socket operations throw. Callers choose by class: EIOError catches what goes wrong with a connection that there is, EAbort what
+/// ends one. A connection that never came about is none of them where the system refuses it (a refused connection, an unreachable host):
+/// that is an EException itself, so whoever connects catches EException.
 ///
 ///     EException
 ///         EUnsupportedDomain   EUnsupportedType   EUnsupportedProtocol   EBadAddress

@@ -96,4 +96,32 @@ TEST(SocketStream, DestructorSendsWhatIsPendingAndLeavesTheSocketOpen) {
     EXPECT_NO_THROW(TStream(connection.Client, 16) << "nobody will get this");
 }
 
+TEST(SocketStream, FlushThatRanOutOfTimeBeginsAnewUnlessTheSendingSideIsShutDown) {
+    const std::string sent = Pattern(4 << 20);
+    for (const bool isShutDown : {false, true}) {
+        TConnection connection("fs");
+        std::string received;
+        TFunctionThread reader([&] {
+            char piece[70000];
+            EXPECT_THROW(for (;;) received.append(piece, static_cast<std::size_t>(connection.Server.Receive(piece, sizeof piece))),
+                         EShutdown);
+        });
+        {
+            TStream stream(connection.Client, 5 << 20);
+            connection.Client.SetSendTimeout(0.01);
+            stream << sent << std::flush;
+            EXPECT_EQ(stream.GetLastResult(), -1);
+            connection.Client.SetSendTimeout(Soon);
+            if (isShutDown)
+                connection.Client.Shutdown(false, true);
+            reader.Start();
+        }
+        connection.Client.Shutdown(false, true);
+        (void)reader.WaitFor();
+        const std::string again = isShutDown ? "" : sent;
+        ASSERT_GT(received.size(), again.size());
+        EXPECT_TRUE(received == sent.substr(0, received.size() - again.size()) + again);
+    }
+}
+
 } // namespace
