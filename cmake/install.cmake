@@ -4,6 +4,10 @@ include(CMakePackageConfigHelpers)
 
 # Headers that only the library's own sources include.
 set(internal_headers
+    filesystem/descriptor.h
+    filesystem/file_copy.h
+    filesystem/file_move.h
+    filesystem/folder_entry.h
     foundation/failure.h
     foundation/interval.h
     foundation/unwinding.h

@@ -16,45 +16,65 @@ public:
     class TState; // file_state.h
 
     /// Copies the content of @p from to @p to and gives @p to the modification time of @p from, in whole seconds. An existing destination
-    /// is overwritten and keeps its permissions; a new one gets those of a new file. Links are followed at both ends. Permissions, owner
-    /// and access time are not copied. An empty source is copied like any other.
+    /// is overwritten and keeps its permissions. A new one gets those of a new file, 0666 less the mask of the process. Links are followed at
+    /// both ends. Permissions, owner and access time are not copied, and holes come out as zeros on the disk. An empty source is copied like
+    /// any other.
+    /// The destination is emptied only when both files are open and are two files. Until then a failure leaves it as it was, or empty where
+    /// it was new. A directory as source, one that cannot be opened, and one file under whatever names are such failures. From then on a
+    /// failure leaves what was written, without the old content. So does a cancellation.
+    /// Where two mounts show one file under two device numbers, the library takes it for two files, and a copy of it onto itself empties it;
+    /// this is the copy error then, as whenever the source became shorter meanwhile.
+    /// Writing to a pipe that nobody reads raises SIGPIPE, and writing beyond the process's limit for files SIGXFSZ, as the system's own
+    /// calls do.
     /// @throw EException  "getting file state failed: " + the system's description: there is no @p from, and @p to was not touched.
     /// @throw EException  "file copy error: from " + @p from + " to " + @p to: one of them could not be opened, read or written whole (a
-    ///                    full disk among the reasons). The destination is then what was written, without its old content, which is also
-    ///                    so when only the source could not be opened or is a directory. Or both are one file, whatever their names, and
-    ///                    nothing was touched. An error that the system reports only when the copy is closed, as network file systems may,
-    ///                    is not seen.
-    /// @throw EException  "getting file state failed: " or "SetLastModificationTime failed: " + the system's description: the copy is
-    ///                    complete, its time is not set.
-    /// May block as long as the files do, a pipe already when it is opened, and is a cancellation point.
+    ///                    full disk among the reasons), or both are one file. An error that the system reports only when the copy is
+    ///                    written out or closed is not seen.
+    /// @throw EException  "SetLastModificationTime failed: " + the system's description: the copy is complete, its time is not set.
+    /// Requires: nobody else writes to either file meanwhile, if the copy is to be of any one state of the source.
+    /// Waits: for a pipe or a device as long as it makes its user wait, already when it is opened; for another process's lease on a file. A
+    /// signal that is handled ends the wait for opening (the copy error), not that for bytes. Cancellation point; with a C library before
+    /// 2.41 a thread that is cancelled just as the other end of a pipe arrives may lose the pipe's descriptor.
+    /// Threads: any may call it.
     static void Copy(const std::string& from, const std::string& to);
 
     /// Renames @p from to @p to; the same as _RenameHelper(), tried again at once up to ten times when it fails with an EException, so
     /// eleven times in all. A failed allocation and a cancellation leave at once.
     /// @throw EException  that of the last attempt.
     static void Rename(const std::string& from, const std::string& to);
-
-private:
-    friend KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
-
-    KEST_HIDDEN static bool Copy(const std::string& from, const std::string& to, bool& isOpenedForWriting);
 };
 
 /// One attempt to rename @p from to @p to.
 ///
 /// Within a file system an existing destination is replaced in one step: at every moment it is the old file or the new one. A name is not
 /// followed if it is a symbolic link; the link is renamed. Where both are names of one directory entry ("a", "./a") nothing happens and
-/// the attempt succeeds; where they are two hard links of one file, the source entry is removed.
+/// the attempt succeeds. Where they are two hard links of one file, the source entry is removed, unless it is another file by then.
 ///
-/// Over file systems a source that is a directory or cannot be read is an error before anything is touched. Otherwise the content is copied
-/// as TFile::Copy() does, following links at the source, and the source removed. An old destination is overwritten; a symbolic link, a
-/// pipe, a device or one of several hard links is removed before, so that nothing is written through it. If the copy, its closing or the
-/// removal fails, the source is still there and the destination is removed, provided the copy had opened it for writing: an old destination
-/// is lost then. If the source has vanished meanwhile, the complete copy stays.
+/// Over file systems the file is copied to a fresh one beside the destination, written through to the disk, and renamed over the
+/// destination. What stands there is replaced in that one step, be it a symbolic link, a pipe, a device or one of several hard links, and
+/// never written through. The source is removed last, and only as the entry and the file that were read, as large as then and not modified
+/// since. A symbolic link as source is followed for its content, and the link goes. The result is a new file: 0666 less the mask of the
+/// process, the caller's, with the modification time in whole seconds, without holes and without further hard links. There must be room for
+/// the copy beside the old destination, and its folder must allow new entries.
 ///
-/// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description.
-/// @throw EException  "cross device link: tryed to copy and remove: copy failed" or the same with "remove failed" at its end.
-/// A copy may block, and is a cancellation point; cancelled, it leaves the source, and no destination that it had begun to write.
+/// Before the destination is replaced, a failure and a cancellation change nothing. When only the removal of the source fails, as in a
+/// folder that is read-only, the destination goes again, provided that it still is this copy and that the source is still there: an old
+/// destination is lost then. When the source vanishes during the copy, the copy stays where nothing stood at the destination.
+///
+/// Others may rename, replace and remove source and destination at any moment, by this operation too: no content is lost that nobody
+/// replaced or removed. For a moment a file may stand under a fresh name of the library's own, ".kest-" and two numbers. It keeps that name
+/// where somebody took its own just then, or where the process is killed. This does not hold between two mounts that show one file under
+/// two device numbers, nor against somebody who writes to the source while it is being removed.
+///
+/// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description: nothing has changed.
+/// @throw EException  "cross device link: tryed to copy and remove: copy failed": nothing has changed, unless the disk failed when the
+///                    folder of the destination was written through, for which the destination goes as when only the removal fails.
+///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
+///                    destination and a full disk are reasons.
+/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by now,
+///                    or has gone.
+/// Waits: over file systems as TFile::Copy() does for the source, and for the disk. Cancellation point until the destination is replaced.
+/// Threads: any may call it.
 KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
 
 /// Whether @p name matches the wildcard pattern @p pattern, by the rules of fnmatch in the program's locale: "*" and "?" also match a

@@ -1,0 +1,125 @@
+#include <kest/filesystem/file_copy.h>
+
+#include <kest/foundation/unwinding.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <time.h>
+
+namespace Kest::System {
+
+namespace {
+
+/// One call with cancellation off, which must not wait.
+int OpenAtOnce(int folder, const char* path, int flags) {
+    const TCancellationOff off;
+    return ::openat(folder, path, flags | O_NONBLOCK | O_CLOEXEC, 0666);
+}
+
+/// Opens without waiting, except for the end of another process's lease. A signal ends that wait, as it ends the system's own.
+KEST_LEFT_BY_CANCELLATION int OpenWithoutWaiting(int folder, const char* path, int flags) {
+    const timespec pause{0, 5000000};
+    for (;;) {
+        const int descriptor = OpenAtOnce(folder, path, flags);
+        if (descriptor >= 0 || errno != EWOULDBLOCK || ::nanosleep(&pause, nullptr) != 0)
+            return descriptor;
+    }
+}
+
+/// Opens what may have to wait for somebody.
+KEST_LEFT_BY_CANCELLATION int OpenAndWait(int folder, const char* path, int flags) {
+    return ::openat(folder, path, flags | O_CLOEXEC, 0666);
+}
+
+bool ReadState(_TOpenFile& file) {
+    return ::fstat(file.Descriptor.Get(), &file.State) == 0;
+}
+
+/// Lets the kernel move the next @p size bytes from file to file, or somewhat more, until it refuses or there are none. Whatever stopped
+/// it: both files stand behind what it moved, and reading goes on from there to the true end.
+/// @return the number of bytes.
+KEST_LEFT_BY_CANCELLATION std::int64_t MoveInKernel(int in, int out, std::int64_t size) {
+    constexpr std::size_t most = 1 << 26; // a cancellation is acted on between two calls
+    std::int64_t sum = 0;
+    while (sum < size) {
+        const ssize_t moved = ::copy_file_range(in, nullptr, out, nullptr, most, 0);
+        if (moved == 0 || (moved < 0 && errno != EINTR))
+            break;
+        sum += std::max<ssize_t>(moved, 0);
+    }
+    return sum;
+}
+
+/// Writes @p size bytes; true when all of them went out.
+KEST_LEFT_BY_CANCELLATION bool WriteAll(int out, const char* bytes, ssize_t size) {
+    for (ssize_t done = 0; done < size;) {
+        const ssize_t written = ::write(out, bytes + done, static_cast<std::size_t>(size - done));
+        if (written == 0 || (written < 0 && errno != EINTR))
+            return false;
+        done += std::max<ssize_t>(written, 0);
+    }
+    return true;
+}
+
+/// Reads and writes everything that is left of @p in.
+/// @return the number of bytes, or -1.
+KEST_LEFT_BY_CANCELLATION std::int64_t MoveRest(int in, int out, char* buffer, std::size_t size) {
+    for (std::int64_t sum = 0;;) {
+        const ssize_t count = ::read(in, buffer, size);
+        if (count == 0)
+            return sum;
+        if (count < 0 && errno != EINTR)
+            return -1;
+        if (!WriteAll(out, buffer, count))
+            return -1;
+        sum += std::max<ssize_t>(count, 0);
+    }
+}
+
+} // namespace
+
+_TOpenFile _OpenSource(int folder, const char* path, const struct stat& looked) {
+    const bool isRegular = S_ISREG(looked.st_mode);
+    _TOpenFile in{_TDescriptor(isRegular ? OpenWithoutWaiting(folder, path, O_RDONLY) : OpenAndWait(folder, path, O_RDONLY)), {}};
+    if (in.IsOpen() && (!ReadState(in) || S_ISDIR(in.State.st_mode) || S_ISREG(in.State.st_mode) != isRegular))
+        (void)in.Descriptor.Close();
+    return in;
+}
+
+_TOpenFile _OpenDestination(const char* path) {
+    const int flags = O_WRONLY | O_CREAT;
+    int descriptor = OpenWithoutWaiting(AT_FDCWD, path, flags);
+    if (descriptor < 0 && errno == ENXIO) // a pipe that nobody reads yet
+        descriptor = OpenAndWait(AT_FDCWD, path, flags);
+    _TOpenFile out{_TDescriptor(descriptor), {}};
+    const auto isReady = [&out] {
+        return ReadState(out) && (S_ISREG(out.State.st_mode) || ::fcntl(out.Descriptor.Get(), F_SETFL, 0) == 0);
+    };
+    if (out.IsOpen() && !isReady()) // writing is to wait, where a file has that
+        (void)out.Descriptor.Close();
+    return out;
+}
+
+_TCopyBuffer::_TCopyBuffer(const struct stat& source) {
+    constexpr std::int64_t smallestLargeFile = 1 << 14;
+    if (!S_ISREG(source.st_mode) || source.st_size >= smallestLargeFile)
+        Large.reset(new char[LargeSize]);
+}
+
+std::int64_t _CopyContent(const _TOpenFile& in, const _TDescriptor& out, _TCopyBuffer& buffer) {
+    const int source = in.Descriptor.Get();
+    const std::int64_t inKernel = S_ISREG(in.State.st_mode) ? MoveInKernel(source, out.Get(), in.State.st_size) : 0;
+    const std::int64_t rest = MoveRest(source, out.Get(), buffer.Get(), buffer.GetSize());
+    return rest < 0 ? rest : inKernel + rest;
+}
+
+bool _CopyTime(const struct stat& source, const _TDescriptor& out) {
+    timespec times[2] = {};
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = source.st_mtime;
+    return ::futimens(out.Get(), times) == 0;
+}
+
+} // namespace Kest::System

@@ -1,0 +1,90 @@
+#include <kest/filesystem/folder_entry.h>
+
+#include <kest/filesystem/file_copy.h>
+
+#include <atomic>
+#include <charconv>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+
+namespace Kest::System {
+
+namespace {
+
+std::atomic<unsigned> FreshNames{0};
+
+/// A path up to and with its last separator; its own folder is that of a path without one.
+std::string FolderOf(std::string_view path) {
+    const std::size_t separator = path.rfind('/');
+    return separator == std::string_view::npos ? "." : std::string(path.substr(0, separator + 1));
+}
+
+_TDescriptor OpenFolder(const std::string& path, int flags) {
+    const TCancellationOff off;
+    int descriptor = ::openat(AT_FDCWD, path.c_str(), flags | O_DIRECTORY | O_CLOEXEC, 0);
+    if (descriptor < 0 && errno == EACCES)
+        descriptor = ::openat(AT_FDCWD, path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0);
+    return _TDescriptor(descriptor);
+}
+
+} // namespace
+
+std::optional<struct stat> _LookAt(int folder, const char* name) {
+    struct stat state {};
+    if (::fstatat(folder, name, &state, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return state;
+}
+
+/// Counted by process and within it: two processes that see different numbers for themselves may meet, and then find each other's file.
+void _TFreshName::Advance() {
+    constexpr std::string_view prefix = ".kest-";
+    char* place = Text + prefix.copy(Text, prefix.size());
+    place = std::to_chars(place, std::end(Text), ::getpid()).ptr;
+    *place++ = '-';
+    place = std::to_chars(place, std::end(Text), FreshNames.fetch_add(1, std::memory_order_relaxed)).ptr; // any number will do, once
+    *place = '\0';
+}
+
+_TEntry::_TEntry(const std::string& path, int flags) {
+    const std::string_view whole(path.c_str()); // which ends at its first zero byte
+    Name = whole.substr(whole.rfind('/') + 1);
+    Folder = OpenFolder(FolderOf(whole), flags);
+}
+
+bool _TEntry::IsSameEntry(const _TEntry& other) const {
+    struct stat mine {};
+    struct stat theirs {};
+    return Name == other.Name && ::fstat(GetFolder(), &mine) == 0 && ::fstat(other.GetFolder(), &theirs) == 0 && _IsSameFile(mine, theirs);
+}
+
+int _TEntry::PutAside(_TFreshName& aside) const {
+    const int folder = GetFolder();
+    if (aside.Find([&](const char* name) { return ::mknodat(folder, name, S_IFREG | 0600, 0); }) < 0)
+        return errno;
+    if (::renameat(folder, GetName(), folder, aside.Get()) == 0)
+        return 0;
+    const int error = errno;
+    Remove(aside);
+    return error;
+}
+
+bool _TEntry::Take(const _TEntry& other, const _TFreshName& aside) const {
+    if (::linkat(other.GetFolder(), aside.Get(), GetFolder(), GetName(), 0) == 0) {
+        other.Remove(aside);
+        return true;
+    }
+#ifdef RENAME_NOREPLACE // where there are no hard links, or not of this file for this user
+    if (errno != EEXIST && ::renameat2(other.GetFolder(), aside.Get(), GetFolder(), GetName(), RENAME_NOREPLACE) == 0)
+        return true;
+#endif
+    const auto stands = Look();
+    const auto mine = _LookAt(other.GetFolder(), aside.Get());
+    if (!stands || !mine || !_IsSameFile(*stands, *mine))
+        return false;
+    other.Remove(aside);
+    return true;
+}
+
+} // namespace Kest::System
