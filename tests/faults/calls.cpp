@@ -144,6 +144,17 @@ int TPlan::CountOf(TCall call) const {
     return static_cast<int>(std::count_if(Entries, Entries + Made, [&](const auto& entry) { return entry.first == call; }));
 }
 
+std::vector<TRule> TPlan::ForEach(const TRule& rule, std::size_t first) const {
+    std::vector<TRule> rules;
+    for (std::size_t index = first; index < Made; ++index) {
+        const TCall call = Entries[index].first;
+        const auto number = std::count_if(Entries, Entries + index + 1, [&](const auto& entry) { return entry.first == call; });
+        rules.push_back(rule.At(static_cast<int>(number)));
+        rules.back().Call = call;
+    }
+    return rules;
+}
+
 std::string TPlan::Log(std::initializer_list<TCall> calls) const {
     std::string log;
     for (const auto* entry = Entries; entry != Entries + Made; ++entry)

@@ -73,6 +73,9 @@ public:
 
     int CountOf(TCall call) const;
 
+    /// @p rule for each of the calls made, one after the other, beginning with the @p first: for that one alone.
+    std::vector<TRule> ForEach(const TRule& rule, std::size_t first = 0) const;
+
     /// The calls of these kinds in their order, with their details: "connect() select(1)".
     std::string Log(std::initializer_list<TCall> calls) const;
 

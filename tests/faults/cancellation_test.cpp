@@ -358,9 +358,8 @@ const TRow Rows[] = {
     {"copy from a silent pipe", Held("from", Copy), true, TreeIs({"from|", "to="}), PipeToFile},
     {"copy to a pipe that nobody opens", Copy, true, TreeIs(FileToPipe), FileToPipe},
     {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
-    {"opening the files of a copy", By({TRule(C::open, &EndMyself).At(1)}, Copy), Itself, TreeIs({"from=x", "to="}), {"from=x", "to=old"}},
     {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
-    {"rename of a silent pipe", Held("from", Move), true, TreeIs({"from|"}), PipeToFile},
+    {"rename of a silent pipe", Held("from", Move), true, TreeIs(PipeToFile), PipeToFile},
     // Streams over a transport that is cancelled: what is pending is written by the destructor.
     {"refill", Streaming(16, [](auto& stream) { stream.get(); }), Itself, IsWritten},
     {"refill without a buffer", [](TScene& s) { Kest::_Gadgets::TStream(s.Transport, 1).get(); }, Itself},
@@ -409,6 +408,33 @@ TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
         row.After(scene);
         ExpectNothingLeaked(before);
     }
+}
+
+TEST(Fault, MoveCancelledAtAnyCallIsMadeAsAWholeOrNotAtAll) {
+    const TTree before = {"from=content", "to=old"};
+    const TRule far(C::rename, EXDEV);
+    TPlan calm({far});
+    {
+        TScene scene(before);
+        calm.Run([&] { _RenameHelper(scene.From, scene.To); });
+    }
+    int cancelled = 0;
+    for (const TRule& rule : calm.ForEach(TRule(C::rename, &CancelMyself))) {
+        SCOPED_TRACE(std::string(NameOf(rule.Call)) + " number " + std::to_string(rule.From));
+        TScene scene(before);
+        const int descriptors = OpenDescriptors();
+        TFunctionThread thread([&] {
+            const TScene::TWitness witness(scene);
+            By({rule, far}, [](TScene& s) { _RenameHelper(s.From, s.To); })(scene);
+        });
+        thread.Start();
+        const bool isCancelled = thread.WaitFor() == -1;
+        cancelled += isCancelled ? 1 : 0;
+        EXPECT_EQ(scene.Leaked, (std::array<long, 2>{0, 0}));
+        EXPECT_EQ(TreeOf(scene.Place.GetPath()), isCancelled ? before : TTree{"to=content"});
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+    }
+    EXPECT_GT(cancelled, 3);
 }
 
 } // namespace

@@ -15,6 +15,8 @@ const TTree Usual = {"from=content", "to=old"};
 const TTree Copied = {"from=content", "to=content"};
 const TTree Emptied = {"from=content", "to="};
 const TTree Alone = {"from=content"};
+const TTree Moved = {"to=content"};
+const TTree Linked = {"from=content", "to&from"};
 
 /// An operation, what of it fails, and what comes of that: text for OutcomeOf() and Filled(), and the files afterwards.
 struct TRow {
@@ -160,11 +162,19 @@ const TRow Rows[] = {
     {{C::stat, EACCES}, "TFile::TState", State, StateFailed},
     {{C::utime, EPERM}, "SetLastModificationTime", SetModification, TimeFailed},
     {{C::utime, EROFS}, "SetLastAccessTime", SetAccess, "EException: SetLastAccessTime failed: WHY"},
-    {TRule(C::stat, EACCES).At(1), "TFile::Copy, of the source", Copy, StateFailed},
-    {TRule(C::stat, EIO).At(3), "TFile::Copy, of the copy", Copy, StateFailed, Copied},
-    {{C::utime, EPERM}, "TFile::Copy", Copy, TimeFailed, Copied},
-    {TRule(C::open, EMFILE).At(2), "TFile::Copy, of the destination", Copy, CopyError},
-    {TRule(C::open, EACCES).At(1), "TFile::Copy, of the source", Copy, CopyError, Emptied},
+    {{C::stat, EACCES}, "TFile::Copy", Copy, StateFailed},
+    {TRule(C::openat, EACCES).At(1), "TFile::Copy, of the source", Copy, CopyError},
+    {TRule(C::openat, EMFILE).At(2), "TFile::Copy, of the destination", Copy, CopyError},
+    {TRule(C::openat, EWOULDBLOCK).At(1), "TFile::Copy, until another process gives up its lease", Copy, "", Copied},
+    TRow({C::nanosleep, EINTR}, "TFile::Copy, while another process holds a lease", Copy, CopyError).With({C::openat, EWOULDBLOCK}),
+    {TRule(C::fstat, EIO).At(1), "TFile::Copy, of the source", Copy, CopyError},
+    {TRule(C::fstat, EIO).At(2), "TFile::Copy, of the destination", Copy, CopyError},
+    {{C::ftruncate, EIO}, "TFile::Copy", Copy, CopyError},
+    {{C::fcntl, EBADF},
+     "TFile::Copy to what is no regular file",
+     [](TWorld& w) { TFile::Copy(w.From, "/dev/null"); },
+     "EException: file copy error: from FROM to /dev/null"},
+    {{C::futimens, EPERM}, "TFile::Copy", Copy, TimeFailed, Copied},
     TRow({C::read, EIO}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow({C::write, ENOSPC}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow(TRule(C::read, EINTR).At(1), "TFile::Copy, interrupted", Copy, "", Copied).With(Apart),
@@ -175,20 +185,36 @@ const TRow Rows[] = {
     {TRule(C::close, EIO).Made(), "TFile::Copy", Copy, "", Copied},
     {{C::remove, EACCES}, "Remove", [](TWorld& w) { TFile::Remove(w.From); }, "EException: unable to remove file 'FROM': WHY"},
     {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
-    TRow({C::unlink, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On({"from=content", "to&from"}),
     {{C::lstat, EACCES}, "_RenameHelper, after it succeeded", Move, "", {"to=content"}},
-    TRow(TRule(C::stat, EACCES).At(2), "_RenameHelper, of the folder of a hard link", Move, "", {"from=content", "to=content"})
-        .On({"from=content", "to&from"}),
-    TRow({C::faccessat, EACCES}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
-    TRow(TRule(C::open, EMFILE).At(2), "_RenameHelper, over file systems, of the destination", Move, CopyFailed).With(Far),
-    TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
-    TRow({C::read, EIO}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far).With(Apart),
-    TRow(TRule(C::close, EDQUOT).Made().At(1), "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far),
-    TRow({C::utime, EPERM}, "_RenameHelper, over file systems", Move, CopyFailed, Alone).With(Far),
-    TRow(TRule(C::remove, EPERM).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
-    TRow({C::remove, EPERM}, "_RenameHelper, over file systems, of a link in the way", Move, CopyFailed, {"from=content", "to->gone"})
-        .On({"from=content", "to->gone"})
-        .With(Far),
+    // Of the two names of one file nothing is lost; a name that cannot be told from the other stays.
+    TRow({C::openat, EMFILE}, "_RenameHelper, of the folder of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow({C::mknodat, ENOSPC}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow({C::renameat, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow(TRule(C::unlinkat, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    // Over file systems the old destination survives every failure of the copy.
+    TRow(TRule(C::openat, EMFILE).At(4), "_RenameHelper, over file systems, of the copy", Move, CopyFailed).With(Far),
+    TRow(TRule(C::openat, EACCES).At(2), "_RenameHelper, over file systems, of a folder not to be read", Move, "", Moved).With(Far),
+    TRow({C::fstatat, EACCES}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow(TRule(C::fstat, EIO).At(2), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow({C::fcntl, EMFILE}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far).With(Apart),
+    TRow({C::read, EIO}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far).With(Apart),
+    TRow({C::futimens, EPERM}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow(TRule(C::fsync, ENOSPC).At(1), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow(TRule(C::fsync, EINTR).At(1, 2), "_RenameHelper, over file systems, interrupted", Move, "", Moved).With(Far),
+    TRow(TRule(C::close, EDQUOT).Made().At(1), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
+    TRow(TRule(C::renameat, EBUSY).At(1), "_RenameHelper, over file systems, of the copy", Move, CopyFailed).With(Far),
+    TRow(TRule(C::fsync, EIO).At(2), "_RenameHelper, over file systems, of the folder", Move, CopyFailed, Alone).With(Far),
+    TRow(TRule(C::fsync, EINVAL).At(2), "_RenameHelper, over file systems, of a folder without that", Move, "", Moved).With(Far),
+    TRow({C::syncfs, EIO}, "_RenameHelper, over file systems, of a folder not to be read", Move, CopyFailed, Alone)
+        .With(Far)
+        .With(TRule(C::openat, EACCES).At(2)),
+    TRow(TRule(C::mknodat, EROFS).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow(TRule(C::renameat, EPERM).At(2), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow(TRule(C::unlinkat, EIO).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow(TRule(C::linkat, EPERM).At(1), "_RenameHelper, over file systems, of a source that is put back", Move, RemoveFailed, Alone)
+        .With(Far)
+        .With(TRule(C::unlinkat, EIO).At(1)),
     {{C::realpath, EACCES}, "GetFullPathName", [](TWorld& w) { return GetFullPathName(w.From); }, NoPath},
     {{C::realpath, ELOOP}, "GetPathName", [](TWorld& w) { return TFile::GetPathName(w.From); }, NoPath},
     {{C::fnmatch, 0}, "GetFileNameMatch", [](TWorld&) { return GetFileNameMatch("a", "*"); }, "0"},

@@ -26,23 +26,12 @@ FAULT_TEST(RenameTriesElevenTimes, rename, "Rename",
     EXPECT_EQ(TreeOf(world.Place.GetPath()), TTree{"to=content"});
 }
 
-TEST(Fault, NothingIsTruncatedBeforeBothFilesWereLookedAt) {
+TEST(Fault, NothingIsTruncatedBeforeBothFilesAreOpen) {
     TWorld world;
     TPlan copy;
     copy.Run([&] { TFile::Copy(world.From, world.To); });
-    EXPECT_EQ(copy.Log({C::stat, C::open, C::utime}), "stat(from) open(from) stat(to) open(to) stat(to) utime(to)");
-    TPlan move({TRule(C::rename, EXDEV)});
-    move.Run([&] { TFile::Rename(world.From, world.To); });
-    EXPECT_EQ(move.Log({C::rename, C::faccessat, C::open, C::utime, C::remove}),
-              "rename(from) faccessat(from) open(from) open(to) utime(to) remove(from)");
-}
-
-FAULT_TEST(SourceThatVanishesLeavesTheCopy, remove, "_RenameHelper, over file systems, of a source that has vanished",
-           "`EException: cross device link: tryed to copy and remove: remove failed`, and the copy stays") {
-    TWorld world;
-    TPlan plan({TRule(C::rename, EXDEV), TRule(C::remove, [&] { (void)::unlink(world.From.c_str()); })});
-    plan.Run([&] { EXPECT_THROW(_RenameHelper(world.From, world.To), EException); });
-    EXPECT_EQ(TreeOf(world.Place.GetPath()), TTree{"to=content"});
+    EXPECT_EQ(copy.Log({C::stat, C::openat, C::fstat, C::ftruncate, C::copy_file_range, C::futimens, C::utime}),
+              "stat(from) openat(from) fstat() openat(to) fstat() ftruncate() copy_file_range() futimens()");
 }
 
 FAULT_TEST(LargeFileIsCopiedWhateverTheKernelRefuses, copy_file_range, "Copy", "no failure: what is left is read and written") {

@@ -81,7 +81,7 @@ TEST(FileCopy, ContentAndModificationTimeAreThoseOfTheSource) {
 TEST(FileCopy, FailureLeavesWhatIsDocumented) {
     const TCase cases[] = {
         {{"b=22"}, "gone", "b", Described("getting file state failed: ", ENOENT), {"b=22"}},
-        {{"d/"}, "d", "b", CopyError, {"b=", "d/"}},
+        {{"b=22", "d/"}, "d", "b", CopyError, {"b=22", "d/"}},
         {{"a=1", "d/"}, "a", "d", CopyError, {"a=1", "d/"}},
         // One file, by whatever roads.
         {{"a=1"}, "a", "a", CopyError, {"a=1"}},
@@ -145,7 +145,7 @@ TEST_F(WithMounts, Rename) {
         {{"near/a=1", "far/b=22", "far/h&far/b"}, "near/a", "far/h", "", {"far/b=22", "far/h=1"}},
         {{"near/a=1", "far/l->../near/a"}, "near/a", "far/l", "", {"far/l=1"}},
         // The copy fails.
-        {{"near/a=" + large, "far/b=22"}, "near/a", "far/b", CopyFailed, {"near/a=" + large}},
+        {{"near/a=" + large, "far/b=22"}, "near/a", "far/b", CopyFailed, {"far/b=22", "near/a=" + large}},
         {{"near/a=1", "far/d/", "far/d/b=2"}, "near/a", "far/d", CopyFailed, {"far/d/", "far/d/b=2", "near/a=1"}},
         {{"near/d/", "far/b=22"}, "near/d", "far/b", CopyFailed, {"far/b=22", "near/d/"}},
         // The copy may be made, the source not removed.

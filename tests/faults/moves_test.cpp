@@ -1,0 +1,162 @@
+#include "world.h"
+
+#include <regex>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::EException;
+using C = TCall;
+
+// What becomes of files when somebody else acts, or a call fails, before any single call that an operation makes.
+
+namespace {
+
+const TTree Before = {"from=content", "other=new", "to=old"};
+const TTree Moved = {"other=new", "to=content"};
+const TRule Far{C::rename, EXDEV};
+
+void MoveFar(const std::string& from, const std::string& to) {
+    TPlan plan({Far});
+    plan.Run([&] { OutcomeOf([&] { TFile::Rename(from, to); }); });
+}
+
+/// Somebody else, and the contents of which one has to be whole afterwards; with none, nothing has to.
+struct TActor {
+    const char* Name;
+    std::function<void(TWorld&)> Act;
+    std::vector<std::string> Kept;
+};
+
+const TActor Actors[] = {
+    {"replaces the source", [](TWorld& w) { (void)::rename((w.Place / "other").c_str(), w.From.c_str()); }, {"new"}},
+    {"moves the source away", [](TWorld& w) { (void)::rename(w.From.c_str(), (w.Place / "away").c_str()); }, {"content"}},
+    {"moves the source to the destination", [](TWorld& w) { (void)::rename(w.From.c_str(), w.To.c_str()); }, {"content"}},
+    {"links the destination to the source", // without a moment in which there is none
+     [](TWorld& w) {
+         if (::access(w.From.c_str(), F_OK) == 0 && ::symlink("from", (w.Place / "link").c_str()) == 0)
+             (void)::rename((w.Place / "link").c_str(), w.To.c_str());
+     },
+     {"content"}},
+    {"lengthens the source",
+     [](TWorld& w) {
+         if (const int file = ::open(w.From.c_str(), O_WRONLY | O_APPEND); file >= 0) {
+             EXPECT_EQ(::write(file, "+", 1), 1);
+             (void)::close(file);
+             WriteFile(w.Place / "lengthened", "");
+         }
+     },
+     {"content", "content+"}},
+    {"replaces the destination", [](TWorld& w) { (void)::rename((w.Place / "other").c_str(), w.To.c_str()); }, {"content", "new"}},
+    {"moves the destination away", [](TWorld& w) { (void)::rename(w.To.c_str(), (w.Place / "away").c_str()); }, {"content"}},
+    {"moves the destination to the source", [](TWorld& w) { (void)::rename(w.To.c_str(), w.From.c_str()); }, {"content", "old"}},
+    {"removes the destination", [](TWorld& w) { (void)::unlink(w.To.c_str()); }, {}},
+    {"removes the source", [](TWorld& w) { (void)::unlink(w.From.c_str()); }, {}},
+    {"moves the source like this", [](TWorld& w) { MoveFar(w.From, w.To); }, {"content"}},
+    {"moves the source elsewhere like this", [](TWorld& w) { MoveFar(w.From, w.Place / "away"); }, {"content"}},
+    {"moves another file to the destination like this", [](TWorld& w) { MoveFar(w.Place / "other", w.To); }, {"content", "new"}},
+    {"moves the destination elsewhere like this", [](TWorld& w) { MoveFar(w.To, w.Place / "away"); }, {"content"}},
+};
+
+struct TOperation {
+    const char* Name;
+    void (*Body)(TWorld&);
+    std::vector<TRule> Rules;
+    TTree Tree;
+};
+
+const TOperation Operations[] = {
+    {"a copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }, {}, Before},
+    {"a move over file systems", [](TWorld& w) { _RenameHelper(w.From, w.To); }, {Far}, Before},
+    {"a move over file systems, tried again", [](TWorld& w) { TFile::Rename(w.From, w.To); }, {Far}, Before},
+    {"a move between hard links", [](TWorld& w) { _RenameHelper(w.From, w.To); }, {}, {"from=content", "other=new", "to&from"}},
+};
+
+bool Holds(const TTree& tree, const std::string& content) {
+    return std::any_of(tree.begin(), tree.end(), [&](const std::string& entry) { return entry.substr(entry.find('=') + 1) == content; });
+}
+
+/// Whether a fresh file of the library's is left.
+bool HoldsFresh(const TTree& tree) {
+    return std::any_of(tree.begin(), tree.end(), [](const std::string& entry) { return entry.rfind(".kest-", 0) == 0; });
+}
+
+/// The calls of an operation that nobody disturbs.
+void NoteCalls(const TOperation& operation, TPlan& plan) {
+    TWorld world(operation.Tree);
+    plan.Run([&] { operation.Body(world); });
+}
+
+TEST(Fault, NobodyWhoActsBetweenTwoCallsMakesAContentVanish) {
+    for (const TOperation& operation : Operations) {
+        TPlan calm(operation.Rules);
+        NoteCalls(operation, calm);
+        for (const TActor& actor : Actors) {
+            std::size_t index = 0;
+            TWorld* place = nullptr;
+            for (const TRule& rule : calm.ForEach(TRule(C::rename, [&] { actor.Act(*place); }))) {
+                SCOPED_TRACE(std::string(operation.Name) + ", and before its call " + std::to_string(index++) + ", " + NameOf(rule.Call) +
+                             ", somebody " + actor.Name);
+                TWorld world(operation.Tree);
+                place = &world;
+                std::vector<TRule> rules{rule};
+                rules.insert(rules.end(), operation.Rules.begin(), operation.Rules.end());
+                TPlan plan(rules);
+                const int before = OpenDescriptors();
+                (void)plan.Run([&] { return OutcomeOf([&] { operation.Body(world); }); });
+                EXPECT_EQ(OpenDescriptors(), before);
+                const TTree tree = TreeOf(world.Place.GetPath());
+                const auto isThere = [&](const std::string& content) { return Holds(tree, content); };
+                EXPECT_TRUE(actor.Kept.empty() || std::any_of(actor.Kept.begin(), actor.Kept.end(), isThere))
+                    << testing::PrintToString(tree);
+                EXPECT_TRUE(!Holds(tree, "") || Holds(tree, "content+") || operation.Name[2] == 'c') << "not what it was lengthened to";
+                EXPECT_FALSE(HoldsFresh(tree)) << testing::PrintToString(tree);
+            }
+        }
+    }
+}
+
+TEST(Fault, MoveOverFileSystemsMakesItsCallsInThisOrder) {
+    TPlan plan({Far, TRule(C::copy_file_range, EXDEV)});
+    NoteCalls(Operations[1], plan);
+    const std::string log = plan.Log({C::rename, C::openat, C::copy_file_range, C::write, C::futimens, C::fsync, C::close, C::fstatat,
+                                      C::renameat, C::mknodat, C::unlinkat});
+    EXPECT_EQ(
+        std::regex_replace(log, std::regex(R"(\.kest-\d+-\d+)"), "fresh"),
+        "rename(from) openat() openat() fstatat(from) openat(from) fstatat(to) openat(fresh) copy_file_range() write() futimens() fsync() "
+        "close() fstatat(from) renameat(fresh) fsync() mknodat(fresh) renameat(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
+        "close() close() close() close()");
+}
+
+TEST(Fault, MoveOverFileSystemsThatFailsAtAnyCallLosesNothing) {
+    TPlan calm({Far});
+    NoteCalls(Operations[1], calm);
+    bool isReplaced = false;
+    for (const TRule& rule : calm.ForEach(TRule(C::rename, EIO), 1)) { // the first one has failed
+        SCOPED_TRACE(std::string(NameOf(rule.Call)) + " number " + std::to_string(rule.From));
+        TWorld world(Before);
+        TPlan plan({rule.Call == C::close ? rule.Made() : rule, Far});
+        std::string outcome(1000, '\0');
+        const auto before = Resources();
+        outcome.assign(plan.Run([&] { return OutcomeOf([&] { _RenameHelper(world.From, world.To); }); }).c_str());
+        ExpectNothingLeaked(before);
+        const TTree tree = TreeOf(world.Place.GetPath());
+        if (outcome.empty())
+            EXPECT_EQ(tree, Moved);
+        else
+            EXPECT_EQ(tree, isReplaced ? (TTree{"from=content", "other=new"}) : Before) << outcome;
+        isReplaced = isReplaced || rule.Call == C::renameat;
+    }
+}
+
+// There are neither hard links nor a rename that replaces nothing: the only case in which a fresh name stays.
+FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, renameat2, "_RenameHelper, over file systems, of a source that is put back",
+           "the failure for which it is put back, and the file keeps its fresh name") {
+    TWorld world(Before);
+    TPlan plan({Far, TRule(C::unlinkat, EIO).At(1), {C::linkat, EPERM}, {C::renameat2, EINVAL}});
+    EXPECT_EQ(plan.Run([&] { return OutcomeOf([&] { _RenameHelper(world.From, world.To); }); }),
+              "EException: cross device link: tryed to copy and remove: remove failed");
+    const TTree tree = TreeOf(world.Place.GetPath());
+    EXPECT_TRUE(HoldsFresh(tree) && tree.size() == 3 && tree.back() == "to=content") << testing::PrintToString(tree);
+}
+
+} // namespace
