@@ -1,0 +1,105 @@
+#include <kest/filesystem/file.h>
+
+#include "files.h"
+
+#include <atomic>
+
+using namespace Kest::Test;
+using namespace Kest::System;
+using Kest::EException;
+
+namespace {
+
+bool Try(const std::function<void()>& action) {
+    try {
+        action();
+        return true;
+    } catch (const EException&) {
+        return false;
+    }
+}
+
+/// Two threads that begin together, again and again, for about a second; @p check gets whether the first one's operation succeeded.
+void Race(const std::function<void()>& prepare, const std::function<void()>& first, const std::function<void()>& second,
+          const std::function<void(bool)>& check) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(700);
+    for (unsigned round = 0; std::chrono::steady_clock::now() < end && !testing::Test::HasFailure(); ++round) {
+        prepare();
+        std::atomic<int> ready{0};
+        const auto begin = [&ready] {
+            for (++ready; ready < 2;)
+                std::this_thread::yield();
+        };
+        auto other = std::async(std::launch::async, [&] {
+            begin();
+            for (volatile unsigned wait = round % 97 * 30; wait > 0;) // at another moment each time
+                wait = wait - 1;
+            return Try(second);
+        });
+        begin();
+        const bool isDone = Try(first);
+        (void)other.get();
+        check(isDone);
+    }
+}
+
+TEST_F(WithMounts, MovesThatMeetLoseNothing) {
+    InMounts([this] {
+        const std::string a = Directory / "near/a", b = Directory / "near/b", to = Directory / "far/to", away = Directory / "far/away";
+        const std::string contents[] = {SomeBytes(9000), SomeBytes(9001)};
+        const auto is = [](const std::string& path, const std::string& content) { return ReadFile(path) == content; };
+        const auto prepare = [&] {
+            for (const std::string& path : {to, away})
+                std::filesystem::remove(path);
+            WriteFile(a, contents[0]);
+            WriteFile(b, contents[1]);
+        };
+        const auto move = [](const std::string& from, const std::string& destination) { return [=] { TFile::Rename(from, destination); }; };
+        const auto update = [](const std::string& from, const std::string& destination) {
+            return [=] { Ensure(::rename(from.c_str(), destination.c_str()) == 0 || errno == ENOENT, destination); };
+        };
+        // Two movers of one file, to one name and to two; two files to one name; a new file in the place of the source.
+        Race(prepare, move(a, to), move(a, to), [&](bool) { EXPECT_TRUE(is(to, contents[0]) || is(a, contents[0])); });
+        Race(prepare, move(a, to), move(a, away),
+             [&](bool) { EXPECT_TRUE(is(to, contents[0]) || is(away, contents[0]) || is(a, contents[0])); });
+        Race(prepare, move(a, to), move(b, to), [&](bool isDone) {
+            EXPECT_TRUE(is(to, contents[0]) || is(to, contents[1]));
+            EXPECT_TRUE(isDone || is(a, contents[0]));
+        });
+        Race(prepare, move(a, to), update(b, a), [&](bool) { EXPECT_TRUE(is(to, contents[1]) || is(a, contents[1])); });
+        for (const std::string& entry : MountedTree())
+            EXPECT_EQ(entry.find(".kest-"), std::string::npos) << entry.substr(0, 50);
+        // Within one file system: hard links of which one is replaced, a copy to what the source is being renamed to.
+        const std::string link = Directory / "near/link";
+        Race(
+            [&] {
+                prepare();
+                std::filesystem::remove(link);
+                std::filesystem::create_hard_link(a, link);
+            },
+            move(a, link), update(b, a), [&](bool) { EXPECT_TRUE(is(a, contents[1]) || is(link, contents[1])); });
+        Race(
+            prepare, [&] { TFile::Copy(a, b); }, update(a, b), [&](bool) { EXPECT_TRUE(is(a, contents[0]) || is(b, contents[0])); });
+    });
+}
+
+TEST_F(WithMounts, PermissionsAreThoseOfANewFileOrOfTheOneOverwritten) {
+    InMounts([this] {
+        const std::string from = Directory / "near/a";
+        const std::string to = Directory / "far/b";
+        Ensure(::unshare(CLONE_FS) == 0, "a mask of its own");
+        ::umask(0);
+        const auto mode = [&to] { return StatusOf(to).st_mode & 07777U; };
+        WriteFile(from, "1");
+        Ensure(::chmod(from.c_str(), 0711) == 0, from);
+        TFile::Copy(from, to);
+        EXPECT_EQ(mode(), 0666U);
+        Ensure(::chmod(to.c_str(), 0604) == 0, to);
+        TFile::Copy(from, to);
+        EXPECT_EQ(mode(), 0604U);
+        TFile::Rename(from, to);
+        EXPECT_EQ(mode(), 0666U);
+    });
+}
+
+} // namespace
