@@ -19,7 +19,7 @@
 namespace Lines {
 
 /// The longest line that is taken, in bytes without its newline: what one client can make the server hold.
-constexpr std::size_t LongestLine = 1024 * 1024;
+constexpr std::size_t LongestLine = std::size_t{1024} * 1024;
 
 /// Bytes of each buffer of a socket's stream: some dozens of usual lines for one system call.
 constexpr unsigned BufferSize = 4096;
