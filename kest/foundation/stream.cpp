@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <cxxabi.h>
 #include <exception>
 #include <memory>
 
@@ -43,16 +42,10 @@ void TStream::allocate(int size) {
     ResetAreas();
 }
 
-KEST_CATCHES_CANCELLATION void TStream::DestroyBuffer() {
+void TStream::DestroyBuffer() {
     exceptions(std::ios_base::goodbit);
-    if (BufferSize != 0) {
-        try {
-            (void)sync();
-        } catch (abi::__forced_unwind&) {
-            throw;
-        } catch (...) { // releasing never reports
-        }
-    }
+    if (BufferSize != 0)
+        System::_CatchAll([&] { (void)sync(); }, [] {}); // releasing never reports
     delete[] InputBuffer;
     delete[] OutputBuffer;
     InputBuffer = nullptr;
@@ -63,6 +56,7 @@ KEST_CATCHES_CANCELLATION void TStream::DestroyBuffer() {
 }
 
 int TStream::underflow() {
+    const System::_TCancellationOffInStream off;
     if (IsUnbuffered()) {
         char byte = 0;
         const int result = Transport.Read(&byte, 1);
@@ -87,6 +81,7 @@ int TStream::uflow() {
 }
 
 int TStream::overflow(int c) {
+    const System::_TCancellationOffInStream off;
     const bool flushOnly = c == traits_type::eof();
     if (IsUnbuffered()) {
         if (flushOnly)
@@ -116,17 +111,11 @@ int TStream::sync() {
 
 /// With std::unitbuf set the caller may be the destructor of an output operation's sentry, which nothing may leave. While the mask is empty
 /// no state is thrown, so an exception is the transport's, of whatever class.
-KEST_CATCHES_CANCELLATION void TStream::FlushFromSentry() {
+void TStream::FlushFromSentry() {
     const System::TCancellationOff off;
     const std::ios_base::iostate mask = exceptions();
     exceptions(std::ios_base::goodbit);
-    try {
-        (void)overflow(traits_type::eof());
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        setstate(std::ios_base::badbit);
-    }
+    System::_CatchAll([&] { (void)overflow(traits_type::eof()); }, [&] { setstate(std::ios_base::badbit); });
     try {
         exceptions(mask);
     } catch (const std::exception&) { // the mask is set before the state is thrown

@@ -1,8 +1,10 @@
-// Internal header: used by everything that a cancellation unwinds through.
+// Internal header: used by everything that a cancellation unwinds through. All that depends on the C++ runtime in this stands here.
 #ifndef KEST_FOUNDATION_UNWINDING_H
 #define KEST_FOUNDATION_UNWINDING_H
 
 #include <kest/foundation/cancellation.h>
+
+#include <cxxabi.h>
 
 /// Marks a function that catches abi::__forced_unwind. A cancellation is no object of C++, so the language runtime binds the reference
 /// of such a handler to null; nothing reads it, but UndefinedBehaviorSanitizer would report it. Its test of alignment goes too: it is the
@@ -13,9 +15,60 @@
 /// of such a frame would stay behind and be taken for those of the frames that come after it.
 #define KEST_LEFT_BY_CANCELLATION __attribute__((no_sanitize("address")))
 
+#ifdef _LIBCPP_VERSION
+namespace __cxxabiv1 {                // libc++abi has it and does not declare it
+extern "C" void* __cxa_get_globals(); // NOLINT(bugprone-reserved-identifier)
+} // namespace __cxxabiv1
+#endif
+
 namespace Kest::System {
 
 using _TCancellationOff = TCancellationOff;
+
+#ifdef _LIBCPP_VERSION
+
+/// libc++'s streams catch whatever leaves their buffers, and libc++ cannot throw a cancellation on: a cancellation inside one of their
+/// operations would end the process. So with libc++ a stream's buffer holds cancellations off while it works.
+using _TCancellationOffInStream = TCancellationOff;
+
+/// Goes on with the cancellation that a catch-all has caught. Returns when what was caught is an exception. Only for use in a catch-all.
+///
+/// libc++ has no class for a cancellation: its catch-alls catch it, and `throw;` would end the process. What was caught has no type then.
+/// The first word of the runtime's globals is the exception being handled (so the C++ ABI for Itanium, which all platforms here follow).
+/// Without it the runtime does not take the cancellation for handled when the catch-all is left, and pthread_exit unwinds from here on.
+inline void _PassCancellationOn() {
+    if (abi::__cxa_current_exception_type() != nullptr)
+        return;
+    *static_cast<void**>(abi::__cxa_get_globals()) = nullptr;
+    ::pthread_exit(PTHREAD_CANCELED);
+}
+
+#else
+
+/// libstdc++'s streams pass a cancellation on, so their buffers need not hold it off.
+struct _TCancellationOffInStream {
+    _TCancellationOffInStream() noexcept {} // NOLINT(modernize-use-equals-default): an object that does nothing is no unused variable
+};
+
+#endif
+
+/// Gives the result of @p action or, when it throws an exception, that of @p handler. A cancellation passes: it unwinds like an exception
+/// and is none, and a catch-all that kept it would end the process. So this takes the place of a catch-all wherever one is needed.
+template <class TAction, class THandler>
+KEST_CATCHES_CANCELLATION auto _CatchAll(const TAction& action, const THandler& handler) -> decltype(action()) {
+    try {
+        return action();
+#ifndef _LIBCPP_VERSION
+    } catch (abi::__forced_unwind&) {
+        throw;
+#endif
+    } catch (...) {
+#ifdef _LIBCPP_VERSION
+        _PassCancellationOn();
+#endif
+        return handler();
+    }
+}
 
 } // namespace Kest::System
 

@@ -2,8 +2,6 @@
 
 #include <kest/foundation/unwinding.h>
 
-#include <cxxabi.h>
-
 namespace Kest::System {
 
 using namespace Interface::_Socket;
@@ -14,18 +12,17 @@ enum TFailure : int { TimedOut = -1, WasShutDown = -2, OtherFailure = -3 };
 
 /// Makes one call of the socket and turns its exceptions into codes.
 template <class TCall>
-KEST_CATCHES_CANCELLATION int ResultOf(const TCall& call) {
-    try {
-        return call();
-    } catch (const ETimeout&) {
-        return TimedOut;
-    } catch (const EShutdown&) {
-        return WasShutDown;
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        return OtherFailure;
-    }
+int ResultOf(const TCall& call) {
+    const auto told = [&]() -> int {
+        try {
+            return call();
+        } catch (const ETimeout&) {
+            return TimedOut;
+        } catch (const EShutdown&) {
+            return WasShutDown;
+        }
+    };
+    return _CatchAll(told, [] { return OtherFailure; });
 }
 
 } // namespace

@@ -11,7 +11,6 @@
 #include <cassert>
 #include <cstdint>
 #include <cstdlib>
-#include <cxxabi.h>
 #include <type_traits>
 #include <utility>
 
@@ -190,16 +189,10 @@ void* TThread::ThreadFunc(void* thread) {
 }
 
 // The new thread never reads the handle: pthread_create may store it only after the thread has begun.
-KEST_CATCHES_CANCELLATION int TThread::ThreadFunc() {
+int TThread::ThreadFunc() {
     if (!StartGate->Pass())
         return 0;
-    try {
-        return Run();
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        std::abort();
-    }
+    return _CatchAll([this] { return Run(); }, []() -> int { std::abort(); });
 }
 
 } // namespace Kest::System
