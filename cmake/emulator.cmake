@@ -1,8 +1,20 @@
-# Some x86-64 kernels do not run 32-bit programs. There the tests run under qemu's emulation of a process, which is said
-# when the build is configured. Set CMAKE_CROSSCOMPILING_EMULATOR to choose another one, to nothing for none.
-# Limits of the emulation: a program that starts another 32-bit program has to start it with $KEST_EMULATOR, which is set
-# in programs that are emulated, and there is no search for leaks, which needs ptrace.
-if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
+# Where the system itself does not run what is built, the tests run under qemu's emulation of a process, which is said when the build is
+# configured: another processor's programs, and 32-bit ones on an x86-64 kernel without them. Set CMAKE_CROSSCOMPILING_EMULATOR to choose
+# another emulator, to nothing for none.
+# Limits of the emulation: a program that starts another one of its kind has to start it with $KEST_EMULATOR, which is set in programs that
+# are emulated, and there is no search for leaks, which needs ptrace.
+if(DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
+    return()
+endif()
+
+set(processor "")
+set(KEST_EMULATOR_LIBRARIES "")
+if(CMAKE_CROSSCOMPILING)
+    set(processor "${CMAKE_SYSTEM_PROCESSOR}")
+    # Where Debian's cross compilers have the C library of their target.
+    execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -dumpmachine OUTPUT_VARIABLE machine OUTPUT_STRIP_TRAILING_WHITESPACE)
+    set(KEST_EMULATOR_LIBRARIES "/usr/${machine}")
+elseif(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(source "${CMAKE_CURRENT_BINARY_DIR}/runs.cpp")
     file(WRITE "${source}" "int main() { return 0; }\n")
     # Without flags: under a sanitizer the program might fail for another reason.
@@ -10,15 +22,21 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
     if(result EQUAL 0)
         execute_process(COMMAND "${source}.out" RESULT_VARIABLE result ERROR_QUIET)
         if(NOT result EQUAL 0)
-            find_program(KEST_EMULATOR NAMES qemu-i386 qemu-i386-static)
-            if(KEST_EMULATOR)
-                message(STATUS "32-bit programs do not run on this system: the tests run under ${KEST_EMULATOR}")
-                set(CMAKE_CROSSCOMPILING_EMULATOR
-                    "${KEST_EMULATOR}" -E "KEST_EMULATOR=${KEST_EMULATOR}" -E ASAN_OPTIONS=detect_leaks=0)
-            else()
-                message(WARNING "32-bit programs do not run on this system and there is no qemu-i386 (package qemu-user): "
-                    "the tests will fail")
-            endif()
+            set(processor i386)
         endif()
+    endif()
+endif()
+
+if(processor)
+    find_program(KEST_EMULATOR NAMES qemu-${processor} qemu-${processor}-static)
+    if(KEST_EMULATOR)
+        message(STATUS "This system does not run programs for ${processor}: the tests run under ${KEST_EMULATOR}")
+        set(CMAKE_CROSSCOMPILING_EMULATOR "${KEST_EMULATOR}" -E "KEST_EMULATOR=${KEST_EMULATOR}" -E ASAN_OPTIONS=detect_leaks=0)
+        if(KEST_EMULATOR_LIBRARIES)
+            list(APPEND CMAKE_CROSSCOMPILING_EMULATOR -L "${KEST_EMULATOR_LIBRARIES}" -E "QEMU_LD_PREFIX=${KEST_EMULATOR_LIBRARIES}")
+        endif()
+    else()
+        message(WARNING "This system does not run programs for ${processor} and there is no qemu-${processor} (package qemu-user): "
+            "the tests will fail")
     endif()
 endif()

@@ -1,16 +1,22 @@
 #!/bin/bash
-# Compares the library's binary interface with the one in abi/, for 64 and 32 bits. The exported symbols must be those of abi/*.symbols, no
-# more and no less; of what abi/*.abi knows of types and functions nothing may have changed or gone unless the SONAME has. What was only added
-# is fine once it is written down: "abi.sh update" writes both kinds of files, and refuses an incompatible change under the old SONAME as well.
+# Compares the library's binary interface with the one in abi/: abi.sh [check|update] [TARGET...], a target being x86-64, i386 or an architecture
+# of cross.sh, without one the first two. The exported symbols must be those of abi/TARGET.symbols, no more and no less; of what
+# abi/TARGET.abi knows of types and functions nothing may have changed or gone unless the SONAME has. Types are looked at for x86-64 and i386
+# alone: other processors are built from the same sources. What was only added is fine once it is written down: "abi.sh update" writes both
+# kinds of files, and refuses an incompatible change under the old SONAME as well.
 # Under another SONAME everything passes; the test of the version fails until "abi.sh update" has written that down too.
 # KEST_ABI_SOURCE names another tree than this one to look at, for trying changes.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 action=${1:-check}
-if (($# > 1)) || [[ $action != check && $action != update ]]; then
-    echo "usage: abi.sh [check|update]" >&2
-    exit 2
-fi
+targets=("${@:2}")
+(($# > 1)) || targets=(x86-64 i386)
+for target in "$action" "${targets[@]}"; do
+    if [[ $action != check && $action != update || " $action x86-64 i386 ${!cross_machines[*]} " != *" $target "* ]]; then
+        echo "usage: abi.sh [check|update] [x86-64 i386 ${!cross_machines[*]}]..." >&2
+        exit 2
+    fi
+done
 source_dir=${KEST_ABI_SOURCE:-$root}
 "$root/scripts/setup.sh" abigail-tools
 work=$(mktemp -d)
@@ -27,8 +33,32 @@ build() { # BUILD_DIR FLAGS
 
 soname_of() { sed -nE "s/^<abi-corpus .*\bsoname='([^']*)'.*/\1/p" "$1"; }
 
+# Kind and mangled name; weak symbols are inline functions, virtual tables and type information that callers may have too.
+write_symbols() { # LIBRARY
+    nm -D --defined-only --format=posix "$1" | awk '{ print $2, $1 }' | LC_ALL=C sort -k 2 >"$work/$target.symbols"
+}
+
 failures=0
-for target in x86-64 i386; do
+compare_symbols() { # WHAT_ELSE
+    if [[ $action == update ]]; then
+        cp "$work/$target".* abi/
+        echo "abi: $target: written, $(wc -l <"$work/$target.symbols") symbols"
+    elif ! diff -u "abi/$target.symbols" "$work/$target.symbols" | c++filt; then
+        echo "abi: $target: the exported symbols are not those of abi/$target.symbols; abi.sh update where that is meant"
+        failures=$((failures + 1))
+    else
+        echo "abi: $target: unchanged, $(wc -l <"$work/$target.symbols") symbols$1"
+    fi
+}
+
+for target in "${targets[@]}"; do
+    if [[ ${cross_machines[$target]:-} ]]; then
+        install_cross "$target"
+        logged "abi-$target" build_preset "release-$target" kest
+        write_symbols "$root/build/release-$target/kest/libkest.so"
+        compare_symbols ""
+        continue
+    fi
     flags=-m64
     [[ $target == x86-64 ]] || flags="-m32 -idirafter /usr/include/x86_64-linux-gnu"
     folder=$root/build/abi-$target
@@ -36,8 +66,7 @@ for target in x86-64 i386; do
     logged "abi-$target" build "$folder" "$flags"
     library=$folder/kest/libkest.so
 
-    # Kind and mangled name; weak symbols are inline functions, virtual tables and type information that callers may have too.
-    nm -D --defined-only --format=posix "$library" | awk '{ print $2, $1 }' | LC_ALL=C sort -k 2 >"$work/$target.symbols"
+    write_symbols "$library"
     # Only what callers can see: types of public headers, no paths, no lines.
     abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --headers-dir "$source_dir/kest" --drop-private-types \
         "$library" >"$work/$target.abi"
@@ -67,14 +96,6 @@ for target in x86-64 i386; do
         continue
     fi
 
-    if [[ $action == update ]]; then
-        cp "$work/$target.abi" "$work/$target.symbols" abi/
-        echo "abi: $target: written, $(wc -l <"$work/$target.symbols") symbols"
-    elif ! diff -u "abi/$target.symbols" "$work/$target.symbols" | c++filt; then
-        echo "abi: $target: the exported symbols are not those of abi/$target.symbols; abi.sh update where that is meant"
-        failures=$((failures + 1))
-    else
-        echo "abi: $target: unchanged, $(wc -l <"$work/$target.symbols") symbols, $(soname_of "abi/$target.abi")"
-    fi
+    compare_symbols ", $(soname_of "$work/$target.abi")"
 done
 exit $((failures > 0))

@@ -49,6 +49,11 @@ install_missing() { # PACKAGE...
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
 }
 
+# 32 bits for both compilers. The package g++-multilib, without the version, refuses to stand beside any cross compiler.
+install_multilib() {
+    install_missing "g++-$(/usr/bin/g++ -dumpversion)-multilib"
+}
+
 # Whether the kernel runs 32-bit programs of x86. Needs a compiler that makes them.
 runs_32_bits() {
     local folder result=0
@@ -56,4 +61,15 @@ runs_32_bits() {
     echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$folder/program" && "$folder/program" 2>/dev/null || result=1
     rm -r "$folder"
     return "$result"
+}
+
+# The architectures that are cross-compiled, by Debian's names, and what the names of their compilers begin with.
+declare -A cross_machines=(
+    [arm64]=aarch64-linux-gnu [armhf]=arm-linux-gnueabihf [s390x]=s390x-linux-gnu [riscv64]=riscv64-linux-gnu [ppc64el]=powerpc64le-linux-gnu
+)
+
+# Installs a cross compiler, of the version that the presets name, and the emulator. The package g++-multilib, without a version, makes way:
+# it refuses to stand beside them, and its compilers stay.
+install_cross() { # ARCHITECTURE
+    install_missing qemu-user g++-12-multilib "g++-12-${cross_machines[$1]}"
 }

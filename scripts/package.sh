@@ -1,19 +1,23 @@
 #!/bin/bash
-# Builds the Debian packages libkest1, libkest-dev and libkest-doc for 64 bits and libkest1 and libkest-dev for 32 bits into build/packages,
-# and lets lintian look at them. With an argument, amd64 or i386, only those of that architecture. Fails when lintian has anything to say
-# that is not explained in packaging/*.lintian-overrides.
+# Builds the Debian packages libkest1 and libkest-dev for amd64 and i386, and libkest-doc, into build/packages, and lets lintian look at them:
+# package.sh [ARCHITECTURE...]. With arguments only those of these architectures: amd64, which brings libkest-doc, i386, and those of
+# cross.sh, arm64 for instance. Fails when lintian has anything to say that is not explained in packaging/*.lintian-overrides.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("${@:-amd64}")
 (($# > 0)) || architectures=(amd64 i386)
 for architecture in "${architectures[@]}"; do
-    [[ $architecture == amd64 || $architecture == i386 ]] || { echo "usage: package.sh [amd64|i386]" >&2; exit 2; }
+    [[ " amd64 i386 ${!cross_machines[*]} " == *" $architecture "* ]] ||
+        { echo "usage: package.sh [amd64 i386 ${!cross_machines[*]}]..." >&2; exit 2; }
 done
 
 # Not what developers need besides: whoever only wants the packages need not wait for compilers and tools of another kind.
 needed=(cmake ninja-build g++ pkg-config dpkg-dev lintian doxygen doxygen-awesome-css python3 file)
-[[ " ${architectures[*]} " != *" i386 "* ]] || needed+=(g++-multilib)
 install_missing "${needed[@]}"
+[[ " ${architectures[*]} " != *" i386 "* ]] || install_multilib
+for architecture in "${architectures[@]}"; do
+    [[ ! ${cross_machines[$architecture]:-} ]] || install_cross "$architecture"
+done
 packages=$root/build/packages
 mkdir -p "$packages"
 work=$(mktemp -d)
@@ -31,12 +35,19 @@ configure() { # PRESET BUILD_DIR MULTIARCH_NAME OPTION...
         -DKEST_BUILD_EXAMPLES=OFF -DKEST_BUILD_STATIC_TOO=ON -DKEST_WERROR=OFF "-DKEST_PACKAGE_DATE=$date" "${@:4}"
 }
 
-# The packages of the libraries that LIBRARY needs, with versions. What a 64-bit system has of 32 bits lies in packages of other names.
+# The packages of the libraries that LIBRARY needs, with versions. What a 64-bit system has of 32 bits lies in packages of other names, and so
+# do the libraries of cross compilers, which know of no older version of theirs that would do.
 dependencies_of() { # LIBRARY
+    local host=$architecture folders=()
     mkdir -p "$work/debian"
     printf 'Source: kest\n\nPackage: libkest1\nArchitecture: any\n' >"$work/debian/control"
-    (cd "$work" && dpkg-shlibdeps -O "$1") | sed -n 's/^shlibs:Depends=//p' |
-        sed -E 's/\blib32(stdc\+\+6|gcc-s1)\b/lib\1/g; s/\blibc6-i386\b/libc6/g'
+    if [[ ${cross_machines[$architecture]:-} ]]; then
+        folders=("-l/usr/${cross_machines[$architecture]}/lib")
+    else
+        host=$(dpkg --print-architecture)
+    fi
+    (cd "$work" && DEB_HOST_ARCH=$host dpkg-shlibdeps "${folders[@]}" -O "$1") | sed -n 's/^shlibs:Depends=//p' |
+        sed -E "s/\blib32(stdc\+\+6|gcc-s1)\b/lib\1/g; s/\blibc6-i386\b/libc6/g; s/(:|-)$host(-cross)?\b//g"
 }
 
 # Adds what CPack has no words for: the field Multi-Arch, a first line of the description for each package, and the trigger that makes the
@@ -73,6 +84,7 @@ for architecture in "${architectures[@]}"; do
     case $architecture in
     amd64) preset=release multiarch=x86_64-linux-gnu docs=ON ;;
     i386) preset=release-32 multiarch=i386-linux-gnu docs=OFF ;;
+    *) preset=release-$architecture multiarch=${cross_machines[$architecture]} docs=OFF ;;
     esac
     build=$root/build/package-$architecture
     rm -rf "$build/docs/html" # pages of what is gone would stay

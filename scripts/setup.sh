@@ -5,7 +5,7 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 packages=(
-    cmake ninja-build g++ clang libclang-rt-dev # the builds
+    cmake ninja-build g++ clang libclang-rt-dev libc++-dev libc++abi-dev # the builds
     clang-format clang-tidy                     # the lint; clang-tidy brings run-clang-tidy
     googletest                                  # its sources are built with each preset's flags
     libbenchmark-dev                            # the lint looks at the benchmarks too
@@ -21,7 +21,6 @@ if ! command -v dpkg-query >/dev/null; then
 fi
 
 install_missing "${packages[@]}" "$@"
-# 32 bits for both compilers. The package g++-multilib, without the version, refuses to stand beside any cross compiler.
-install_missing "g++-$(/usr/bin/g++ -dumpversion)-multilib"
+install_multilib
 # Where the kernel does not run 32-bit programs, their tests are emulated (cmake/emulator.cmake).
 is_installed qemu-user || runs_32_bits || install_missing qemu-user

@@ -33,6 +33,10 @@ fi
 passed=0 failed=0 skipped=0
 
 # Two of what waits on the clock for limits and threads run side by side; more would make them slow on two cores.
+test_preset() { # PRESET
+    build_preset "$1" && ctest --preset "$1" -j2 --output-junit "$logs/$1.xml"
+}
+
 run_stage() {
     rm -f "$logs/$1.xml"
     case $1 in
@@ -41,12 +45,9 @@ run_stage() {
     abi) "$root/scripts/abi.sh" ;;
     docs) "$root/scripts/docs.sh" check ;;
     package) "$root/scripts/package_test.sh" ;;
-    *) build_preset "$1" && ctest --preset "$1" -j2 --output-junit "$logs/$1.xml" ;;
+    release-arm64) install_cross arm64 && test_preset "$1" ;;
+    *) test_preset "$1" ;;
     esac
-}
-
-attribute() { # NAME FILE: a number of the test run's root element
-    grep -m 1 -oE "\b$1=\"[0-9]+\"" "$2" | grep -oE '[0-9]+'
 }
 
 for stage in "${stages[@]}"; do
@@ -56,15 +57,13 @@ for stage in "${stages[@]}"; do
     report=ok
     result=$logs/$stage.xml
     if [[ -f $result ]]; then
-        tests=$(attribute tests "$result")
-        failures=$(attribute failures "$result")
-        notRun=$(($(attribute skipped "$result") + $(attribute disabled "$result")))
-        report="ok: $((tests - failures - notRun)) passed, $failures failed, $notRun skipped"
-        passed=$((passed + tests - failures - notRun))
+        report=$(python3 "$root/scripts/test_report.py" "$result")
+        read -r tests _ failures _ notRun _ <<<"$report"
+        passed=$((passed + tests))
         failed=$((failed + failures))
         skipped=$((skipped + notRun))
         ((good == 1 || failures > 0)) || failed=$((failed + 1))
-        ((good == 1)) || report=${report/ok/FAILED}
+        ((good == 1)) && report="ok: $report" || report="FAILED: $report"
     elif ((good == 0)); then
         report=FAILED
         failed=$((failed + 1))
