@@ -1,5 +1,6 @@
 #include <kest/foundation/cancellation.h>
 #include <kest/foundation/exception.h>
+#include <kest/foundation/time.h>
 #include <kest/threads/thread.h>
 
 #include <atomic>
@@ -28,7 +29,7 @@ public:
                 std::this_thread::yield();
             Log(failure.GetMessage());
         }
-        Sleep(1000.0); // here the thread acts on the request
+        Sleep(EndlessTimeInterval); // here the thread acts on the request
         return 0;
     }
 

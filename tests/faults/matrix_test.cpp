@@ -74,10 +74,11 @@ int ExitValue(TWorld&) {
 }
 
 void CancelSleeper(TWorld&) {
-    TGate inside;
-    TFunctionThread thread([&] { inside.Open(), TThreadInstance::Sleep(1000.0); });
+    std::atomic<bool> isInside{false};
+    TFunctionThread thread([&] { isInside = true, TThreadInstance::Sleep(EndlessTimeInterval); });
     thread.Start();
-    inside.Wait();
+    while (!isInside)
+        std::this_thread::yield();
     thread.CancelAndFinish();
 }
 
