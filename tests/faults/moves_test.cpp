@@ -148,6 +148,19 @@ TEST(Fault, MoveOverFileSystemsThatFailsAtAnyCallLosesNothing) {
     }
 }
 
+// Where case is folded, the second name shows up with the first one and goes with it.
+TEST(Fault, OneEntryByTwoNamesIsNeitherRemovedNorPutAsideForNothing) {
+    const TRule idle = TRule(C::rename, 0).Giving(0);
+    for (const bool isLinked : {false, true}) {
+        TWorld world(isLinked ? TTree{"from=content", "more&from"} : TTree{"from=content"});
+        const auto appear = [&] { (void)(isLinked ? ::link : ::rename)(world.From.c_str(), world.To.c_str()); };
+        TPlan plan({idle, TRule(C::lstat, appear).At(2), TRule(C::renameat, [&] { (void)::unlink(world.To.c_str()); })});
+        plan.Run([&] { _RenameHelper(world.From, world.To); });
+        EXPECT_EQ(TreeOf(world.Place.GetPath()), isLinked ? (TTree{"more=content", "to=content"}) : TTree{"to=content"});
+        EXPECT_EQ(plan.CountOf(C::mknodat), isLinked ? 1 : 0) << "one name alone is no hard link";
+    }
+}
+
 // There are neither hard links nor a rename that replaces nothing: the only case in which a fresh name stays.
 FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, renameat2, "_RenameHelper, over file systems, of a source that is put back",
            "the failure for which it is put back, and the file keeps its fresh name") {

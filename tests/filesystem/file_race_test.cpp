@@ -3,6 +3,10 @@
 #include "files.h"
 
 #include <atomic>
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/sysmacros.h>
 
 using namespace Kest::Test;
 using namespace Kest::System;
@@ -45,12 +49,11 @@ void Race(const std::function<void()>& prepare, const std::function<void()>& fir
 
 TEST_F(WithMounts, MovesThatMeetLoseNothing) {
     InMounts([this] {
-        const std::string a = Directory / "near/a", b = Directory / "near/b", to = Directory / "far/to", away = Directory / "far/away";
+        const std::string a = Directory / "near/a", b = Directory / "near/b", to = Directory / "far/to";
         const std::string contents[] = {SomeBytes(9000), SomeBytes(9001)};
         const auto is = [](const std::string& path, const std::string& content) { return ReadFile(path) == content; };
         const auto prepare = [&] {
-            for (const std::string& path : {to, away})
-                std::filesystem::remove(path);
+            std::filesystem::remove(to);
             WriteFile(a, contents[0]);
             WriteFile(b, contents[1]);
         };
@@ -58,10 +61,8 @@ TEST_F(WithMounts, MovesThatMeetLoseNothing) {
         const auto update = [](const std::string& from, const std::string& destination) {
             return [=] { Ensure(::rename(from.c_str(), destination.c_str()) == 0 || errno == ENOENT, destination); };
         };
-        // Two movers of one file, to one name and to two; two files to one name; a new file in the place of the source.
+        // Two movers of one file; two files to one name; a new file in the place of the source.
         Race(prepare, move(a, to), move(a, to), [&](bool) { EXPECT_TRUE(is(to, contents[0]) || is(a, contents[0])); });
-        Race(prepare, move(a, to), move(a, away),
-             [&](bool) { EXPECT_TRUE(is(to, contents[0]) || is(away, contents[0]) || is(a, contents[0])); });
         Race(prepare, move(a, to), move(b, to), [&](bool isDone) {
             EXPECT_TRUE(is(to, contents[0]) || is(to, contents[1]));
             EXPECT_TRUE(isDone || is(a, contents[0]));
@@ -80,6 +81,31 @@ TEST_F(WithMounts, MovesThatMeetLoseNothing) {
             move(a, link), update(b, a), [&](bool) { EXPECT_TRUE(is(a, contents[1]) || is(link, contents[1])); });
         Race(
             prepare, [&] { TFile::Copy(a, b); }, update(a, b), [&](bool) { EXPECT_TRUE(is(a, contents[0]) || is(b, contents[0])); });
+    });
+}
+
+TEST_F(WithMounts, OldDestinationSurvivesASourceThatCannotBeReadAndEveryLimit) {
+    InMounts([this] {
+        Make(Directory.GetPath(), {"near/memory->/proc/self/mem", "near/large=" + SomeBytes(9000), "far/to=old"});
+        Ensure(::mknod((Directory / "near/socket").c_str(), S_IFSOCK | 0600, 0) == 0, "a socket");
+        Ensure(::mknod((Directory / "near/device").c_str(), S_IFCHR | 0600, makedev(240, 77)) == 0, "a device without a driver");
+        const auto expectFailure = [&](const char* name) {
+            EXPECT_FALSE(Try([&] { TFile::Rename(Directory / name, Directory / "far/to"); })) << name;
+        };
+        for (const char* name : {"near/memory", "near/socket", "near/device"})
+            expectFailure(name);
+        auto* const before = std::signal(SIGXFSZ, SIG_IGN);
+        for (const auto limit : {RLIMIT_NOFILE, RLIMIT_FSIZE}) {
+            rlimit old{};
+            (void)::getrlimit(limit, &old);
+            const rlimit low{limit == RLIMIT_FSIZE ? rlim_t{5000} : rlim_t{0}, old.rlim_max};
+            (void)::setrlimit(limit, &low);
+            expectFailure("near/large");
+            (void)::setrlimit(limit, &old);
+        }
+        (void)std::signal(SIGXFSZ, before);
+        EXPECT_EQ(TreeOf(Directory / "far"), TTree{"to=old"});
+        EXPECT_TRUE(ReadFile(Directory / "near/large") == SomeBytes(9000));
     });
 }
 
