@@ -30,7 +30,7 @@ TDirectory::TDirectory(const std::string& path) : Stream(nullptr), ReadLock(fals
 }
 
 TDirectory::~TDirectory() {
-    const _TCancellationOff off;
+    const TCancellationOff off;
     (void)::closedir(Stream); // releasing never reports
 }
 

@@ -23,8 +23,6 @@ extern "C" void* __cxa_get_globals(); // NOLINT(bugprone-reserved-identifier)
 
 namespace Kest::System {
 
-using _TCancellationOff = TCancellationOff;
-
 #ifdef _LIBCPP_VERSION
 
 /// libc++'s streams catch whatever leaves their buffers, and libc++ cannot throw a cancellation on: a cancellation inside one of their

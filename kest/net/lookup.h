@@ -11,7 +11,7 @@ namespace Kest::System {
 template <class TCall>
 KEST_LEFT_BY_CANCELLATION auto _LookUp(const TCall& call) {
     auto result = [&] {
-        const _TCancellationOff off;
+        const TCancellationOff off;
         return call();
     }();
     ::pthread_testcancel();

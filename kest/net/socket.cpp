@@ -66,7 +66,7 @@ TSocket::TSocket(const TSocket& other)
 TSocket::~TSocket() noexcept(false) {
     if (!OwnsDescriptor)
         return;
-    const _TCancellationOff off; // acted on inside close, a cancellation would leak the descriptor
+    const TCancellationOff off; // acted on inside close, a cancellation would leak the descriptor
     (void)::shutdown(Descriptor, SHUT_RDWR);
     // Not repeated when it fails: the number may already be another thread's.
     if (::close(Descriptor) != 0 && std::uncaught_exceptions() == 0)

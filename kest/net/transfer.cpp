@@ -140,7 +140,7 @@ KEST_LEFT_BY_CANCELLATION int AcceptOnce(int listener, bool mayWait, sockaddr* p
     if (mayWait)
         return ::accept(listener, peer, length);
     ::pthread_testcancel();
-    const _TCancellationOff off;
+    const TCancellationOff off;
     return ::accept(listener, peer, length);
 }
 
