@@ -16,16 +16,14 @@ public:
     class TState; // file_state.h
 
     /// Copies the content of @p from to @p to and gives @p to the modification time of @p from, in whole seconds. An existing destination
-    /// is overwritten and keeps its permissions. A new one gets those of a new file, 0666 less the mask of the process. Links are followed at
-    /// both ends. Permissions, owner and access time are not copied, and holes come out as zeros on the disk. An empty source is copied like
-    /// any other.
-    /// The destination is emptied only when both files are open and are two files. Until then a failure leaves it as it was, or empty where
-    /// it was new. A directory as source, one that cannot be opened, and one file under whatever names are such failures. From then on a
-    /// failure leaves what was written, without the old content. So does a cancellation.
-    /// Where two mounts show one file under two device numbers, the library takes it for two files, and a copy of it onto itself empties it;
-    /// this is the copy error then, as whenever the source became shorter meanwhile.
-    /// Writing to a pipe that nobody reads raises SIGPIPE, and writing beyond the process's limit for files SIGXFSZ, as the system's own
-    /// calls do.
+    /// is overwritten and keeps its permissions. A new one gets those of a new file, 0666 less the mask of the process. Links are followed
+    /// at both ends. Permissions, owner and access time are not copied, and holes come out as zeros on the disk. An empty source is copied
+    /// like any other. The destination is emptied only when both files are open and are two files. Until then a failure leaves it as it
+    /// was, or empty where it was new. A directory as source, one that cannot be opened, and one file under whatever names are such
+    /// failures. From then on a failure leaves what was written, without the old content. So does a cancellation. Where two mounts show one
+    /// file under two device numbers, the library takes it for two files, and a copy of it onto itself empties it; this is the copy error
+    /// then, as whenever the source became shorter meanwhile. Writing to a pipe that nobody reads raises SIGPIPE, and writing beyond the
+    /// process's limit for files SIGXFSZ, as the system's own calls do.
     /// @throw EException  "getting file state failed: " + the system's description: there is no @p from, and @p to was not touched.
     /// @throw EException  "file copy error: from " + @p from + " to " + @p to: one of them could not be opened, read or written whole (a
     ///                    full disk among the reasons), or both are one file. An error that the system reports only when the copy is
@@ -71,7 +69,8 @@ public:
 ///                    folder of the destination was written through, for which the destination goes as when only the removal fails.
 ///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
 ///                    destination and a full disk are reasons.
-/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by now,
+/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by
+/// now,
 ///                    or has gone.
 /// Waits: over file systems as TFile::Copy() does for the source, and for the disk. Cancellation point until the destination is replaced.
 /// Threads: any may call it.
