@@ -240,6 +240,16 @@ int Process(std::ifstream& file, long workerCount) {
     return IsInterrupted ? ExitInterrupted : isUnchanged ? ExitUnchanged : ExitChanged;
 }
 
+int Run(const char* path, long workerCount) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        std::fprintf(stderr, "%s: %s\n", path, std::strerror(errno));
+        return ExitFailed;
+    }
+    file.exceptions(std::ios_base::badbit); // a file that cannot be read to its end is an exception of the reader
+    return Process(file, workerCount);
+}
+
 int Fail(const char* reason) {
     std::fprintf(stderr, "work_queue: %s\n", reason);
     return ExitFailed;
@@ -261,14 +271,8 @@ int main(int argc, char** argv) {
     struct sigaction action {};
     action.sa_handler = Interrupt;
     (void)sigaction(SIGINT, &action, nullptr);
-    std::ifstream file(argv[1], std::ios::binary);
-    if (!file) {
-        std::fprintf(stderr, "%s: %s\n", argv[1], std::strerror(errno));
-        return ExitFailed;
-    }
-    file.exceptions(std::ios_base::badbit); // a file that cannot be read to its end is an exception of the reader
     try {
-        return Process(file, workerCount);
+        return Run(argv[1], workerCount);
     } catch (const Kest::EException& failure) {
         return Fail(failure.GetMessage().c_str());
     } catch (const std::bad_alloc&) {
