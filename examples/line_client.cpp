@@ -1,21 +1,27 @@
+/// @file
 /// Sends its standard input to a line_server, line by line, and prints the answers. Waits for each answer before it sends the next line.
+///
+/// Shows      connecting, a stream over a socket, one time limit for all that belongs to a line, and how failures are told apart.
+/// Arguments  DOMAIN ADDRESS LIMIT: "inet" and host:port, or "fs" and the path of a socket; seconds that the server may take to accept
+///            the connection, and then for each line, from sending it to the end of its answer; 0 for no limit.
+/// Status     0 to 8, see Usage.
 
 #include "line_protocol.h"
 
+#include <kest/foundation/time.h>
 #include <kest/net/address.h>
 #include <kest/net/socket.h>
 #include <kest/net/socket_stream.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 using Kest::EException;
+using Kest::System::TimeLimit;
 using Kest::System::TSocket;
 using namespace Kest::System::Interface::_Socket;
 
@@ -33,101 +39,132 @@ enum TStatus : int {
     OutputFailure = 8
 };
 
-constexpr char Usage[] = "usage: line_client DOMAIN ADDRESS LIMIT\n"
-                         "  DOMAIN   inet or fs\n"
-                         "  ADDRESS  inet: host:port; fs: the path of a socket\n"
-                         "  LIMIT    seconds to wait for the server: to connect, to send a line, to get an answer; 0 for no limit\n"
-                         "exit status\n"
-                         "  0  every line was answered     5  reset: the server reset the connection\n"
-                         "  1  any other failure           6  refusal: nobody listens at the address\n"
-                         "  2  bad arguments               7  bad address\n"
-                         "  3  time-out                    8  the answers cannot be written\n"
-                         "  4  shutdown: the server closed the connection\n";
+constexpr char Usage[] =
+    "usage: line_client DOMAIN ADDRESS LIMIT\n"
+    "  DOMAIN   inet or fs\n"
+    "  ADDRESS  inet: host:port; fs: the path of a socket\n"
+    "  LIMIT    seconds to wait for the server: to connect, and for each line to be sent and answered; 0 for no limit\n"
+    "exit status\n"
+    "  0  every line was answered     5  reset: the server reset the connection\n"
+    "  1  any other failure           6  refusal: nobody listens at the address, or there is no room\n"
+    "  2  bad arguments               7  bad address\n"
+    "  3  time-out                    8  the answers cannot be written\n"
+    "  4  shutdown: the server closed the connection\n";
 
-/// A stream keeps a code of what failed, the same one for a reset and for much else, and drops the exception. It calls its socket through
-/// the virtual operations, so a socket can keep the exception.
-class TRememberingSocket final : public TSocket {
+/// What a stream's socket needs beside the stream. A stream calls its socket through the virtual operations, once for each piece that is
+/// sent or received: so a limit for all pieces of an exchange is set before each, and an exception, of which the stream keeps a code that a
+/// reset has in common with much else, is kept here.
+class TExchangingSocket final : public TSocket {
 public:
     using TSocket::TSocket;
 
+    /// From now on, sending and receiving take at most @p limit seconds altogether; 0 for no limit.
+    void BeginExchange(double limit) {
+        constexpr std::chrono::hours aYear(365 * 24); // without any limit a flush may send a part and keep the rest for the next
+        End = std::chrono::steady_clock::now() + (limit == 0 ? TSeconds(aYear) : TSeconds(limit));
+        Failure = nullptr;
+    }
+
     int Receive(void* buffer, unsigned size) override {
-        return Remember([&] { return TSocket::Receive(buffer, size); });
+        return Remember([&] {
+            SetReceiveTimeout(Rest());
+            return TSocket::Receive(buffer, size);
+        });
     }
 
     int Send(const void* data, unsigned size) override {
-        return Remember([&] { return TSocket::Send(data, size); });
+        return Remember([&] {
+            SetSendTimeout(Rest());
+            return TSocket::Send(data, size);
+        });
     }
 
-    /// Throws what ended the last transfer. Requires: a transfer failed.
+    /// Throws what failed first in the exchange. Requires: something failed.
     [[noreturn]] void ThrowFailure() const { std::rethrow_exception(Failure); }
 
 private:
+    using TSeconds = std::chrono::duration<double>;
+
+    double Rest() const {
+        const TSeconds rest = End - std::chrono::steady_clock::now();
+        if (rest <= rest.zero())
+            throw ETimeout();
+        return TimeLimit(rest);
+    }
+
     template <class TTransfer>
     int Remember(const TTransfer& transfer) {
         try {
             return transfer();
         } catch (const EException&) {
-            Failure = std::current_exception();
+            if (Failure == nullptr)
+                Failure = std::current_exception();
             throw;
         }
     }
 
+    std::chrono::time_point<std::chrono::steady_clock, TSeconds> End;
     std::exception_ptr Failure;
 };
 
-struct ERefused {};
-struct EOutput {};
-struct EInput {};
+/// The end of the program, but for what the library's exceptions say.
+struct EEnd {
+    TStatus Status;
+    std::string Sentence;
+};
 
 /// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared. An
 /// address that the system cannot take, such as too long a path, is not told apart from a socket without a connection, which this one is.
-void Connect(TSocket& socket, const TSocket::TAddress& address) {
+void Connect(TSocket& socket, const TSocket::TAddress& address, const std::string& text) {
     try {
         socket.Connect(address);
     } catch (const ENotConnected&) {
         throw EBadAddress("refused by the system");
     } catch (const EException& failure) {
-        if (Lines::ReasonOf(failure) == std::strerror(ECONNREFUSED)) // NOLINT(concurrency-mt-unsafe): there is one thread
-            throw ERefused();
+        if (std::strcmp(Lines::ReasonOf(failure), std::strerror(ECONNREFUSED)) == 0) // NOLINT(concurrency-mt-unsafe): there is one thread
+            throw EEnd{Refused, "refusal: nobody listens on " + text + "."};
         throw;
     }
 }
 
-/// One stream is enough: each answer is read to its end before the next line is flushed, so no input is dropped.
-void Converse(TRememberingSocket& socket) {
+/// Sends a line and reads its answer. A server that is busy may have closed already: then sending fails, but what it said is there.
+void Exchange(TExchangingSocket& socket, TSocket::TStream& stream, const std::string& line, std::string& answer) {
     constexpr std::size_t lengthAndSpace = 20;
+    const bool isSent = static_cast<bool>(stream << line << '\n' << std::flush);
+    stream.clear();
+    const Lines::TRead read = Lines::ReadLine(stream, answer, lengthAndSpace + Lines::LongestLine);
+    if (!isSent)
+        Lines::EndSending(socket);
+    if (read == Lines::TRead::Line && answer + '\n' == Lines::Busy)
+        throw EEnd{Refused, "refusal: the server has no room for another client."};
+    if (!isSent || read == Lines::TRead::End)
+        socket.ThrowFailure();
+    if (read == Lines::TRead::TooLong)
+        throw EEnd{OtherFailure, "failure: the server sent an answer longer than any line."};
+}
+
+/// One stream is enough: each answer is read to its end before the next line is flushed, so no input is dropped.
+void Converse(TExchangingSocket& socket, double limit) {
     TSocket::TStream stream(socket, Lines::BufferSize);
     std::string line;
     std::string answer;
     while (std::getline(std::cin, line)) {
-        stream << line << '\n' << std::flush;
-        if (!stream || !Lines::ReadLine(stream, answer, lengthAndSpace + Lines::LongestLine)) {
-            Lines::GiveUpSending(socket);
-            socket.ThrowFailure();
-        }
+        socket.BeginExchange(limit);
+        Exchange(socket, stream, line, answer);
         std::cout << answer << '\n' << std::flush;
         if (!std::cout)
-            throw EOutput();
+            throw EEnd{OutputFailure, "output: the answers cannot be written to standard output."};
     }
     if (std::cin.bad())
-        throw EInput();
+        throw EEnd{OtherFailure, "failure: standard input cannot be read."};
 }
 
 void Run(const std::string& domain, const std::string& text, double limit) {
     const TSocket::TAddress address(domain, text, true);
-    TRememberingSocket socket(Lines::ConnectionOf(domain));
-    Lines::SetLimits(socket, limit);
-    Connect(socket, address);
-    Converse(socket);
-}
-
-/// A standard stream that is closed would lend its number to the socket, and answers would go back to the server. It gets a descriptor for
-/// the other direction, with which reading or writing fails.
-void FillStandardDescriptors() {
-    for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(number, F_GETFD) == -1)
-            (void)::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY); // gives the lowest number that is free
-    }
+    TExchangingSocket socket(Lines::ConnectionOf(domain));
+    socket.SetSendTimeout(limit);
+    Connect(socket, address, text);
+    Converse(socket, limit);
 }
 
 TStatus End(TStatus status, const std::string& sentence) {
@@ -146,23 +183,17 @@ TStatus RunAndTell(const std::string& domain, const std::string& text, double li
     } catch (const EShutdown&) {
         return End(ShutDown, "shutdown: the server closed the connection before all lines were answered.");
     } catch (const ENotConnected& failure) {
-        return End(OtherFailure, "failure: " + Lines::ReasonOf(failure) + ".");
+        return End(OtherFailure, std::string("failure: ") + Lines::ReasonOf(failure) + ".");
     } catch (const EIOError&) { // a broken pipe: the server closed while the line was being sent
         return End(ShutDown, "shutdown: the server closed the connection and took no more lines.");
     } catch (const EBadAddress& failure) {
         return End(BadAddress, "bad address: \"" + text + "\" cannot be used (" + Lines::ReasonOf(failure) + ").");
     } catch (const EUnsupportedDomain& failure) {
         return End(BadAddress, "bad address: \"" + domain + "\" has no addresses (" + Lines::ReasonOf(failure) + ").");
-    } catch (const ERefused&) {
-        return End(Refused, "refusal: nobody listens on " + text + ".");
-    } catch (const EOutput&) {
-        return End(OutputFailure, "output: the answers cannot be written to standard output.");
-    } catch (const EInput&) {
-        return End(OtherFailure, "failure: standard input cannot be read.");
-    } catch (const Lines::ELineTooLong&) {
-        return End(OtherFailure, "failure: the server sent an answer longer than any line.");
+    } catch (const EEnd& end) {
+        return End(end.Status, end.Sentence);
     } catch (const EException& failure) {
-        return End(OtherFailure, "failure: " + Lines::ReasonOf(failure) + ".");
+        return End(OtherFailure, std::string("failure: ") + Lines::ReasonOf(failure) + ".");
     } catch (const std::exception& failure) {
         return End(OtherFailure, std::string("failure: ") + failure.what() + ".");
     }
@@ -171,12 +202,13 @@ TStatus RunAndTell(const std::string& domain, const std::string& text, double li
 } // namespace
 
 int main(int argc, char** argv) {
+    if (!Lines::FillStandardDescriptors())
+        return OtherFailure;
     double limit = 0;
     if (argc != 4 || !Lines::ParseLimit(argv[3], limit)) {
         std::cerr << Usage;
         return BadArguments;
     }
-    FillStandardDescriptors();
     std::ios_base::sync_with_stdio(false);
     return RunAndTell(argv[1], argv[2], limit);
 }

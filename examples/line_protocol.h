@@ -1,11 +1,11 @@
-/// What line_server and line_client share: how lines are read and how the command line is understood.
+/// @file
+/// What line_server and line_client share: the protocol, how lines are read, and how the command line is understood.
 ///
 /// The protocol: each line that a client sends is answered by its length in bytes, a space, and the line itself. Bytes have no meaning
-/// but for the newline that ends a line.
+/// but for the newline that ends a line. A server that has no room for a client sends the one line "busy" and closes.
 #ifndef KEST_EXAMPLES_LINE_PROTOCOL_H
 #define KEST_EXAMPLES_LINE_PROTOCOL_H
 
-#include <kest/foundation/time.h>
 #include <kest/net/socket.h>
 
 #include <charconv>
@@ -16,6 +16,9 @@
 #include <string_view>
 #include <system_error>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace Lines {
 
 /// The longest line that is taken, in bytes without its newline: what one client can make the server hold.
@@ -24,24 +27,28 @@ constexpr std::size_t LongestLine = std::size_t{1024} * 1024;
 /// Bytes of each buffer of a socket's stream: some dozens of usual lines for one system call.
 constexpr unsigned BufferSize = 4096;
 
-struct ELineTooLong {};
+/// The line of a server that has no room for a client.
+constexpr std::string_view Busy = "busy\n";
 
-/// Reads up to the next newline, which is dropped. False when the stream ended or failed first; @p line is then what came before that.
-/// Before it has to wait it flushes the stream that @p input is tied to, and does not wait if that fails.
-/// @throw ELineTooLong  more than @p longest bytes came without a newline; the rest of the line is not read.
-inline bool ReadLine(std::istream& input, std::string& line, std::size_t longest) {
+/// How the reading of a line ended.
+enum class TRead { Line, End, TooLong };
+
+/// Reads up to the next newline, which is dropped. Before it has to wait it flushes the stream that @p input is tied to.
+/// @return Line; End: the input ended or failed, or the tied stream failed, and @p line is what came before; TooLong: more than
+///         @p longest bytes came without a newline, and @p line is the first of them.
+inline TRead ReadLine(std::istream& input, std::string& line, std::size_t longest) {
     line.clear();
     std::streambuf& buffer = *input.rdbuf();
     for (;;) {
         if (buffer.in_avail() <= 0 && input.tie() != nullptr && !input.tie()->flush())
-            return false;
+            return TRead::End;
         const int character = buffer.sbumpc();
         if (character == std::char_traits<char>::eof())
-            return false;
+            return TRead::End;
         if (character == '\n')
-            return true;
+            return TRead::Line;
         if (line.size() == longest)
-            throw ELineTooLong();
+            return TRead::TooLong;
         line.push_back(static_cast<char>(character));
     }
 }
@@ -57,24 +64,30 @@ inline Kest::System::TSocket::TProtocolInfo ConnectionOf(const std::string& doma
     return {domain, Kest::System::TSocket::Stream, domain == "inet" ? "tcp" : "ip"}; // "ip" is number 0, a family's own protocol
 }
 
-/// Sets both limits of @p socket. Without a limit a flush may send only a part, when the process is stopped and continued meanwhile,
-/// and the rest would wait for the next flush. With one it is all or nothing, so the limit for sending is at least very long.
-inline void SetLimits(Kest::System::TSocket& socket, double limit) {
-    constexpr double thirtyYears = 1e9;
-    socket.SetReceiveTimeout(limit);
-    socket.SetSendTimeout(limit == Kest::System::EndlessTimeInterval ? thirtyYears : limit);
+/// For a stream whose flush failed. What is pending goes out with the stream's destructor, which would wait for the peer once more; with
+/// the sending side shut down the destructor fails at once.
+inline void EndSending(Kest::System::TSocket& socket) {
+    try {
+        socket.Shutdown(false, true);
+    } catch (const Kest::System::Interface::_Socket::EIOError&) { // there is no connection any more, so sending fails at once
+    }
 }
 
-/// For a stream whose flush failed: what is pending would go out with its destructor and keep it waiting for another whole limit.
-inline void GiveUpSending(Kest::System::TSocket& socket) {
-    constexpr double untilItBlocks = -1;
-    socket.SetSendTimeout(untilItBlocks);
-}
-
-/// The message of @p failure without the library's name in front, for a sentence that begins with the program's.
-inline std::string ReasonOf(const Kest::EException& failure) {
+/// The message of @p failure, and part of it, without the library's name in front: for a sentence that begins with the program's.
+inline const char* ReasonOf(const Kest::EException& failure) {
     constexpr std::string_view prefix = "Kest: ";
-    return failure.GetMessage().substr(prefix.size());
+    return failure.GetMessage().c_str() + prefix.size();
+}
+
+/// A standard stream that is closed would lend its number to a socket: what is printed would go to the peer, what the peer sends would be
+/// input. Each gets a descriptor for the other direction instead, with which reading or writing fails. Requires: called first in main().
+/// @return false: one is still closed.
+inline bool FillStandardDescriptors() {
+    for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(number, F_GETFD) == -1 && ::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY) != number)
+            return false;
+    }
+    return true;
 }
 
 } // namespace Lines

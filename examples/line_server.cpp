@@ -1,5 +1,13 @@
+/// @file
 /// Answers each line of each client with its length in bytes, a space and the line. Every client has a thread of its own, so that one
-/// that is slow, silent or broken costs nobody else anything.
+/// that is slow, silent or broken costs nobody else anything. Holds out against clients that mean harm and against want of memory, threads
+/// and descriptors.
+///
+/// Shows      listening and accepting, streams over sockets, time limits, a thread for each client and how all are ended, signals.
+/// Arguments  DOMAIN ADDRESS [LIMIT [CLIENTS]]: "inet" and host:port, port 0 for any free one, or "fs" and the path of a socket to create;
+///            seconds to wait for a client, 0 for no limit (60); how many clients are served at a time, others being told "busy" (256).
+/// Output     "listening on ADDRESS" when it is ready; on standard error, why a client was ended or refused.
+/// Status     0 ended by SIGINT or SIGTERM; 1 it cannot listen; 2 bad arguments.
 
 #include "line_protocol.h"
 
@@ -10,18 +18,25 @@
 #include <kest/threads/thread.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <malloc.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 using Kest::EException;
@@ -33,11 +48,19 @@ using namespace Kest::System::Interface::_Socket;
 
 namespace {
 
-constexpr char Usage[] = "usage: line_server DOMAIN ADDRESS [LIMIT]\n"
+constexpr char Usage[] = "usage: line_server DOMAIN ADDRESS [LIMIT [CLIENTS]]\n"
                          "  DOMAIN   inet or fs\n"
                          "  ADDRESS  inet: host:port, port 0 for any free one; fs: the path of a socket to create\n"
                          "  LIMIT    seconds to wait for a client, 0 for no limit; 60 if not given\n"
+                         "  CLIENTS  how many clients are served at a time, 1 to 10000; 256 if not given\n"
                          "Prints \"listening on ADDRESS\" when it is ready. Ends at SIGINT and SIGTERM, with status 0.\n";
+
+struct TOptions {
+    std::string Domain;
+    std::string Address;
+    double Limit = 60;
+    unsigned MostClients = 256;
+};
 
 std::atomic<bool> StopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may only touch what needs no lock");
@@ -46,150 +69,264 @@ void RequestStop(int) {
     StopRequested = true;
 }
 
-/// One write for a whole line, so that the lines of several threads do not mix.
-void Report(const std::string& text) {
-    std::cerr << "line_server: " + text + "\n";
+/// Writes a line to standard error: in one call, so that the lines of several threads do not mix; without memory, since that may be what
+/// there is none of; and not at all while nobody takes it, so that a full pipe holds no thread. Should another process fill the pipe just
+/// before the call, a cancellation or a signal ends it. A std::cerr would stay bad after that.
+void Report(std::string_view subject, std::string_view text) {
+    pollfd errors{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&errors, 1, 0) != 1)
+        return;
+    const std::array<std::string_view, 4> parts{"line_server: ", subject, text, "\n"};
+    std::array<iovec, parts.size()> pieces{};
+    std::transform(parts.begin(), parts.end(), pieces.begin(), [](std::string_view part) {
+        return iovec{const_cast<char*>(part.data()), part.size()}; // NOLINT(*-const-cast): the call reads, its type is for both ways
+    });
+    (void)::writev(STDERR_FILENO, pieces.data(), pieces.size()); // there is nobody to tell of a failure
 }
+
+/// Memory put by for the messages of exceptions: the library ends the process when it cannot compose one. An allocation that fails, in
+/// whichever thread, is tried again with a piece of it given back to the system, from which every thread can get it. No client is taken
+/// until all of it is put by again.
+namespace Reserve {
+
+constexpr std::size_t PieceSize{256 * 1024UL}; // more than the C library asks the system for at a time
+std::array<std::atomic<void*>, 16> Pieces{};   // together more than the largest single allocation here
+
+/// For the main thread. False when there is not enough memory.
+bool Fill() {
+    for (auto& piece : Pieces) {
+        if (piece != nullptr)
+            continue;
+        void* const memory = ::mmap(nullptr, PieceSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED)
+            return false;
+        piece = memory;
+    }
+    return true;
+}
+
+/// The new handler.
+void Release() {
+    for (auto& piece : Pieces) {
+        if (void* const memory = piece.exchange(nullptr)) {
+            (void)::munmap(memory, PieceSize);
+            return;
+        }
+    }
+    throw std::bad_alloc();
+}
+
+/// Requires: called before there is a second thread.
+bool Begin() {
+#ifdef M_ARENA_MAX
+    (void)::mallopt(M_ARENA_MAX, 1); // else the C library keeps 64 MiB of addresses for each of the first threads, whatever comes
+#endif
+    std::set_new_handler(Release);
+    return Fill();
+}
+
+} // namespace Reserve
 
 /// A client and its thread. All but Run() and what it calls is for the main thread.
 class TClient final : public TThread {
 public:
-    /// Takes @p accepted over. Starts the thread at the very end: the object is whole then, and nothing can fail any more.
-    TClient(const TSocket& accepted, unsigned number, double limit)
-        : Number(number), Limit(limit), Socket(accepted), Descriptor(Socket.GetDescriptor()) {
-        Start();
+    /// Gets what the client needs, the memory for its longest line and the thread, before there is a connection that might be lost.
+    TClient(unsigned number, double limit) : Name("client " + std::to_string(number) + ": "), Limit(limit) {
+        Line.reserve(Lines::LongestLine);
     }
-    ~TClient() noexcept override {
+    ~TClient() noexcept override { // a TSocket may throw when it closes, a thread must not: it ends the process then
         Interrupt(true);
-        WaitFor();
+        CancelAndFinish();
+    }
+
+    /// Takes @p accepted over and starts the thread. Nothing in it can fail.
+    void Begin(const TSocket& accepted) {
+        Socket.emplace(accepted);
+        Descriptor = Socket->GetDescriptor();
+        Start();
     }
 
     bool IsFinished() const { return Finished; }
 
     /// Ends a wait of the thread for input or, with @p sendingToo, for room to send. A socket object belongs to one thread at a time, the
     /// connection behind it does not, so this is the bare call; a copy of the object would do, for another descriptor for each client.
-    void Interrupt(bool sendingToo) {
+    void Interrupt(bool sendingToo) const {
         (void)::shutdown(Descriptor, sendingToo ? SHUT_RDWR : SHUT_RD); // fails when the client is gone already
     }
 
 private:
+    /// Two streams over the one socket: a flush drops the input that its stream has read ahead, which here are the next lines of a
+    /// client that does not wait for its answers. The stream for input is never flushed, so it loses nothing.
     int Run() override {
         try {
-            const std::string failure = Serve();
+            SetLimits();
+            TSocket::TStream input(*Socket, Lines::BufferSize);
+            TSocket::TStream output(*Socket, Lines::BufferSize);
+            input.tie(&output); // answers go out when the input is used up: one call for all the lines that came together
+            const std::string_view failure = Serve(input, output);
             if (!failure.empty() && !StopRequested)
-                Report("client " + std::to_string(Number) + ": " + failure);
-            SayGoodbye();
-        } catch (const EException&) { // the connection is gone, there is nobody to say goodbye to
+                Report(Name, failure);
+            SayGoodbye();             // before the streams go, which would wait for a client that takes nothing
+        } catch (const EException&) { // the client is gone
         } catch (const std::exception& failure) {
-            Report("client " + std::to_string(Number) + ": " + failure.what()); // no memory for its line
+            Report(Name, failure.what()); // no memory for the streams
         }
         Finished = true;
         return 0;
     }
 
+    void SetLimits() {
+        constexpr double aYear = 365.0 * 24 * 60 * 60; // without any limit a flush may send a part and keep the rest for the next
+        Socket->SetReceiveTimeout(Limit);
+        Socket->SetSendTimeout(Limit == Kest::System::EndlessTimeInterval ? aYear : Limit);
+    }
+
     /// Answers lines until the client or the server ends it. Returns what went wrong, or nothing.
-    ///
-    /// Two streams over the one socket: a flush drops the input that its stream has read ahead, which here are the next lines of a
-    /// client that does not wait for its answers. The stream for input is never flushed, so it loses nothing.
-    std::string Serve() {
-        Lines::SetLimits(Socket, Limit);
-        TSocket::TStream input(Socket, Lines::BufferSize);
-        TSocket::TStream output(Socket, Lines::BufferSize);
-        input.tie(&output); // answers go out when the input is used up: one call for all the lines that came together
-        std::string line;
-        try {
-            while (output && Lines::ReadLine(input, line, Lines::LongestLine))
-                output << line.size() << ' ' << line << '\n';
-        } catch (const Lines::ELineTooLong&) {
+    std::string_view Serve(TSocket::TStream& input, TSocket::TStream& output) {
+        auto read = Lines::TRead::Line;
+        while (output && (read = Lines::ReadLine(input, Line, Lines::LongestLine)) == Lines::TRead::Line)
+            output << Line.size() << ' ' << Line << '\n';
+        if (read == Lines::TRead::TooLong) {
             output.flush();
-            return "ended, a line is longer than " + std::to_string(Lines::LongestLine) + " bytes";
+            return "ended, a line is longer than 1048576 bytes";
         }
         constexpr int timedOut = -1;
         constexpr int wasShutDown = -2;
         const int result = output ? input.GetLastResult() : output.GetLastResult();
-        if (output && result == wasShutDown && !line.empty() && !StopRequested)
-            output << line.size() << ' ' << line << '\n' << std::flush; // its last line had no newline
-        if (!output)
-            Lines::GiveUpSending(Socket);
         if (result == timedOut)
             return output ? "ended, nothing came within the limit" : "ended, answers were not taken within the limit";
-        return result == wasShutDown && output ? "" : "ended, the connection is broken";
+        if (output && result == wasShutDown && !Line.empty() && !StopRequested)
+            output << Line.size() << ' ' << Line << '\n' << std::flush; // its last line had no newline
+        return output && result == wasShutDown ? "" : "ended, the connection is broken";
     }
 
     /// Closing a socket with unread input makes the system reset the connection, and the client may lose its last answers. So this ends
-    /// sending and reads what still comes, for a second at most.
+    /// sending and reads what still comes, for about a second.
     void SayGoodbye() {
-        Socket.Shutdown(false, true);
+        Socket->Shutdown(false, true);
         constexpr double patience = 1.0;
-        Socket.SetReceiveTimeout(patience);
-        std::vector<char> ignored(Lines::BufferSize);
+        Socket->SetReceiveTimeout(patience);
+        std::array<char, Lines::BufferSize> ignored{};
         const double end = GetCurrentTime() + patience;
         while (GetCurrentTime() < end)
-            Socket.Receive(ignored.data(), Lines::BufferSize); // ends with an exception when the client closes
+            Socket->Receive(ignored.data(), Lines::BufferSize); // ends with an exception when the client closes
     }
 
-    const unsigned Number;
+    const std::string Name;
     const double Limit;
+    std::string Line;
     std::atomic<bool> Finished{false};
-    TSocket Socket; ///< for Run() alone until the thread has ended
-    const int Descriptor;
+    std::optional<TSocket> Socket; ///< for Run() alone until the thread has ended
+    int Descriptor = -1;
 };
 
-using TClients = std::vector<std::unique_ptr<TClient>>;
-
-/// Joins and forgets the threads that have ended.
-void Reap(TClients& clients) {
-    const auto isFinished = [](const std::unique_ptr<TClient>& client) { return client->IsFinished(); };
-    clients.erase(std::remove_if(clients.begin(), clients.end(), isFinished), clients.end());
-}
-
-/// Half a second for all to come to their end, after which those that are still sending, to clients that take nothing, are cut off.
-void EndAll(TClients& clients) {
-    for (const auto& client : clients)
-        client->Interrupt(false);
-    for (int rounds = 0; rounds < 50 && !clients.empty(); ++rounds) {
-        TThreadInstance::Sleep(0.01);
-        Reap(clients);
+/// Takes clients and looks after them. For the main thread: signals reach it alone, since a TThread blocks them.
+class TServer {
+public:
+    TServer(TSocket& listener, const TOptions& options) : Listener(listener), Options(options), Peer(options.Domain) {
+        Clients.reserve(options.MostClients);
+        Listener.SetBlocking(false); // a connection that is gone again when it is accepted must not make accepting wait
     }
-    clients.clear();
-}
 
-/// Accepts clients until a signal says stop. Signals reach the main thread alone, since a TThread blocks them; one that comes just before
-/// the wait is seen after it.
-void Serve(TSocket& listener, const std::string& domain, double limit) {
-    TClients clients;
-    TSocket::TAddress peer(domain);
-    unsigned number = 0;
-    bool isShort = false;
-    listener.SetBlocking(false); // a connection that is gone again when it is accepted must not make accepting wait
-    while (!StopRequested) {
-        try {
-            if (listener.SelectRead(0.5)) {
-                clients.push_back(std::make_unique<TClient>(listener.Accept(peer), ++number, limit));
-                isShort = false;
+    /// Serves until a signal says stop; one that comes just before the wait is seen after it.
+    void Serve() {
+        while (!StopRequested) {
+            try {
+                if (Listener.SelectRead(0.5))
+                    TakeClient();
+            } catch (const EIOError&) { // the client is gone already, or a signal
+            } catch (const EException& failure) {
+                WaitInShortage(Lines::ReasonOf(failure)); // no descriptor
+            } catch (const std::exception& failure) {
+                WaitInShortage(failure.what()); // no memory
             }
-        } catch (const EIOError&) { // nothing to accept any more, or a signal
-        } catch (const EException& failure) {
-            // No descriptor or thread to be had. The client waits in the queue, or is lost; the others are served, and end some time.
-            if (!isShort)
-                Report("cannot take a client: " + Lines::ReasonOf(failure));
-            isShort = true;
-            TThreadInstance::Sleep(0.1); // the listener stays readable: without a pause this would spin
+            Reap();
+            (void)Reserve::Fill();
         }
-        Reap(clients);
+        EndAll();
     }
-    EndAll(clients);
-}
+
+private:
+    void TakeClient() {
+        TSocket accepted = Listener.Accept(Peer); // marked for hand-over: the client takes the descriptor
+        std::unique_ptr<TClient> client = MakeClient();
+        if (client == nullptr)
+            return Refuse(accepted);
+        client->Begin(accepted);
+        Clients.push_back(std::move(client));
+        IsShort = false;
+    }
+
+    /// Null when there is no room for another client.
+    std::unique_ptr<TClient> MakeClient() {
+        if (Clients.size() == Options.MostClients)
+            return Complain("there are as many as there may be");
+        try {
+            auto client = std::make_unique<TClient>(++Number, Options.Limit);
+            return Reserve::Fill() ? std::move(client) : Complain("no memory");
+        } catch (const EException& failure) {
+            return Complain(Lines::ReasonOf(failure)); // no thread
+        } catch (const std::exception& failure) {
+            return Complain(failure.what()); // no memory
+        }
+    }
+
+    /// Reads a little of what the client has sent, since closing with unread input resets the connection, but waits for nothing.
+    static void Refuse(TSocket& client) {
+        client.SetBlocking(false);
+        client.Send(Lines::Busy.data(), static_cast<unsigned>(Lines::Busy.size()));
+        client.Shutdown(false, true);
+        std::array<char, Lines::BufferSize> ignored{};
+        for (int rounds = 0; rounds < 16; ++rounds)
+            client.Receive(ignored.data(), Lines::BufferSize); // ends with an exception when nothing is left
+    }
+
+    /// Tells of the first client of a row that cannot be taken.
+    std::nullptr_t Complain(std::string_view reason) {
+        if (!IsShort)
+            Report("cannot take a client: ", reason);
+        IsShort = true;
+        return nullptr;
+    }
+
+    /// The client waits in the queue of the listener, which stays readable: without a pause this would spin.
+    void WaitInShortage(std::string_view reason) {
+        Complain(reason);
+        TThreadInstance::Sleep(0.1);
+    }
+
+    /// Joins and forgets the threads that have ended.
+    void Reap() {
+        const auto isFinished = [](const std::unique_ptr<TClient>& client) { return client->IsFinished(); };
+        Clients.erase(std::remove_if(Clients.begin(), Clients.end(), isFinished), Clients.end());
+    }
+
+    /// Half a second for all to come to their end, after which those that are still sending, to clients that take nothing, are cut off.
+    void EndAll() {
+        for (const auto& client : Clients)
+            client->Interrupt(false);
+        for (int rounds = 0; rounds < 50 && !Clients.empty(); ++rounds) {
+            TThreadInstance::Sleep(0.01);
+            Reap();
+        }
+        Clients.clear();
+    }
+
+    TSocket& Listener;
+    const TOptions& Options;
+    TSocket::TAddress Peer;
+    std::vector<std::unique_ptr<TClient>> Clients;
+    unsigned Number = 0;
+    bool IsShort = false;
+};
 
 /// The address as given, but with the number that the system chose in the place of port 0.
-std::string ListeningAddress(const TSocket& listener, const std::string& domain, const std::string& address) {
-    sockaddr_in own{};
-    socklen_t length = sizeof own;
-    if (domain != "inet" || ::getsockname(listener.GetDescriptor(), reinterpret_cast<sockaddr*>(&own), &length) != 0)
-        return address;
-    char host[INET_ADDRSTRLEN] = "";
-    (void)::inet_ntop(AF_INET, &own.sin_addr, host, sizeof host);
-    return host + (':' + std::to_string(ntohs(own.sin_port)));
+std::string ListeningAddress(const TSocket& listener, const TOptions& options) {
+    if (options.Domain != "inet")
+        return options.Address;
+    TSocket::TAddress own(options.Domain);
+    listener.GetLocalAddress(own);
+    return own.Get(false);
 }
 
 /// A failed Bind names the address, and fails in that where no name is registered for it, as for 0.0.0.0: the text is as good.
@@ -201,41 +338,62 @@ void Bind(TSocket& listener, const TSocket::TAddress& address, const std::string
     }
 }
 
-void Run(const std::string& domain, const std::string& text, double limit) {
-    const TSocket::TAddress address(domain, text, true);
-    TSocket listener(Lines::ConnectionOf(domain));
+void Run(const TOptions& options) {
+    const TSocket::TAddress address(options.Domain, options.Address, true);
+    TSocket listener(Lines::ConnectionOf(options.Domain));
     listener.SetReuseAddress(true);
-    Bind(listener, address, text);
+    Bind(listener, address, options.Address);
     // From here on, whichever way this ends, the file of an "fs" listener goes.
-    const std::unique_ptr<const char, int (*)(const char*)> file(domain == "fs" ? text.c_str() : nullptr, ::unlink);
+    const std::unique_ptr<const char, int (*)(const char*)> file(options.Domain == "fs" ? options.Address.c_str() : nullptr, ::unlink);
     listener.Listen(0);
-    std::cout << "listening on " << ListeningAddress(listener, domain, text) << std::endl;
+    TServer server(listener, options);
+    std::cout << "listening on " << ListeningAddress(listener, options) << std::endl;
     if (!std::cout)
         throw EException("standard output cannot be written");
-    Serve(listener, domain, limit);
+    server.Serve();
 }
 
-} // namespace
+bool ParseClients(std::string_view text, unsigned& count) {
+    constexpr unsigned most = 10000;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    return error == std::errc() && end == text.data() + text.size() && count >= 1 && count <= most;
+}
 
-int main(int argc, char** argv) {
-    double limit = 60;
-    if (argc < 3 || argc > 4 || (argc == 4 && !Lines::ParseLimit(argv[3], limit))) {
-        std::cerr << Usage;
-        return 2;
-    }
+bool Parse(int argc, char** argv, TOptions& options) {
+    if (argc < 3 || argc > 5)
+        return false;
+    options.Domain = argv[1];
+    options.Address = argv[2];
+    return (argc < 4 || Lines::ParseLimit(argv[3], options.Limit)) && (argc < 5 || ParseClients(argv[4], options.MostClients));
+}
+
+void HandleSignals() {
     struct sigaction action = {};
     action.sa_handler = RequestStop; // without SA_RESTART: the signal ends the wait for clients
     (void)::sigaction(SIGINT, &action, nullptr);
     (void)::sigaction(SIGTERM, &action, nullptr);
     action.sa_handler = SIG_IGN; // whoever reads standard error may go away, the server stays
     (void)::sigaction(SIGPIPE, &action, nullptr);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (!Lines::FillStandardDescriptors() || !Reserve::Begin())
+        return EXIT_FAILURE;
+    TOptions options;
+    if (!Parse(argc, argv, options)) {
+        std::cerr << Usage;
+        return 2;
+    }
+    HandleSignals();
     try {
-        Run(argv[1], argv[2], limit);
+        Run(options);
         return EXIT_SUCCESS;
     } catch (const EException& failure) {
-        Report(Lines::ReasonOf(failure));
+        Report("", Lines::ReasonOf(failure));
     } catch (const std::exception& failure) {
-        Report(failure.what());
+        Report("", failure.what());
     }
     return EXIT_FAILURE;
 }
