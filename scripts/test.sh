@@ -1,12 +1,12 @@
 #!/bin/bash
-# Builds and tests Kest in stages: a stage is the name of a preset, or lint, fuzz (the fuzz targets on their seeds), abi (the binary
-# interface), docs (the manual) or package (packages in a clean system). With arguments runs those stages, without any those of the lists
-# below. Ends with a line "N passed, N failed" that counts test cases over all presets; a stage without test cases counts as one when it
-# fails. Fails when anything failed.
+# Builds and tests Kest in stages: a stage is the name of a preset, or lint, attack (the examples under attack), fuzz (the fuzz targets on
+# their seeds), abi (the binary interface), docs (the manual) or package (packages in a clean system). With arguments runs those stages,
+# without any those of the lists below. Ends with a line "N passed, N failed" that counts test cases over all presets; a stage without test
+# cases counts as one when it fails. Fails when anything failed.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-stages=(lint release asan tsan release-clang release-32 fuzz abi docs)
+stages=(lint release asan tsan release-clang release-32 attack fuzz abi docs)
 # Without an argument too, unless this system has to emulate 32-bit programs: that is slow, and does not bear AddressSanitizer.
 stages_32_bits=(release-32-clang asan-32)
 # Only when they are named. The first three find little that no other stage finds, and the last takes as long as all others together.
@@ -41,6 +41,7 @@ run_stage() {
     rm -f "$logs/$1.xml"
     case $1 in
     lint) "$root/scripts/lint.sh" ;;
+    attack) "$root/scripts/attack.sh" ;;
     fuzz) "$root/scripts/fuzz.sh" corpus ;;
     abi) "$root/scripts/abi.sh" ;;
     docs) "$root/scripts/docs.sh" check ;;
