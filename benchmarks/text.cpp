@@ -1,10 +1,10 @@
 // UTF-8 to UCS-2 and back. The limit is what no conversion can do without: a new string, filled by a plain copy of as many bytes as lie
 // between those that are read and those that are written.
 #include <benchmarks/text_codecs.h>
+#include <benchmarks/text_samples.h>
 #include <benchmarks/topic.h>
 #include <kest/text/utf8.h>
 
-#include <algorithm>
 #include <clocale>
 #include <codecvt>
 #include <cstddef>
@@ -12,7 +12,6 @@
 #include <cwchar>
 #include <locale>
 #include <memory>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -224,53 +223,6 @@ struct TPoco {
     }
 };
 #endif
-
-// The texts: words of two to nine letters between spaces, so that nothing learns them by heart.
-
-struct TScript {
-    const char* Name;
-    std::wstring (*MakeWord)(std::mt19937& random, std::size_t letters);
-};
-
-template <wchar_t First, unsigned Count>
-std::wstring MakeWord(std::mt19937& random, std::size_t letters) {
-    std::wstring word;
-    while (word.size() < letters)
-        word += static_cast<wchar_t>(First + static_cast<wchar_t>(random() % Count));
-    return word;
-}
-
-/// As in French, one letter in twelve has an accent.
-std::wstring MakeLatinWord(std::mt19937& random, std::size_t letters) {
-    std::wstring word = MakeWord<L'a', 26>(random, letters);
-    for (wchar_t& each : word)
-        if (random() % 12 == 0)
-            each = static_cast<wchar_t>(0xE0 + random() % 31);
-    return word;
-}
-
-constexpr TScript Scripts[] = {
-    {"ascii", MakeWord<L'a', 26>},
-    {"latin", MakeLatinWord},
-    {"cyrillic", MakeWord<0x430, 32>},
-    {"cjk", MakeWord<0x4E00, 0x5000>},
-};
-
-/// A text of @p size bytes of UTF-8, or one or two less.
-std::string MakeText(const TScript& script, std::size_t size) {
-    std::mt19937 random(7);
-    const std::size_t sentenceSize = std::min<std::size_t>(size, 1 << 20); // larger ones repeat themselves
-    std::string sentence;
-    while (sentence.size() < sentenceSize)
-        sentence += TLoop::Encode(script.MakeWord(random, 2 + random() % 8)) + ' ';
-    std::string text;
-    while (text.size() < size)
-        text += sentence;
-    do
-        text.resize(size--);
-    while (TLoop::Encode(TLoop::Decode(text)) != text); // not within a character
-    return text;
-}
 
 /// A text in both encodings, and the name of its measurements without who.
 struct TText {

@@ -23,7 +23,7 @@ matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402 (the backend is chosen before)
 
 FIRST = ["limit", "kest", "std"]
-OWN = ["limit", "kest", "kest-portable", "loop"]
+OWN = ["limit", "kest", "kest-avx512", "kest-avx2", "kest-sse4", "kest-portable", "loop"]
 NARROW = "\u00a0" # between a number and its unit, which stay together
 MOST_PERCENT = 350 # that the first picture shows
 # Told apart on white and on black.
@@ -58,7 +58,8 @@ SUBJECTS = {
     "connection": "Connections. A connection made, accepted and closed.",
     "echo": "Transfers. A block sent to another thread, and sent back; by the size of the block.",
     "stream": "Streams. 64 KiB in blocks, lines and characters, by the size of the stream's buffer.",
-    "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string.",
+    "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string. "
+            "Of arm64 there are [instructions instead of times](performance/arm64.md).",
     "symbol": "Symbols of loaded libraries",
     "clock": "The clock",
     "singleton": "Singletons",

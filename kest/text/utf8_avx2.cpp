@@ -86,11 +86,6 @@ struct TSteps {
         TMask Long;
         TMask Longer;
     };
-    struct TSequences {
-        TMask High;
-        TMask Continuations;
-        TMask LeadsOfThree;
-    };
 
     KEST_STEP static TMask FindCharacters(const char* text) noexcept {
         return BitsOf(_mm256_cmpgt_epi8(Load(text), _mm256_set1_epi8(-64)));
@@ -131,10 +126,13 @@ struct TSteps {
         return run * Run + static_cast<std::size_t>(_mm_extract_epi32(sum, 0) + _mm_extract_epi32(sum, 1));
     }
 
-    KEST_STEP static TSequences FindSequences(const char* text) noexcept {
+    template <bool IsFirst>
+    KEST_STEP static bool FindEnds(const char* text, std::size_t count, TMask& missing, TMask& ends) noexcept {
         const __m256i bytes = Load(text);
         const std::uint32_t high = BitsOf(bytes);
-        return {high, BitsOf(FindContinuations(bytes)), BitsOf(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-33))) & high};
+        const TSequences<TMask> sequences{high, BitsOf(FindContinuations(bytes)),
+                                          BitsOf(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-33))) & high};
+        return sequences.FindEnds(count, missing, ends);
     }
 
     template <bool IsFirst>

@@ -80,11 +80,6 @@ struct TSteps {
         TMask Long;
         TMask Longer;
     };
-    struct TSequences {
-        TMask High;
-        TMask Continuations;
-        TMask LeadsOfThree;
-    };
 
     KEST_STEP static TMask FindCharacters(const char* text) noexcept { return _mm512_cmpgt_epi8_mask(Load(text), _mm512_set1_epi8(-64)); }
 
@@ -120,10 +115,12 @@ struct TSteps {
         return run * Run + static_cast<std::size_t>(_mm512_reduce_add_epi32(longer));
     }
 
-    KEST_STEP static TSequences FindSequences(const char* text) noexcept {
+    template <bool IsFirst>
+    KEST_STEP static bool FindEnds(const char* text, std::size_t count, TMask& missing, TMask& ends) noexcept {
         const __m512i bytes = Load(text);
-        return {_mm512_movepi8_mask(bytes), _mm512_cmplt_epi8_mask(bytes, _mm512_set1_epi8(-64)),
-                _mm512_cmpge_epu8_mask(bytes, _mm512_set1_epi8(-32))};
+        const TSequences<TMask> sequences{_mm512_movepi8_mask(bytes), _mm512_cmplt_epi8_mask(bytes, _mm512_set1_epi8(-64)),
+                                          _mm512_cmpge_epu8_mask(bytes, _mm512_set1_epi8(-32))};
+        return sequences.FindEnds(count, missing, ends);
     }
 
     template <bool IsFirst>

@@ -11,6 +11,11 @@
 #define KEST_CODEC_ENTRY
 #endif
 
+// Of arm64 with the usual order of bytes. Every such processor has the instructions.
+#if defined(__aarch64__) && defined(__ARM_NEON) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+#define KEST_HAS_NEON
+#endif
+
 namespace Kest::System {
 
 /// The loops of the conversions, written for one instruction set. All codecs give the same results.

@@ -19,6 +19,27 @@ namespace Kest::System {
 
 namespace {
 
+/// What a codec finds out of the bytes of a block, a bit each: those of 0x80 and above, those from there to 0xBF, those from 0xE0 on.
+template <class TMask>
+struct TSequences {
+    TMask High;
+    TMask Continuations;
+    TMask LeadsOfThree;
+
+    /// Whether every lead among the first @p count bytes has the continuation bytes that it announces and there are no
+    /// others. @p missing is where the block has to begin with such bytes, and becomes that of the next; @p ends is where sequences end.
+    KEST_STEP bool FindEnds(std::size_t count, TMask& missing, TMask& ends) const noexcept {
+        const TMask inside = static_cast<TMask>(~TMask{0} >> (8 * sizeof(TMask) - count));
+        const TMask leads = High & static_cast<TMask>(~Continuations);
+        const auto expected = static_cast<TMask>(missing | leads << 1U | LeadsOfThree << 2U);
+        if (((expected ^ Continuations) & inside) != 0)
+            return false;
+        missing = static_cast<TMask>((leads >> (count - 1) & 1U) | (LeadsOfThree >> (count - 2) & 3U));
+        ends = static_cast<TMask>(~(expected >> 1U | missing << (count - 1)) & inside);
+        return true;
+    }
+};
+
 /// The loops around the steps of one instruction set, TSteps:
 ///
 ///     BytesOfBlock, UnitsOfBlock, UnitsOfPart, Run    how many elements a step of each kind takes; a run is some blocks, a block some
@@ -26,7 +47,7 @@ namespace {
 ///     CountCharacters(bytes, blocks)                  how many those are in as many blocks, at most 255
 ///     FindLongUnits(units)                            bits of the block's code units that are 0, above 0x7F, above 0x7FF
 ///     CountBytes(units, runs)                         the bytes of so many runs, at most 255, up to the first run that has a 0
-///     FindSequences(bytes)                            bits of the block's bytes of 0x80 and above, those to 0xBF, those from 0xE0
+///     FindEnds<IsFirst>(bytes, count, missing, ends)  whether the first bytes of a block are well formed, and where sequences end
 ///     StoreUnits<IsFirst>(bytes, ends, out)           the code units of the sequences that end where a bit is set, and a few more
 ///     IsASCII(bytes), StoreASCII(bytes, out)          of a run
 ///     EncodeASCII(units, out)                         the bytes of a run; false when it is not all ASCII
@@ -175,13 +196,10 @@ private:
         /// when they are not well formed or there is no room; nothing is done then. In front of all but the first block are two bytes.
         template <bool IsFirst>
         KEST_STEP bool DecodeBlock(const char* block, std::size_t count) noexcept {
-            const auto bytes = TSteps::FindSequences(block);
-            const TMask leads = bytes.High & static_cast<TMask>(~bytes.Continuations);
-            const auto expected = static_cast<TMask>(Missing | leads << 1U | bytes.LeadsOfThree << 2U);
-            if (((expected ^ bytes.Continuations) & FirstOf(count)) != 0)
+            TMask next = Missing;
+            TMask ends = 0;
+            if (!TSteps::template FindEnds<IsFirst>(block, count, next, ends))
                 return false;
-            const auto next = static_cast<TMask>((leads >> (count - 1) & 1U) | (bytes.LeadsOfThree >> (count - 2) & 3U));
-            const auto ends = static_cast<TMask>(~(expected >> 1U | next << (count - 1)) & FirstOf(count));
             const auto units = static_cast<std::ptrdiff_t>(CountOf(ends));
             constexpr std::ptrdiff_t spare = std::ptrdiff_t{TSteps::StoreOvershoot} - std::ptrdiff_t{_TUTF8Codec::Slack};
             if (units + spare > OutEnd - Out)

@@ -81,11 +81,6 @@ struct TSteps {
         TMask Long;
         TMask Longer;
     };
-    struct TSequences {
-        TMask High;
-        TMask Continuations;
-        TMask LeadsOfThree;
-    };
 
     KEST_STEP static TMask FindCharacters(const char* text) noexcept { return BitsOf(_mm_cmpgt_epi8(Load(text), _mm_set1_epi8(-64))); }
 
@@ -125,10 +120,12 @@ struct TSteps {
         return run * Run + static_cast<std::size_t>(_mm_extract_epi32(sum, 0) + _mm_extract_epi32(sum, 1));
     }
 
-    KEST_STEP static TSequences FindSequences(const char* text) noexcept {
+    template <bool IsFirst>
+    KEST_STEP static bool FindEnds(const char* text, std::size_t count, TMask& missing, TMask& ends) noexcept {
         const __m128i bytes = Load(text);
         const unsigned high = BitsOf(bytes);
-        return {high, BitsOf(FindContinuations(bytes)), BitsOf(_mm_cmpgt_epi8(bytes, _mm_set1_epi8(-33))) & high};
+        const TSequences<TMask> sequences{high, BitsOf(FindContinuations(bytes)), BitsOf(_mm_cmpgt_epi8(bytes, _mm_set1_epi8(-33))) & high};
+        return sequences.FindEnds(count, missing, ends);
     }
 
     template <bool IsFirst>
