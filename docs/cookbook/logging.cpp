@@ -41,7 +41,7 @@ public:
     static std::atomic<int> Begun;
 
     int Run() override {
-        const TFarewell farewell{Log};
+        const TFarewell farewell(Log);
         ++Begun;
         while (true) {
             Log.Add("worker " + std::to_string(Number) + " works");
@@ -51,8 +51,11 @@ public:
 
 private:
     struct TFarewell {
-        TLog& Log;
+        explicit TFarewell(TLog& log) : Log(log) {}
+        TFarewell(const TFarewell&) = delete;
+        TFarewell& operator=(const TFarewell&) = delete;
         ~TFarewell() { Log.Add("a worker has gone"); } // also when it is cancelled
+        TLog& Log;
     };
 
     TLog& Log;

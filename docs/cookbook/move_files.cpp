@@ -17,7 +17,7 @@ void Save(const std::string& path, const std::string& content) {
     file << content;
     file.close(); // a full disk may be told only here
     if (!file) {
-        std::remove(UTF8ToSystem(fresh).c_str());
+        (void)std::remove(UTF8ToSystem(fresh).c_str());
         throw Kest::EException("cannot write " + fresh);
     }
     TFile::Rename(fresh, path);

@@ -72,7 +72,7 @@ unsigned Serve(TSocket& listener) {
 
 int main(int count, char** arguments) try {
     for (const int signal : {SIGINT, SIGTERM})
-        std::signal(signal, [](int) { IsEnding = 1; });
+        (void)std::signal(signal, [](int) { IsEnding = 1; });
     TSocket::TAddress address("inet", count > 1 ? arguments[1] : "127.0.0.1:7070", false);
     TSocket listener({"inet", TSocket::Stream, "tcp"});
     listener.SetReuseAddress(true); // or it could not start again for a minute

@@ -46,16 +46,20 @@ private:
 /// @throw ETimeout  nobody answered.
 std::string Ask(TSocket& socket, const TSocket::TAddress& server, const std::string& request) {
     double limit = 0.05; // seconds, for the first attempt
-    for (int attempt = 1; attempt <= 5; ++attempt, limit *= 2) {
+    for (int attempt = 1; attempt <= 5; ++attempt) {
         socket.SendTo(request.data(), static_cast<unsigned>(request.size()), server);
         const double end = Kest::System::GetCurrentTime() + limit;
-        for (double rest = limit; rest > 0.0; rest = end - Kest::System::GetCurrentTime()) {
-            socket.SetReceiveTimeout(rest); // never 0.0, which would be no limit at all
+        limit *= 2;
+        while (true) {
+            const double rest = end - Kest::System::GetCurrentTime();
+            if (rest <= 0.0) // as a limit it would be none at all
+                break;
+            socket.SetReceiveTimeout(rest);
             try {
                 char answer[512];
                 TSocket::TAddress sender("inet");
                 const int size = socket.ReceiveFrom(answer, sizeof answer, sender);
-                const std::string text(answer, static_cast<std::size_t>(size));
+                std::string text(answer, static_cast<std::size_t>(size));
                 if (sender.Get(false) == server.Get(false) && text == "answer to " + request)
                     return text;
             } catch (const Errors::ETimeout&) {

@@ -34,7 +34,7 @@ std::string Capitals(const std::string& text) {
 } // namespace
 
 int main() {
-    std::setlocale(LC_ALL, "C.UTF-8"); // without it only A to Z have capitals
+    (void)std::setlocale(LC_ALL, "C.UTF-8"); // without it only A to Z have capitals
     std::istringstream input("grüße\n"
                              "Łódź\n"
                              "ελληνικά\n"
