@@ -1,7 +1,5 @@
 #include "world.h"
 
-#include <regex>
-
 using namespace Kest::Test;
 using namespace Kest::System;
 using Kest::EException;
@@ -118,10 +116,9 @@ TEST(Fault, NobodyWhoActsBetweenTwoCallsMakesAContentVanish) {
 TEST(Fault, MoveOverFileSystemsMakesItsCallsInThisOrder) {
     TPlan plan({Far, TRule(C::copy_file_range, EXDEV)});
     NoteCalls(Operations[1], plan);
-    const std::string log = plan.Log({C::rename, C::openat, C::copy_file_range, C::write, C::futimens, C::fsync, C::close, C::fstatat,
-                                      C::renameat, C::mknodat, C::unlinkat});
     EXPECT_EQ(
-        std::regex_replace(log, std::regex(R"(\.kest-\d+-\d+)"), "fresh"),
+        plan.Log({C::rename, C::openat, C::copy_file_range, C::write, C::futimens, C::fsync, C::close, C::fstatat, C::renameat, C::mknodat,
+                  C::unlinkat}),
         "rename(from) openat() openat() fstatat(from) openat(from) fstatat(to) openat(fresh) copy_file_range() write() futimens() fsync() "
         "close() fstatat(from) renameat(fresh) fsync() mknodat(fresh) renameat(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
         "close() close() close() close()");
