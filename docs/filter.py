@@ -16,6 +16,8 @@ FOLDERS = {"filesystem": "files", "net": "sockets", "interface": "interfaces", "
 
 def header(path, text):
     text = re.sub(r"^ +[^/\n]*= default;$", "", text, flags=re.M)  # a class says what a copy of it does
+    # Behind @throw, these would be shown as that exception's.
+    text = re.sub(r"^( *///) (Requires|Waits|Threads): ", r"\1 @par \2\n\1 ", text, flags=re.M)
     subject = SUBJECTS.get(path.stem) if path.parent.name != "interface" else None
     subject = subject or FOLDERS.get(path.parent.name, path.parent.name)
     if path.parent.name == "kest":  # what includes or defines, and has no classes

@@ -241,6 +241,8 @@ def comment_faults(headers):
                 thrown = True
                 if comment[1].startswith("@throw by"):
                     yield f"{path}:{number}: 'by' is no exception"
+            elif re.match(r"(Requires|Waits|Threads): ", comment[1]):
+                thrown = False # a paragraph of its own in the manual
             elif thrown and comment[1] and not comment[1].startswith((" ", "@")):
                 yield f"{path}:{number}: prose behind @throw: {comment[1][:50]}"
             if line.startswith("namespace ") and re.match(r"///", lines[number - 2]):

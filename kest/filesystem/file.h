@@ -6,8 +6,10 @@
 
 #include <string>
 
+/// @file
 /// Paths are UTF-8 and end at their first zero byte. Nothing here keeps state or takes a lock: any thread may call anything, and other
 /// threads and processes may change the files between the steps of an operation.
+
 namespace Kest::System {
 
 /// Operations on files; there are no objects of this class. Remove and GetPathName are those of Interface::TFile.

@@ -3,7 +3,9 @@
 
 #include <kest/export.h>
 
+/// @file
 /// Linear mapping of one closed range of integers onto another. Nothing here has state: any thread may call anything.
+
 namespace Kest::_Gadgets {
 
 template <class T>

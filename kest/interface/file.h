@@ -46,12 +46,12 @@ public:
     /// end. A path right under the root directory gives the empty string. A backslash counts as a separator like a slash: the existing
     /// file "/tmp/a\b" gives "/tmp/a".
     /// @throw EException  "realpath() failed": the path does not exist or cannot be resolved.
-    /// Any thread may call it.
+    /// Threads: any may call it.
     static std::string GetPathName(const std::string& path);
 
     /// Removes the file @p path, or the directory if it is empty. A symbolic link is removed itself.
     /// @throw EException  "unable to remove file '" + @p path + "': " + the system's description.
-    /// Any thread may call it.
+    /// Threads: any may call it.
     static void Remove(const std::string& path);
 };
 

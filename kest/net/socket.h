@@ -86,7 +86,7 @@ public:
 
     /// Takes over the descriptor of a socket marked for hand-over, duplicates that of any other. The copy has the limits and the
     /// blocking mode of @p other and may be taken for one whose sending side was never shut down.
-    /// @throw by the table above  the descriptor cannot be duplicated; @p other is as before.
+    /// @throw EException  the descriptor cannot be duplicated, with the class by the table of TSocket; @p other is as before.
     TSocket(const TSocket& other);
 
     TSocket& operator=(const TSocket&) = delete;
@@ -94,9 +94,9 @@ public:
     /// If the socket owns its descriptor: shuts the connection down in both directions and closes the descriptor. Closing with unread
     /// input makes the system reset the connection, and the peer may lose what was sent last: shut down sending and receive to the end
     /// first where that matters. Cancellation is off meanwhile.
-    /// @throw EException  "socket closing failed"; the descriptor is gone all the same. Dropped while another exception propagates.
     /// A failure ends the process where nothing may leave a destructor: in a unique_ptr, and while a cancelled thread unwinds, which the
     /// standard library does not count as an exception.
+    /// @throw EException  "socket closing failed"; the descriptor is gone all the same. Dropped while another exception propagates.
     ~TSocket() noexcept(false) override;
 
     /// The system's family number for a family's name: "inet" 2, "ipx" 4, "fs" 1, "" 0, matched exactly. Any thread may call it.
@@ -140,13 +140,12 @@ public:
     int Receive(void* buffer, unsigned size) override;
 
     /// Non-blocking, or without a send limit: sends once, and the result may be less than @p size. Blocking and with a limit: sends all
-    /// of @p size, or throws.
+    /// of @p size, or throws. Cancellation point.
     /// @param size  at most the largest int, since that is what a count fits.
     /// @return bytes sent.
     /// @throw ETimeout   it would still block when the limit was over. How many bytes went out is not told. Sending that makes progress
     ///                   is not cut off.
     /// @throw EShutdown  "when receive": @p size is 0.
-    /// Cancellation point.
     int Send(const void* data, unsigned size) override;
 
     /// Like Receive(), and @p address becomes the sender's: the system's bytes whole, its domain field untouched. The system tells no
@@ -174,11 +173,10 @@ public:
 
     /// Connects to @p address. Non-blocking: starts connecting, EWouldBlock being the usual answer. Blocking without a send limit: waits
     /// as long as the system does. Blocking with one: switches to non-blocking mode (for every copy of the socket), repeats until
-    /// connected or the limit is over, and switches back on every way out.
+    /// connected or the limit is over, and switches back on every way out. Cancellation point.
     /// @throw ETimeout       the limit was over; the attempt itself goes on in the system.
     /// @throw EException     "socket blocking setup failure": the mode could not be switched, or not back; dropped during a cancellation.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
-    /// Cancellation point.
     void Connect(const Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Makes the socket accept connections, @p backlog of them waiting at most; 0 means 128.
@@ -200,15 +198,15 @@ public:
 
     /// Makes @p address the socket's own address: where it is bound, the system's choice of a port included. Of a socket that is not bound,
     /// "inet" gives "0.0.0.0:0" and "fs" an empty path. The system's bytes are taken whole, and the domain field of @p address stays.
-    /// @throw by the table above  the system refuses; @p address is as before.
-    /// @throw std::bad_alloc      there is no memory for the address, which is as before.
+    /// @throw EException      the system refuses, with the class by the table of TSocket; @p address is as before.
+    /// @throw std::bad_alloc  there is no memory for the address, which is as before.
     void GetLocalAddress(TAddress& address) const;
 
     /// Makes @p address that of the peer that the socket is connected to. A peer without a name gives an empty path of "fs". The system's
     /// bytes are taken whole, and the domain field of @p address stays.
-    /// @throw ENotConnected       the socket has no peer, or no longer one; @p address is as before.
-    /// @throw by the table above  the system refuses otherwise; @p address is as before.
-    /// @throw std::bad_alloc      there is no memory for the address, which is as before.
+    /// @throw ENotConnected   the socket has no peer, or no longer one; @p address is as before.
+    /// @throw EException      the system refuses otherwise, with the class by the table of TSocket; @p address is as before.
+    /// @throw std::bad_alloc  there is no memory for the address, which is as before.
     void GetPeerAddress(TAddress& address) const;
 
     /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.
@@ -225,8 +223,8 @@ public:
     /// On a blocking socket, waits until a receive has something to take: bytes, the end of the connection, an error. The wait lasts at
     /// most the receive limit. Does nothing on a non-blocking socket. Urgent data alone do not end the wait, unlike that of SelectRead(),
     /// which it does not call; an "fs" socket that has some is looked at every few milliseconds. Cancellation point.
-    /// @throw ETimeout            the limit ran out.
-    /// @throw by the table above  the wait failed or a signal ended it; or, beside urgent data, the socket's own error.
+    /// @throw ETimeout    the limit ran out.
+    /// @throw EException  the wait failed or a signal ended it; or, beside urgent data, the socket's own error: by the table of TSocket.
     void ValidateReceive();
 
     /// Ends the connection's @p read or @p write direction, or both. After the latter a broken pipe counts as a shutdown.

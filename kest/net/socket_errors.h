@@ -6,6 +6,7 @@
 
 #include <string>
 
+/// @file
 /// What socket operations throw. Callers choose by class: EIOError catches what goes wrong with a connection that there is, EAbort what
 /// ends one. A connection that never came about is none of them where the system refuses it (a refused connection, an unreachable host):
 /// that is an EException itself, so whoever connects catches EException.
@@ -23,6 +24,7 @@
 /// system's description.
 ///
 /// Memory running out while a message is composed ends the process.
+
 namespace Kest::System::Interface::_Socket {
 
 /// The name of an address family is unknown, or the family has no addresses in text.

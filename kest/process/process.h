@@ -5,7 +5,9 @@
 
 #include <string>
 
+/// @file
 /// Services about the running process. No state of their own; any thread may call them. Nothing blocks.
+
 namespace Kest::System {
 
 /// One of the standard streams of the process.

@@ -6,8 +6,10 @@
 
 #include <string>
 
+/// @file
 /// The user's language, country and text encoding, and conversion to and from named encodings, which this platform does not offer. Any
 /// thread may call anything.
+
 namespace Kest::System {
 
 /// What the locale environment says, found out once, by the constructor. The queries below use one object of this class, made at the

@@ -5,11 +5,13 @@
 
 #include <string>
 
+/// @file
 /// Text on its way to the system and back. Inside, narrow text is UTF-8; every path or text that crosses the border goes through
 /// these conversions, so that a platform with another encoding changes this file only. Here the system's encoding counts as UTF-8:
 /// both are plain copies, no byte is examined, and invalid UTF-8 passes unchanged, zero bytes included.
 ///
 /// No state; any thread may call them. They throw the standard allocation failure only.
+
 namespace Kest::System {
 
 /// @p text in the system's encoding.

@@ -5,12 +5,14 @@
 
 #include <string>
 
+/// @file
 /// Conversion between UTF-8 and UCS-2. Wide text holds one UCS-2 code unit, 0 to 0xFFFF, in each element, although wchar_t is wider
 /// here. Characters beyond have no representation; surrogates are code units like any other.
 ///
 /// The conversions are lenient: they never throw anything of their own and never validate, every byte and every code unit has its fixed
 /// rule. A sequence of UTF-8 has one to three bytes, neither writing nor reading knows a fourth. Counts are in elements: bytes of narrow
 /// buffers, wchar_t of wide ones. No state; any thread may call anything. Nothing blocks.
+
 namespace Kest::System {
 
 /// How many bytes the first @p length code units of @p text are in UTF-8, up to a code unit 0: one up to 0x7F, two up to 0x7FF, three
