@@ -71,9 +71,8 @@ public:
 ///                    folder of the destination was written through, for which the destination goes as when only the removal fails.
 ///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
 ///                    destination and a full disk are reasons.
-/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by
-/// now,
-///                    or has gone.
+/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another
+///                    file by now, or has gone.
 /// Waits: over file systems as TFile::Copy() does for the source, and for the disk. Cancellation point until the destination is replaced.
 /// Threads: any may call it.
 KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
