@@ -41,7 +41,7 @@ std::set<std::string> PathsIn(const std::string& folder) {
         while (true) {
             const std::string name = directory.Read().GetName();
             if (GetFileNameMatch(name, "*.so"))
-                paths.insert(folder + '/' + name); // with a slash, or the loader would look in its own places
+                paths.insert(std::string(folder).append("/").append(name)); // with a slash, or the loader would look in its own places
         }
     } catch (const TDirectory::EEnd&) {
     }

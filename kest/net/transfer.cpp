@@ -129,9 +129,10 @@ bool WaitForInput(const TSocket& socket, double limit) {
         return true;
     // The system has left the rest of the limit in the interval. A C library that keeps that from its callers makes the limit begin anew,
     // this one time.
-    constexpr double endless = std::numeric_limits<double>::infinity();
-    const double rest = static_cast<double>(interval.tv_sec) + static_cast<double>(interval.tv_usec) / _Interval::MicrosecondsPerSecond;
-    return WaitForInputBesideUrgentData(socket, readable.IsHeld(), timeout == nullptr ? endless : rest);
+    double rest = std::numeric_limits<double>::infinity();
+    if (timeout != nullptr)
+        rest = static_cast<double>(interval.tv_sec) + static_cast<double>(interval.tv_usec) / _Interval::MicrosecondsPerSecond;
+    return WaitForInputBesideUrgentData(socket, readable.IsHeld(), rest);
 }
 
 /// A C library before 2.41 may act on a cancellation after the system has made the new descriptor, which is lost then. So where the call

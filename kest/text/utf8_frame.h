@@ -17,7 +17,7 @@
 
 namespace Kest::System {
 
-namespace {
+namespace { // functions of one name are compiled for several instruction sets: NOLINT(cert-dcl59-cpp)
 
 /// What a codec finds out of the bytes of a block, a bit each: those of 0x80 and above, those from there to 0xBF, those from 0xE0 on.
 template <class TMask>
@@ -29,7 +29,7 @@ struct TSequences {
     /// Whether every lead among the first @p count bytes has the continuation bytes that it announces and there are no
     /// others. @p missing is where the block has to begin with such bytes, and becomes that of the next; @p ends is where sequences end.
     KEST_STEP bool FindEnds(std::size_t count, TMask& missing, TMask& ends) const noexcept {
-        const TMask inside = static_cast<TMask>(~TMask{0} >> (8 * sizeof(TMask) - count));
+        const auto inside = static_cast<TMask>(~TMask{0} >> (8 * sizeof(TMask) - count));
         const TMask leads = High & static_cast<TMask>(~Continuations);
         const auto expected = static_cast<TMask>(missing | leads << 1U | LeadsOfThree << 2U);
         if (((expected ^ Continuations) & inside) != 0)
