@@ -29,29 +29,35 @@ is_installed() { # PACKAGE
     [[ " $status" == *" installed "* ]]
 }
 
+as_root() { # COMMAND...
+    if ((EUID == 0)); then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        echo "setup: not root, and no sudo. Please run: $*" >&2
+        exit 1
+    fi
+}
+
 # Installs those packages that are not there. Asks for nothing but root's rights.
 install_missing() { # PACKAGE...
-    local missing=() as_root=() package
+    local missing=() package
     for package in "$@"; do
         is_installed "$package" || missing+=("$package")
     done
     ((${#missing[@]} > 0)) || return 0
 
-    if ((EUID != 0)); then
-        if ! command -v sudo >/dev/null; then
-            echo "setup: not root, and no sudo. Please install: apt-get install --no-install-recommends ${missing[*]}" >&2
-            exit 1
-        fi
-        as_root=(sudo)
-    fi
     echo "setup: installing ${missing[*]}"
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 update -qq
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 update -qq
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# 32 bits for both compilers. The package g++-multilib, without the version, refuses to stand beside any cross compiler.
+# 32 bits for both compilers. The package g++-multilib, without the version, refuses to stand beside any cross compiler. The link by which
+# 32-bit programs find the headers of the kernel comes with that package alone, and goes with it.
 install_multilib() {
     install_missing "g++-$(/usr/bin/g++ -dumpversion)-multilib"
+    [[ -e /usr/include/asm || ! -d /usr/include/x86_64-linux-gnu/asm ]] || as_root ln -s x86_64-linux-gnu/asm /usr/include/asm
 }
 
 # Whether the kernel runs 32-bit programs of x86. Needs a compiler that makes them.
@@ -72,4 +78,5 @@ declare -A cross_machines=(
 # it refuses to stand beside them, and its compilers stay.
 install_cross() { # ARCHITECTURE
     install_missing qemu-user g++-12-multilib "g++-12-${cross_machines[$1]}"
+    install_multilib
 }
