@@ -31,7 +31,7 @@ bool IsWhole(const _TOpenFile& source, std::int64_t bytes) {
 
 /// Copies over what stands at the destination, which is emptied only when both files are open and turned out to be two. False when the
 /// source could not be read or the destination not be written whole.
-bool Overwrite(const _TOpenFile& source, const _TOpenFile& destination, _TCopyBuffer& buffer) {
+KEST_LEFT_BY_CANCELLATION bool Overwrite(const _TOpenFile& source, const _TOpenFile& destination, _TCopyBuffer& buffer) {
     if (!source.IsOpen() || !destination.IsOpen() || _IsSameFile(source.State, destination.State))
         return false;
     const bool isToBeEmptied = S_ISREG(destination.State.st_mode) && destination.State.st_size > 0;

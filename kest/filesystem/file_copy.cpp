@@ -80,7 +80,7 @@ KEST_LEFT_BY_CANCELLATION std::int64_t MoveRest(int in, int out, char* buffer, s
 
 } // namespace
 
-_TOpenFile _OpenSource(int folder, const char* path, const struct stat& looked) {
+KEST_LEFT_BY_CANCELLATION _TOpenFile _OpenSource(int folder, const char* path, const struct stat& looked) {
     const bool isRegular = S_ISREG(looked.st_mode);
     _TOpenFile in{_TDescriptor(isRegular ? OpenWithoutWaiting(folder, path, O_RDONLY) : OpenAndWait(folder, path, O_RDONLY)), {}};
     if (in.IsOpen() && (!ReadState(in) || S_ISDIR(in.State.st_mode) || S_ISREG(in.State.st_mode) != isRegular))
@@ -88,7 +88,7 @@ _TOpenFile _OpenSource(int folder, const char* path, const struct stat& looked) 
     return in;
 }
 
-_TOpenFile _OpenDestination(const char* path) {
+KEST_LEFT_BY_CANCELLATION _TOpenFile _OpenDestination(const char* path) {
     const int flags = O_WRONLY | O_CREAT;
     int descriptor = OpenWithoutWaiting(AT_FDCWD, path, flags);
     if (descriptor < 0 && errno == ENXIO) // a pipe that nobody reads yet
@@ -108,7 +108,7 @@ _TCopyBuffer::_TCopyBuffer(const struct stat& source) {
         Large.reset(new char[LargeSize]);
 }
 
-std::int64_t _CopyContent(const _TOpenFile& in, const _TDescriptor& out, _TCopyBuffer& buffer) {
+KEST_LEFT_BY_CANCELLATION std::int64_t _CopyContent(const _TOpenFile& in, const _TDescriptor& out, _TCopyBuffer& buffer) {
     const int source = in.Descriptor.Get();
     const std::int64_t inKernel = S_ISREG(in.State.st_mode) ? MoveInKernel(source, out.Get(), in.State.st_size) : 0;
     const std::int64_t rest = MoveRest(source, out.Get(), buffer.Get(), buffer.GetSize());

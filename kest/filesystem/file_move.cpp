@@ -56,7 +56,7 @@ private:
     std::optional<struct stat> Follow(const char* name, const struct stat& entry) const;
 };
 
-bool TSource::Open() {
+KEST_LEFT_BY_CANCELLATION bool TSource::Open() {
     if (!Entry.IsOpen())
         return false;
     const auto entry = Entry.Look();
@@ -167,13 +167,13 @@ bool TCopy::ShowsUpAs(const TSource& source) const {
     return std::string_view(source.Entry.GetName()) == Entry.GetName() && _LookAt(source.Entry.GetFolder(), Name.Get());
 }
 
-bool TCopy::Fill(const TSource& source, _TCopyBuffer& buffer) {
+KEST_LEFT_BY_CANCELLATION bool TCopy::Fill(const TSource& source, _TCopyBuffer& buffer) {
     const std::int64_t bytes = _CopyContent(source.File, Output, buffer);
     return bytes >= 0 && source.IsWholeWith(bytes) && _CopyTime(source.File.State, Output);
 }
 
 /// The content is on the disk, as far as the system tells.
-bool TCopy::Secure() {
+KEST_LEFT_BY_CANCELLATION bool TCopy::Secure() {
     return WriteThrough(Output.Get()) && Output.Close();
 }
 
