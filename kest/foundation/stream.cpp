@@ -139,12 +139,14 @@ bool TStream::Record(int result, int size) {
     return result >= 0 && result <= size;
 }
 
-/// Offers the pending bytes once and moves what was not taken to the front; false when nothing was taken of something.
+/// Offers the pending bytes once and moves what was not taken to the front; false when nothing was taken of something. A cancellation in
+/// the transport leaves open how much it took: nothing is pending then, or the destructor would write what went out a second time.
 bool TStream::WritePending() {
     const auto pending = static_cast<int>(pptr() - pbase());
     if (pending == 0)
         return true;
-    const int result = Transport.Write(OutputBuffer, static_cast<unsigned int>(pending));
+    const int result = System::_UndoneByCancellation([&] { return Transport.Write(OutputBuffer, static_cast<unsigned int>(pending)); },
+                                                     [this] { setp(OutputBuffer, OutputBuffer + BufferSize); });
     if (!Record(result, pending) || result == 0)
         return false;
     const int remaining = pending - result;

@@ -26,6 +26,10 @@ namespace Kest::_Gadgets {
 /// Unbuffered reading takes every character that it looks at. Operations that look at the next character before they take it lose that
 /// character: std::getline, the operators >>, peek(). In unbuffered mode read with get() and read().
 ///
+/// A cancellation in the transport's write passes through the stream, and the stream gives up what was pending: nobody can tell how much
+/// of it went out. So the destructor writes none of it again, and does not wait for the transport on the way. An exception of the
+/// transport leaves everything pending.
+///
 /// A thread that is cancelled inside a stream operation while it is handling an exception ends the process: the standard library's own
 /// stream operations catch a cancellation and pass it on, which its runtime cannot do inside a handler. Read and write outside handlers,
 /// or with cancellation off (TCancellationOff), where a thread may be cancelled.
@@ -38,7 +42,7 @@ namespace Kest::_Gadgets {
 /// No positioning, and no putting back beyond what the input buffer still holds.
 class KEST_EXPORT TStream : private std::basic_streambuf<char>, public std::basic_iostream<char> {
 public:
-    /// Where the bytes come from and go to.
+    /// Where the bytes come from and go to. A class that implements it and is built with -Wnon-virtual-dtor as an error is declared final.
     class KEST_EXPORT TInterface {
     public:
         /// Reads at most @p size bytes into @p buffer.
@@ -81,7 +85,8 @@ public:
     virtual void allocate(int size);
 
     /// Empties the exception mask, writes what is pending with one transport call, dropping any exception of it, and releases the
-    /// buffers; the state is good afterwards. A cancellation in the transport call passes, and the buffers are then still there.
+    /// buffers; the state is good afterwards. A cancellation in the transport call passes: the buffers are then still there, and nothing is
+    /// pending.
     void DestroyBuffer();
 
     /// The next input character, 0 to 255, or -1. Buffered: it stays the next one, and an empty buffer is refilled with one transport

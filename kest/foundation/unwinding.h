@@ -68,6 +68,23 @@ KEST_CATCHES_CANCELLATION auto _CatchAll(const TAction& action, const THandler& 
     }
 }
 
+/// Gives the result of @p action. When a cancellation leaves it, does @p undo first and goes on with the cancellation; an exception passes
+/// without it. With libc++ only for what a _TCancellationOffInStream is around, where no cancellation comes.
+template <class TAction, class TUndo>
+KEST_CATCHES_CANCELLATION auto _UndoneByCancellation(const TAction& action, const TUndo& undo) -> decltype(action()) {
+#ifdef _LIBCPP_VERSION
+    (void)undo;
+    return action();
+#else
+    try {
+        return action();
+    } catch (abi::__forced_unwind&) {
+        undo();
+        throw;
+    }
+#endif
+}
+
 } // namespace Kest::System
 
 #endif

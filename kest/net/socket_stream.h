@@ -41,13 +41,20 @@ private:
 ///
 /// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call.
 ///
-/// After -1 from reading nothing is lost: clear() the state, and reading goes on where it stopped. After -1 from a flush a part may have
-/// gone out, nobody knows how much, and the stream still has all of it pending: any further flush, that of the destructor included, sends
-/// it again from its beginning. The peer would read bytes twice, so the connection is over: shut the sending side down
-/// (`socket.Shutdown(false, true)`) before the stream goes or is flushed again. Without a send limit the system may take a part of a flush,
-/// and what is left goes out with the next flush, once. A flush also drops
-/// input that was read ahead: read an answer to its end before the next flush. Reading and writing are cancellation points, the final
-/// flush of the destructor is not. They are not for a thread that may be cancelled while it is handling an exception: see the base class.
+/// After -1 or a signal from reading nothing is lost: clear() the state, and reading goes on where it stopped.
+///
+/// With a send limit, after any failure of a flush (-1, -2 by a signal, -3) a part may have gone out. Nobody knows how much, and the stream
+/// still has all of it pending: any further flush, that of the destructor included, sends it again from its beginning. The peer would read
+/// bytes twice, so the connection is over: shut the sending side down (`socket.Shutdown(false, true)`) before the stream goes or is flushed
+/// again. Without a send limit the system may take a part of a flush, and what is left goes out with the next flush, once; a flush that
+/// fails has sent nothing.
+///
+/// A flush also drops input that was read ahead: read an answer to its end before the next flush.
+///
+/// Reading and writing are cancellation points. A cancellation in a flush makes the stream give up what was pending, with a limit and
+/// without one: a part may have gone out, and the destructor sends nothing of it. The final flush of the destructor is no cancellation
+/// point. It waits for the peer if something is pending: as long as the send limit, or without an end where there is none. A stream is not
+/// for a thread that may be cancelled while it is handling an exception: the process would end.
 ///
 /// A stream and its socket belong to one thread at a time.
 class KEST_EXPORT TSocket::TStream : private _TSocketStreamInterface, public _Gadgets::TStream {

@@ -223,6 +223,9 @@ void FlushTooMuch(TScene& s) {
 void IsWritten(TScene& s) {
     EXPECT_EQ(s.Transport.Written, "pending");
 }
+void IsGivenUp(TScene& s) {
+    EXPECT_EQ(s.Transport.Written, "");
+}
 void IsWrittenAndPast(TScene& s) {
     IsWritten(s);
     EXPECT_TRUE(s.IsPast);
@@ -349,7 +352,7 @@ const TRow Rows[] = {
     {"select to write", FillAndSelect},
     {"read from a socket's stream", [](TScene& s) { TSocket::TStream(s.Net.Server, 16).get(); }},
     {"write to a socket's stream", [](TScene& s) { TSocket::TStream(s.Net.Server, 0) << TooMuch(); }},
-    {"flush of a socket's stream", By({TRule(C::send, EPIPE).At(2)}, FlushTooMuch)}, // the destructor tries it once more
+    {"flush of a socket's stream", FlushTooMuch},
     // Between the steps of others.
     {"look-up of a name", By({CancelInAddressLookUp}, Resolve), Itself, Resolve},
     {"look-up of a protocol", By({{C::getprotobyname, &CancelMyself}}, [](TScene&) { TSocket{StreamOf("fs")}; }), Itself, Resolve},
@@ -360,14 +363,14 @@ const TRow Rows[] = {
     {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
     {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
     {"rename of a silent pipe", Held("from", Move), true, TreeIs(PipeToFile), PipeToFile},
-    // Streams over a transport that is cancelled: what is pending is written by the destructor.
+    // Streams over a transport that is cancelled: what is pending is written by the destructor, unless a write was cut off.
     {"refill", Streaming(16, [](auto& stream) { stream.get(); }), Itself, IsWritten},
     {"refill without a buffer", [](TScene& s) { Kest::_Gadgets::TStream(s.Transport, 1).get(); }, Itself},
     {"write without a buffer", Streaming(1, [](auto&) {}), Itself},
-    {"flush", Streaming(16, [](auto& stream) { stream.flush(); }), Itself, IsWritten},
-    {"destroying a buffer", Streaming(16, [](auto& stream) { stream.DestroyBuffer(); }), Itself, IsWritten},
-    {"another buffer", Streaming(16, [](auto& stream) { stream.allocate(4); }), Itself, IsWritten},
-    {"full buffer", Streaming(7, [](auto& stream) { stream << '!'; }), Itself, IsWritten},
+    {"flush", Streaming(16, [](auto& stream) { stream.flush(); }), Itself, IsGivenUp},
+    {"destroying a buffer", Streaming(16, [](auto& stream) { stream.DestroyBuffer(); }), Itself, IsGivenUp},
+    {"another buffer", Streaming(16, [](auto& stream) { stream.allocate(4); }), Itself, IsGivenUp},
+    {"full buffer", Streaming(7, [](auto& stream) { stream << '!'; }), Itself, IsGivenUp},
     // Releasing comes to its end, and the thread is cancelled at its next point.
     {"stream's final flush", Releasing(Streaming(16, [](auto&) {})), Itself, IsWrittenAndPast},
     {"flush from a sentry", Releasing(Streaming(16, [](auto& stream) { stream << std::unitbuf << ""; })), Itself, IsWrittenAndPast},

@@ -3,6 +3,8 @@
 #include <support/descriptors.h>
 #include <support/sockets.h>
 
+#include <csignal>
+#include <memory>
 #include <stdexcept>
 
 using namespace Kest;
@@ -96,9 +98,15 @@ TEST(SocketStream, DestructorSendsWhatIsPendingAndLeavesTheSocketOpen) {
     EXPECT_NO_THROW(TStream(connection.Client, 16) << "nobody will get this");
 }
 
-TEST(SocketStream, FlushThatRanOutOfTimeBeginsAnewUnlessTheSendingSideIsShutDown) {
+TEST(SocketStream, FlushThatWasCutOffBeginsAnewUnlessShutDownOrCancelled) {
+    struct sigaction handled {};
+    handled.sa_handler = [](int) {};
+    handled.sa_flags = SA_RESTART;
+    ASSERT_EQ(::sigaction(SIGUSR1, &handled, nullptr), 0);
     const std::string sent = Pattern(4 << 20);
-    for (const bool isShutDown : {false, true}) {
+    enum TEnd { Limit, LimitThenShutdown, Signal, Cancellation };
+    for (const TEnd end : {Limit, LimitThenShutdown, Signal, Cancellation}) {
+        SCOPED_TRACE(end);
         TConnection connection("fs");
         std::string received;
         TFunctionThread reader([&] {
@@ -106,19 +114,28 @@ TEST(SocketStream, FlushThatRanOutOfTimeBeginsAnewUnlessTheSendingSideIsShutDown
             EXPECT_THROW(for (;;) received.append(piece, static_cast<std::size_t>(connection.Server.Receive(piece, sizeof piece))),
                          EShutdown);
         });
-        {
+        std::atomic<pid_t> number{0};
+        TFunctionThread writer([&] {
             TStream stream(connection.Client, 5 << 20);
-            connection.Client.SetSendTimeout(0.01);
+            const std::shared_ptr<void> atTheEnd(nullptr, [&](void*) { reader.Start(); }); // before the destructor's flush
+            connection.Client.SetSendTimeout(end <= LimitThenShutdown ? 0.01 : Soon);
+            number = ::gettid();
             stream << sent << std::flush;
-            EXPECT_EQ(stream.GetLastResult(), -1);
+            EXPECT_EQ(stream.GetLastResult(), end == Signal ? -2 : -1);
             connection.Client.SetSendTimeout(Soon);
-            if (isShutDown)
+            if (end == LimitThenShutdown)
                 connection.Client.Shutdown(false, true);
-            reader.Start();
-        }
+        });
+        writer.Start();
+        EXPECT_TRUE(end <= LimitThenShutdown || FallsAsleep(number));
+        if (end == Signal)
+            (void)::pthread_kill(writer.GetId(), SIGUSR1);
+        if (end == Cancellation)
+            writer.Cancel();
+        EXPECT_EQ(writer.WaitFor(), end == Cancellation ? -1 : 0);
         connection.Client.Shutdown(false, true);
         (void)reader.WaitFor();
-        const std::string again = isShutDown ? "" : sent;
+        const std::string again = end == Limit || end == Signal ? sent : "";
         ASSERT_GT(received.size(), again.size());
         EXPECT_TRUE(received == sent.substr(0, received.size() - again.size()) + again);
     }
