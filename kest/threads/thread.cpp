@@ -100,8 +100,7 @@ void TThreadInstance::Yield() {
 /// through. So the gate also knows whether it was opened and whether the thread is past it.
 class _TStartGate : public TMutex {
 public:
-    /// @param isTurnedAway  the thread's note of what its gate did; read and written inside.
-    explicit _TStartGate(bool& isTurnedAway) : TMutex(false), IsTurnedAway(isTurnedAway) { TMutex::Enter(); }
+    _TStartGate() : TMutex(false) { TMutex::Enter(); }
     ~_TStartGate() override {
         Open(); // a system mutex is never destroyed while it is held
     }
@@ -115,31 +114,30 @@ public:
     /// For the new thread: waits until the gate is open, and goes past it. False when it has been turned away.
     bool Pass() {
         const _TScopedEntry entry(*this);
-        (void)Opened.load(std::memory_order_acquire); // see the field
-        IsPassed = true;
-        return !IsTurnedAway;
+        (void)Opened.load(std::memory_order_acquire); // see the fields
+        IsPassed.store(true, std::memory_order_release);
+        return !IsTurnedAway.load(std::memory_order_acquire);
     }
 
     /// Turns the thread away unless it is past already, and tells which. Either way the gate is open afterwards.
     bool TurnAway() {
         if (Opened.exchange(true, std::memory_order_acq_rel))
             TMutex::Enter(); // else it is still held from its making, and nobody else will leave it
-        const bool isPast = IsPassed;
-        IsTurnedAway = !isPast;
+        const bool isPast = IsPassed.load(std::memory_order_acquire);
+        IsTurnedAway.store(!isPast, std::memory_order_release);
         TMutex::Leave();
         return !isPast;
     }
 
 private:
-    /// Release and acquire repeat what the mutex orders already: ThreadSanitizer forgets that of a mutex that another thread unlocked
-    /// than locked it, which is so when Start() is called elsewhere than the constructor.
+    // Release and acquire repeat what the mutex orders already: ThreadSanitizer forgets that of a mutex that another thread unlocked
+    // than locked it, which is so when Start() is called elsewhere than the constructor.
     std::atomic<bool> Opened{false};
-
-    bool IsPassed = false; ///< read and written inside
-    bool& IsTurnedAway;
+    std::atomic<bool> IsPassed{false};     ///< read and written inside
+    std::atomic<bool> IsTurnedAway{false}; ///< read and written inside
 };
 
-TThread::TThread() : StartGate(new _TStartGate(Abandoned)) {
+TThread::TThread() : StartGate(new _TStartGate) {
     if (::pthread_create(&Handle, nullptr, &TThread::ThreadFunc, this) != 0) {
         delete StartGate;
         _Throw("thread creation error");

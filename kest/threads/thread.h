@@ -76,6 +76,8 @@ class _TStartGate;
 /// | Turned away | Finish(), CancelAndFinish() or the     | ends with exit value 0 without running Run(), and is waited for  |
 /// |             | destructor before the gate was passed  | by the operation that turned it away                             |
 ///
+/// A Cancel() before Start() is without effect on a thread that is then turned away: it has no body to cancel, and its exit value is 0.
+///
 /// As its first action the new thread blocks SIGINT, SIGTERM, SIGHUP, SIGIO, SIGALRM and SIGPIPE for itself: they reach the
 /// application's own threads. Its nice value is that of the thread that created it.
 ///
@@ -122,7 +124,9 @@ public:
     void Finish() noexcept;
 
     /// Ends the thread like Finish(), but asks a body that runs to end at its next cancellation point, as Cancel() does, before it waits
-    /// for the thread. A body that meets no cancellation point is waited for until it returns.
+    /// for the thread. A body that meets no cancellation point is waited for until it returns. So is what its destructors wait for while
+    /// it unwinds: the final flush of a TSocket::TStream that has output pending waits for the peer, up to the send limit or, without one,
+    /// without an end. A stream that is cancelled in a flush has nothing pending.
     ///
     /// May be called in every state of the thread, more than once, and while an exception or a cancellation unwinds the calling thread.
     /// Requires: the thread does not call it for itself. Debug builds assert that; release builds then do nothing.
@@ -145,7 +149,7 @@ private:
     KEST_HIDDEN void End(bool cancels) noexcept;
 
     _TStartGate* StartGate;
-    bool Abandoned = false; ///< told by the gate: the body is not to run
+    [[maybe_unused]] bool Abandoned = false; ///< keeps the object's size; the gate has the note
 };
 
 } // namespace Kest::System
