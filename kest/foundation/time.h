@@ -24,8 +24,9 @@ extern KEST_EXPORT const double EndlessTimeInterval;
 ///     socket.SetReceiveTimeout(TimeLimit(deadline - std::chrono::steady_clock::now()));
 ///
 /// A duration of less than a nanosecond becomes a nanosecond, the shortest limit that any operation can tell from another: so do zero, a
-/// negative duration, NaN, and what would vanish in a double. A wait with that limit looks once and ends. Every longer duration keeps its
-/// value, rounded as a double is.
+/// negative duration, NaN, and what would vanish in a double. A wait for input or for a condition with that limit looks once and ends;
+/// sending and connecting that would block may take up to a second more, as with every limit. Every longer duration keeps its value,
+/// rounded as a double is.
 /// @return seconds; at least 1e-9.
 template <class TRepresentation, class TPeriod>
 constexpr double TimeLimit(const std::chrono::duration<TRepresentation, TPeriod>& duration) {

@@ -15,7 +15,8 @@ namespace Kest::System {
 /// The two limits of a socket apply while it is in blocking mode, which a new socket is. The one for receiving is a wait for input
 /// before the call, on a clock that nobody sets; the one for sending and connecting runs over the whole operation, on the settable clock,
 /// in steps of up to a second: a time-out comes up to a second late, and setting the clock moves it. A limit that is negative or NaN never
-/// fits: sending and connecting time out as soon as they would block, and a wait for input is refused by the system (ENotConnected).
+/// fits: sending and connecting time out as soon as they would block, and a wait for input is refused by the system (ENotConnected), unless
+/// it is within a microsecond of zero, which is a look (ETimeout).
 /// TimeLimit() of kest/foundation/time.h makes limits from durations of the standard library.
 ///
 /// Failures are the classes of socket_errors.h. Unless an operation says otherwise, each may throw
@@ -36,8 +37,9 @@ namespace Kest::System {
 ///
 /// Signals. The library retries nothing that a signal ended. A handled signal ends a wait for readiness or for input whatever its limit is,
 /// an endless one too: so it ends a Receive(), and whatever has a limit. It ends the other calls that wait (Accept(), Connect() and Send()
-/// without a limit) unless its handler was installed with SA_RESTART, with which the system goes on with the call. A signal that arrives
-/// while a call is not waiting ends nothing.
+/// without a limit) unless its handler was installed with SA_RESTART, with which the system goes on with the call. A Send() without a limit
+/// that has sent a part is ended with that count, with SA_RESTART too: the exception comes only if nothing went out. A signal that
+/// arrives while a call is not waiting ends nothing.
 ///
 /// Ownership. A socket made by Accept() is marked for hand-over: its first copy takes the descriptor itself, and the socket copied from
 /// stays usable but no longer closes it. `TSocket s = server.Accept(a)` is that socket, so its own first copy takes the descriptor away
@@ -62,7 +64,8 @@ namespace Kest::System {
 /// only for the one thread that takes input: what another takes between the wait and the call is waited for without a limit. And
 /// the first copy that is destroyed shuts the connection down for the other.
 /// Receiving, sending, connecting, accepting and the waits may block and are
-/// cancellation points; a cancelled operation leaves the object as it was. The look-ups of the constructor, and of a failed Bind(), are not
+/// cancellation points; a cancelled operation leaves the object as it was. What a cancelled Send() has sent is sent all the same, and how
+/// much that is nobody is told. The look-ups of the constructor, and of a failed Bind(), are not
 /// cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
 class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
 public:
@@ -93,9 +96,8 @@ public:
 
     /// If the socket owns its descriptor: shuts the connection down in both directions and closes the descriptor. Closing with unread
     /// input makes the system reset the connection, and the peer may lose what was sent last: shut down sending and receive to the end
-    /// first where that matters. Cancellation is off meanwhile.
-    /// A failure ends the process where nothing may leave a destructor: in a unique_ptr, and while a cancelled thread unwinds, which the
-    /// standard library does not count as an exception.
+    /// first where that matters. Cancellation is off meanwhile. A failure ends the process where nothing may leave a destructor: in a
+    /// unique_ptr, and while a cancelled thread unwinds, which the standard library does not count as an exception.
     /// @throw EException  "socket closing failed"; the descriptor is gone all the same. Dropped while another exception propagates.
     ~TSocket() noexcept(false) override;
 
@@ -130,7 +132,9 @@ public:
     double SetSendTimeout(const double& limit) override;
 
     /// Waits for input up to the receive limit if the socket is blocking, then receives once. Urgent data, which the call does not
-    /// receive, neither end the wait nor stretch the limit.
+    /// receive, neither end the wait nor stretch the limit. That does not hold for an "fs" socket whose urgent data the caller has taken
+    /// through GetDescriptor() (MSG_OOB): the system then calls it readable while it has nothing. Who reads urgent data uses a
+    /// non-blocking socket.
     /// Waits: a socket may be announced readable and then have nothing (a datagram whose checksum is wrong, input that another copy has
     /// taken): the call then waits past its limit. A non-blocking socket does not. Cancellation point.
     /// @return bytes received, 1 to @p size: what the system has, not necessarily all that was sent.
@@ -140,11 +144,12 @@ public:
     int Receive(void* buffer, unsigned size) override;
 
     /// Non-blocking, or without a send limit: sends once, and the result may be less than @p size. Blocking and with a limit: sends all
-    /// of @p size, or throws. Cancellation point.
+    /// of @p size, or throws. After an exception of such a call a part may have gone out: neither a limit that ran out nor a signal
+    /// (EShutdown "interrupted system call") tells how many bytes went. Sending that makes progress is not cut off by the limit.
+    /// Cancellation point.
     /// @param size  at most the largest int, since that is what a count fits.
     /// @return bytes sent.
-    /// @throw ETimeout   it would still block when the limit was over. How many bytes went out is not told. Sending that makes progress
-    ///                   is not cut off.
+    /// @throw ETimeout   it would still block when the limit was over.
     /// @throw EShutdown  "when receive": @p size is 0.
     int Send(const void* data, unsigned size) override;
 
@@ -222,7 +227,9 @@ public:
 
     /// On a blocking socket, waits until a receive has something to take: bytes, the end of the connection, an error. The wait lasts at
     /// most the receive limit. Does nothing on a non-blocking socket. Urgent data alone do not end the wait, unlike that of SelectRead(),
-    /// which it does not call; an "fs" socket that has some is looked at every few milliseconds. Cancellation point.
+    /// which it does not call; an "fs" socket that has some is looked at every few milliseconds. Where the caller has taken the urgent data
+    /// of an "fs" socket through GetDescriptor() (MSG_OOB), the wait may end with nothing to take: who reads urgent data uses a
+    /// non-blocking socket. Cancellation point.
     /// @throw ETimeout    the limit ran out.
     /// @throw EException  the wait failed or a signal ended it; or, beside urgent data, the socket's own error: by the table of TSocket.
     void ValidateReceive();

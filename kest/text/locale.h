@@ -37,12 +37,15 @@ private:
 };
 
 /// The user's language, "" when unknown: on this platform always.
+/// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetDefaultLanguage();
 
 /// The user's country, "" when unknown: on this platform always.
+/// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetDefaultCountry();
 
 /// The encoding of the system's texts: on this platform always "UTF-8".
+/// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetSystemEncoding();
 
 /// @throw EException  "UTF8ToEncoding not implemented", whatever the arguments.
