@@ -13,7 +13,7 @@
 namespace {
 
 /// A pipe, a terminal, a serial line. What Read() and Write() return is what GetLastResult() of the stream tells.
-class TDescriptor : public Kest::_Gadgets::TStream::TInterface {
+class TDescriptor final : public Kest::_Gadgets::TStream::TInterface {
 public:
     enum TResult : int { End = 0, TimedOut = -1, Failed = -2 }; // 0 is the end of the data; other codes are the transport's own
 

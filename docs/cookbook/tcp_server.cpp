@@ -29,9 +29,11 @@ public:
         try {
             TSocket::TStream stream(Socket, 1024);
             char line[512]; // a longer line ends the connection
-            while (stream.getline(line, sizeof line))
-                stream << line << std::endl;
-        } catch (const std::bad_alloc&) { // an exception that left Run() would end the process
+            while (stream.getline(line, sizeof line) && stream << line << std::endl) {
+            }
+            Socket.Shutdown(false, true);   // the stream's end would send again what a flush that failed has sent already
+        } catch (const Kest::EException&) { // the client has gone; an exception that left Run() would end the process
+        } catch (const std::bad_alloc&) {
         }
         Over = true;
         return 0;

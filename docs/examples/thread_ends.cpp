@@ -1,3 +1,4 @@
+#include <kest/net/socket.h>
 #include <kest/threads/thread.h>
 
 #include <atomic>
@@ -20,10 +21,10 @@ public:
     std::atomic<bool> HasBegun{false};
 };
 
-/// Has a worker of its own.
+/// Has a worker of its own, and a socket.
 class TForeman : public TThread {
 public:
-    ~TForeman() override { Finish(); }
+    ~TForeman() noexcept override { Finish(); } // the word is needed: a socket's destructor may throw, a thread's may not
 
     int Run() override {
         TWorker worker;
@@ -35,6 +36,7 @@ public:
     }
 
     std::atomic<bool> IsLeaving{false};
+    TSocket Socket{TSocket::TProtocolInfo{"inet", TSocket::Stream, "tcp"}};
 };
 
 int main() {

@@ -5,7 +5,7 @@
 #include <string>
 
 /// A transport of one's own: what is written can be read again.
-class TLoop : public Kest::_Gadgets::TStream::TInterface {
+class TLoop final : public Kest::_Gadgets::TStream::TInterface {
 public:
     int Read(void* buffer, unsigned size) override {
         const std::size_t count = std::min<std::size_t>(size, Bytes.size());
@@ -30,4 +30,11 @@ int main() {
     int left = 0, right = 0;
     stream >> left >> right;
     std::cout << left * right << '\n';
+
+    std::ostream second(stream.rdbuf()); // another stream over the buffer: without std::unitbuf, and flushed by hand
+    second << std::nounitbuf << "unbuffered" << std::flush;
+    Kest::_Gadgets::TStream unbuffered(loop, 1); // std::getline, >> and peek() would lose characters here, get() and read() do not
+    std::string text(10, '\0');
+    unbuffered.read(&text[0], 10);
+    std::cout << text << '\n';
 }
