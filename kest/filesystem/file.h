@@ -41,6 +41,9 @@ public:
     /// Renames @p from to @p to; the same as _RenameHelper(), tried again at once up to ten times when it fails with an EException, so
     /// eleven times in all. A failed allocation and a cancellation leave at once.
     /// @throw EException  that of the last attempt.
+    /// Waits: as _RenameHelper() does, in each attempt. A signal ends one attempt's wait for a pipe, and the next attempt waits anew: a
+    /// signal does not end Rename(), a cancellation does. Cancellation point until the destination is replaced.
+    /// Threads: any may call it.
     static void Rename(const std::string& from, const std::string& to);
 };
 
@@ -53,27 +56,46 @@ public:
 /// Over file systems the file is copied to a fresh one beside the destination, written through to the disk, and renamed over the
 /// destination. What stands there is replaced in that one step, be it a symbolic link, a pipe, a device or one of several hard links, and
 /// never written through. The source is removed last, and only as the entry and the file that were read, as large as then and not modified
-/// since. A symbolic link as source is followed for its content, and the link goes. The result is a new file: 0666 less the mask of the
-/// process, the caller's, with the modification time in whole seconds, without holes and without further hard links. There must be room for
-/// the copy beside the old destination, and its folder must allow new entries.
+/// since. A symbolic link as source is followed for its content, and the link goes. The result is a new file with the modification time in
+/// whole seconds. Its permissions are 0666 less the mask of the process, and the caller owns it. Access control lists, extended attributes,
+/// the set-user-ID and set-group-ID bits, holes and further hard links are not carried over.
 ///
-/// Before the destination is replaced, a failure and a cancellation change nothing. When only the removal of the source fails, as in a
-/// folder that is read-only, the destination goes again, provided that it still is this copy and that the source is still there: an old
-/// destination is lost then. When the source vanishes during the copy, the copy stays where nothing stood at the destination.
+/// The file system of the destination needs room for the copy beside the old destination. The folder of the destination must allow new
+/// entries and their removal; an append-only folder is refused before anything is made. The folder of the source needs no room, unless its
+/// file system cannot rename without replacing: there it needs room for one empty file.
+///
+/// An overlay without an index gives a file of its lower layer that has several hard links another inode number when it is first renamed.
+/// There one attempt says "remove failed", and the next attempt succeeds.
+///
+/// Before the destination is replaced, a failure and a cancellation change no file. Bytes that were read from a pipe are gone. When only
+/// the removal of the source fails, as in a folder that is read-only, the destination goes again, provided that it still is this copy and
+/// that the source is still there: an old destination is lost then. When the source vanishes during the copy, the copy stays where nothing
+/// stood at the destination.
 ///
 /// Others may rename, replace and remove source and destination at any moment, by this operation too: no content is lost that nobody
-/// replaced or removed. For a moment a file may stand under a fresh name of the library's own, ".kest-" and two numbers. It keeps that name
-/// where somebody took its own just then, or where the process is killed. This does not hold between two mounts that show one file under
-/// two device numbers, nor against somebody who writes to the source while it is being removed.
+/// replaced or removed. When several attempts move one file at once, it may be that none of them succeeds; the content stays. When somebody
+/// updates the source and another attempt moves the update to the destination at the moment at which this attempt replaces the
+/// destination, this attempt replaces the update by the older content, and fails. Two conditions are not covered: two mounts that show one
+/// file under two device numbers, and somebody who writes to the source while it is being removed. A writer may do so through a mapping or
+/// a descriptor opened before. A write that keeps the size and falls into the same tick of the file system's clock shows in no record.
 ///
-/// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description: nothing has changed.
-/// @throw EException  "cross device link: tryed to copy and remove: copy failed": nothing has changed, unless the disk failed when the
+/// For a moment a file may stand under a fresh name of the library's own, ".kest-" and two numbers. It keeps that name where somebody took
+/// its own just then, or where the process is killed. A tool that lists hidden names sees these names and should leave them out. Until the
+/// attempt over file systems returns, the new file at the destination may be open for writing: executing the file fails then (ETXTBSY).
+///
+/// Writing beyond the process's limit for files raises SIGXFSZ, as the system's own calls do. Without a handler this signal ends the
+/// process, and the fresh file stays.
+///
+/// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description: nothing has changed. Of two
+///                    hard links the source may have kept a fresh name, where its own name was taken meanwhile.
+/// @throw EException  "cross device link: tryed to copy and remove: copy failed": no file has changed, unless the disk failed when the
 ///                    folder of the destination was written through, for which the destination goes as when only the removal fails.
 ///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
-///                    destination and a full disk are reasons.
-/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another
-///                    file by now, or has gone.
-/// Waits: over file systems as TFile::Copy() does for the source, and for the disk. Cancellation point until the destination is replaced.
+///                    destination and a full disk are reasons. So is a source that is missing, if both paths lie on different mounts.
+/// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by
+///                    now, or has gone.
+/// Waits: over file systems as TFile::Copy() does for the source, and for the disk. A signal that is handled ends the wait for a pipe, and
+/// so this attempt. Cancellation point until the destination is replaced.
 /// Threads: any may call it.
 KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
 

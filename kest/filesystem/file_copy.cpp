@@ -12,10 +12,12 @@ namespace Kest::System {
 
 namespace {
 
+constexpr int AlwaysFlags = O_CLOEXEC | O_NOCTTY; ///< a terminal that is copied to does not become that of the process
+
 /// One call with cancellation off, which must not wait.
 int OpenAtOnce(int folder, const char* path, int flags) {
     const TCancellationOff off;
-    return ::openat(folder, path, flags | O_NONBLOCK | O_CLOEXEC, 0666);
+    return ::openat(folder, path, flags | O_NONBLOCK | AlwaysFlags, 0666);
 }
 
 /// Opens without waiting, except for the end of another process's lease. A signal ends that wait, as it ends the system's own.
@@ -30,7 +32,7 @@ KEST_LEFT_BY_CANCELLATION int OpenWithoutWaiting(int folder, const char* path, i
 
 /// Opens what may have to wait for somebody.
 KEST_LEFT_BY_CANCELLATION int OpenAndWait(int folder, const char* path, int flags) {
-    return ::openat(folder, path, flags | O_CLOEXEC, 0666);
+    return ::openat(folder, path, flags | AlwaysFlags, 0666);
 }
 
 bool ReadState(_TOpenFile& file) {
@@ -63,14 +65,21 @@ KEST_LEFT_BY_CANCELLATION bool WriteAll(int out, const char* bytes, ssize_t size
     return true;
 }
 
-/// Reads and writes everything that is left of @p in.
+/// Lets reading wait from now on. False when it did already.
+bool BeginToWait(int in) {
+    const int flags = ::fcntl(in, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) != 0 && ::fcntl(in, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
+/// Reads and writes everything that is left of @p in. Some regular files of the system's own make their reader wait, though they were
+/// opened without waiting.
 /// @return the number of bytes, or -1.
 KEST_LEFT_BY_CANCELLATION std::int64_t MoveRest(int in, int out, char* buffer, std::size_t size) {
     for (std::int64_t sum = 0;;) {
         const ssize_t count = ::read(in, buffer, size);
         if (count == 0)
             return sum;
-        if (count < 0 && errno != EINTR)
+        if (count < 0 && errno != EINTR && !(errno == EAGAIN && BeginToWait(in)))
             return -1;
         if (!WriteAll(out, buffer, count))
             return -1;

@@ -121,8 +121,8 @@ public:
             Entry.Remove(Name);
     }
 
-    bool IsPossible() const { return Entry.IsOpen(); }
-    bool IsOverItself(const TSource& source) const;
+    bool IsPossible() const { return Entry.IsOpen() && !Entry.IsForGood(); }
+    bool MayReplace(const TSource& source) const;
     bool Make();
     bool ShowsUpAs(const TSource& source) const;
     bool Fill(const TSource& source, _TCopyBuffer& buffer);
@@ -144,10 +144,10 @@ private:
     _TDescriptor Output; ///< the file once more, to be closed before the destination is given up for it: some errors come only then
 };
 
-/// Whether the destination is what would be read, by another mount or by a hard link.
-bool TCopy::IsOverItself(const TSource& source) const {
+/// Whether the destination is neither a directory nor what would be read, by another mount or by a hard link.
+bool TCopy::MayReplace(const TSource& source) const {
     const auto old = Entry.Look();
-    return old && (_IsSameFile(*old, source.Link) || _IsSameFile(*old, source.File.State));
+    return !old || (!S_ISDIR(old->st_mode) && !_IsSameFile(*old, source.Link) && !_IsSameFile(*old, source.File.State));
 }
 
 bool TCopy::Make() {
@@ -260,7 +260,7 @@ int RemoveAside(const _TEntry& source, const _TFreshName& aside, const _TEntry& 
 _TMoveEnd _MoveOverFileSystems(const std::string& from, const std::string& to) {
     TSource source(from);
     TCopy copy(to);
-    if (!source.Open() || !copy.IsPossible() || copy.IsOverItself(source))
+    if (!source.Open() || !copy.IsPossible() || !copy.MayReplace(source))
         return _TMoveEnd::CopyFailed;
     _TCopyBuffer buffer(source.File.State);
     if (!copy.Make() || copy.ShowsUpAs(source) || !copy.Fill(source, buffer) || !copy.Secure())

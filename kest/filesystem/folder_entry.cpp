@@ -28,6 +28,28 @@ _TDescriptor OpenFolder(const std::string& path, int flags) {
     return _TDescriptor(descriptor);
 }
 
+/// Makes an empty file, which needs no descriptor by the first call. Some file systems do not have that call, and some containers refuse
+/// it.
+int MakePlaceholder(int folder, const char* name) {
+    if (::mknodat(folder, name, S_IFREG | 0600, 0) == 0)
+        return 0;
+    if (errno != ENOSYS && errno != EPERM)
+        return -1;
+    const TCancellationOff off;
+    const _TDescriptor file(::openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return file.IsOpen() ? 0 : -1;
+}
+
+#ifdef RENAME_NOREPLACE
+/// Whether the system or the file system cannot rename without replacing, by the error that it gave. A filter of a container may answer
+/// EPERM to whatever is asked; the system itself says of an empty name that there is no such file.
+bool IsWithoutNoReplace(int error) {
+    if (error == EPERM)
+        return ::renameat2(AT_FDCWD, "", AT_FDCWD, "", RENAME_NOREPLACE) != 0 && errno == EPERM;
+    return error == EINVAL || error == ENOSYS;
+}
+#endif
+
 } // namespace
 
 std::optional<struct stat> _LookAt(int folder, const char* name) {
@@ -59,9 +81,31 @@ bool _TEntry::IsSameEntry(const _TEntry& other) const {
     return Name == other.Name && ::fstat(GetFolder(), &mine) == 0 && ::fstat(other.GetFolder(), &theirs) == 0 && _IsSameFile(mine, theirs);
 }
 
+bool _TEntry::IsForGood() const {
+#ifdef STATX_ATTR_APPEND
+    struct statx state {};
+    return ::statx(GetFolder(), "", AT_EMPTY_PATH, 0, &state) == 0 && (state.stx_attributes_mask & STATX_ATTR_APPEND) != 0 &&
+           (state.stx_attributes & STATX_ATTR_APPEND) != 0;
+#else
+    return false;
+#endif
+}
+
 int _TEntry::PutAside(_TFreshName& aside) const {
+#ifdef RENAME_NOREPLACE
     const int folder = GetFolder();
-    if (aside.Find([&](const char* name) { return ::mknodat(folder, name, S_IFREG | 0600, 0); }) < 0)
+    if (aside.Find([&](const char* name) { return ::renameat2(folder, GetName(), folder, name, RENAME_NOREPLACE); }) == 0)
+        return 0;
+    const int error = errno;
+    if (!IsWithoutNoReplace(error))
+        return error;
+#endif
+    return IsForGood() ? EPERM : PutOverPlaceholder(aside);
+}
+
+int _TEntry::PutOverPlaceholder(_TFreshName& aside) const {
+    const int folder = GetFolder();
+    if (aside.Find([&](const char* name) { return MakePlaceholder(folder, name); }) < 0)
         return errno;
     if (::renameat(folder, GetName(), folder, aside.Get()) == 0)
         return 0;

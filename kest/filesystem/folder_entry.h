@@ -56,8 +56,12 @@ public:
     /// Whether both are one entry by the names of its folder and its own.
     bool IsSameEntry(const _TEntry& other) const;
 
+    /// Whether the folder is append-only: an entry is made there and never removed or renamed. False also where the system does not tell.
+    bool IsForGood() const;
+
     /// Gives the entry a fresh name, so that it can be looked at and removed without touching what comes to stand at the old name. This
-    /// goes by way of an empty file of that name, since a fresh name must not replace anything.
+    /// needs neither space nor an inode where the system can rename without replacing anything. Elsewhere it goes by way of an empty file
+    /// of the fresh name.
     /// @return 0 or the error, for which nothing is changed.
     int PutAside(_TFreshName& aside) const;
 
@@ -70,6 +74,8 @@ public:
     void Remove(const _TFreshName& aside) const { (void)::unlinkat(GetFolder(), aside.Get(), 0); }
 
 private:
+    int PutOverPlaceholder(_TFreshName& aside) const;
+
     _TDescriptor Folder;
     std::string Name;
 };

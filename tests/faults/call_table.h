@@ -40,6 +40,7 @@ CALL(openat, openat64, int, (int folder, const char* path, int flags, mode_t mod
 CALL(fstat, KEST_ON_32(fstat64, __fstat64_time64), int, (int descriptor, void* status), (descriptor, status), )
 CALL(fstatat, KEST_ON_32(fstatat64, __fstatat64_time64), int, (int folder, const char* path, void* status, int flags),
      (folder, path, status, flags), path)
+CALL(statx, statx, int, (int folder, const char* path, int flags, unsigned mask, void* status), (folder, path, flags, mask, status), path)
 CALL(ftruncate, ftruncate64, int, (int descriptor, off_t size), (descriptor, size), )
 CALL(futimens, KEST_ON_32(futimens, __futimens64), int, (int descriptor, const timespec* times), (descriptor, times), )
 CALL(fsync, fsync, int, (int descriptor), (descriptor), )

@@ -151,6 +151,7 @@ const auto Bind = [](TWorld& w) { TSocket(StreamOf("fs")).Bind(TAddress("fs", w.
 const auto Library = [](TWorld&) { TDLL{"libc.so.6"}; };
 const TRule Far{C::rename, EXDEV}; ///< as between two file systems
 const TRule Apart{C::copy_file_range, EXDEV};
+const TRule Filtered{C::renameat2, EPERM};               ///< as in some containers
 const TRule Late = TRule(C::pthread_create, 0).Made([] { // when the others have gone as far as they get
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         const pid_t number = std::stoi(thread.path().filename());
@@ -179,6 +180,7 @@ const TRow Rows[] = {
     TRow({C::read, EIO}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow({C::write, ENOSPC}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow(TRule(C::read, EINTR).At(1), "TFile::Copy, interrupted", Copy, "", Copied).With(Apart),
+    TRow(TRule(C::read, EAGAIN).At(1), "TFile::Copy, of what makes its reader wait", Copy, "", Copied).With(Apart),
     TRow(TRule(C::write, EINTR).At(1), "TFile::Copy, interrupted", Copy, "", Copied).With(Apart),
     TRow(TRule(C::write, 0).Giving(3).At(1), "TFile::Copy, a part at first", Copy, "", {"from=content", "to=tent"}).With(Apart),
     TRow(TRule(C::copy_file_range, 0).Giving(5).At(1), "TFile::Copy, a part at first", Copy, "", Copied)
@@ -189,8 +191,9 @@ const TRow Rows[] = {
     {{C::lstat, EACCES}, "_RenameHelper, after it succeeded", Move, "", {"to=content"}},
     // Of the two names of one file nothing is lost; a name that cannot be told from the other stays.
     TRow({C::openat, EMFILE}, "_RenameHelper, of the folder of a hard link", Move, RenameFailed, Copied).On(Linked),
-    TRow({C::mknodat, ENOSPC}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
-    TRow({C::renameat, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow(TRule(C::renameat2, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow({C::mknodat, ENOSPC}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked).With(Filtered),
+    TRow({C::renameat, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked).With(Filtered),
     TRow(TRule(C::unlinkat, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
     // Over file systems the old destination survives every failure of the copy.
     TRow(TRule(C::openat, EMFILE).At(4), "_RenameHelper, over file systems, of the copy", Move, CopyFailed).With(Far),
@@ -210,8 +213,16 @@ const TRow Rows[] = {
     TRow({C::syncfs, EIO}, "_RenameHelper, over file systems, of a folder not to be read", Move, CopyFailed, Alone)
         .With(Far)
         .With(TRule(C::openat, EACCES).At(2)),
-    TRow(TRule(C::mknodat, EROFS).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
-    TRow(TRule(C::renameat, EPERM).At(2), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow({C::statx, EPERM}, "_RenameHelper, over file systems", Move, "", Moved).With(Far),
+    TRow(TRule(C::renameat2, EPERM).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
+    TRow({C::renameat2, EINVAL}, "_RenameHelper, over file systems, where it is never made", Move, "", Moved).With(Far),
+    TRow({C::mknodat, ENOSYS}, "_RenameHelper, over file systems, where it is never made", Move, "", Moved).With(Far).With(Filtered),
+    TRow(TRule(C::mknodat, ENOSPC).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone)
+        .With(Far)
+        .With(Filtered),
+    TRow(TRule(C::renameat, EPERM).At(2), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone)
+        .With(Far)
+        .With(Filtered),
     TRow(TRule(C::unlinkat, EIO).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
     TRow(TRule(C::linkat, EPERM).At(1), "_RenameHelper, over file systems, of a source that is put back", Move, RemoveFailed, Alone)
         .With(Far)

@@ -116,12 +116,12 @@ TEST(Fault, NobodyWhoActsBetweenTwoCallsMakesAContentVanish) {
 TEST(Fault, MoveOverFileSystemsMakesItsCallsInThisOrder) {
     TPlan plan({Far, TRule(C::copy_file_range, EXDEV)});
     NoteCalls(Operations[1], plan);
-    EXPECT_EQ(
-        plan.Log({C::rename, C::openat, C::copy_file_range, C::write, C::futimens, C::fsync, C::close, C::fstatat, C::renameat, C::mknodat,
-                  C::unlinkat}),
-        "rename(from) openat() openat() fstatat(from) openat(from) fstatat(to) openat(fresh) copy_file_range() write() futimens() fsync() "
-        "close() fstatat(from) renameat(fresh) fsync() mknodat(fresh) renameat(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
-        "close() close() close() close()");
+    EXPECT_EQ(plan.Log({C::rename, C::openat, C::copy_file_range, C::write, C::futimens, C::fsync, C::close, C::fstatat, C::statx,
+                        C::renameat, C::renameat2, C::unlinkat}),
+              "rename(from) openat() openat() fstatat(from) openat(from) statx() fstatat(to) openat(fresh) copy_file_range() write() "
+              "futimens() fsync() "
+              "close() fstatat(from) renameat(fresh) fsync() renameat2(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
+              "close() close() close() close()");
 }
 
 TEST(Fault, MoveOverFileSystemsThatFailsAtAnyCallLosesNothing) {
@@ -151,10 +151,10 @@ TEST(Fault, OneEntryByTwoNamesIsNeitherRemovedNorPutAsideForNothing) {
     for (const bool isLinked : {false, true}) {
         TWorld world(isLinked ? TTree{"from=content", "more&from"} : TTree{"from=content"});
         const auto appear = [&] { (void)(isLinked ? ::link : ::rename)(world.From.c_str(), world.To.c_str()); };
-        TPlan plan({idle, TRule(C::lstat, appear).At(2), TRule(C::renameat, [&] { (void)::unlink(world.To.c_str()); })});
+        TPlan plan({idle, TRule(C::lstat, appear).At(2), TRule(C::renameat2, [&] { (void)::unlink(world.To.c_str()); })});
         plan.Run([&] { _RenameHelper(world.From, world.To); });
         EXPECT_EQ(TreeOf(world.Place.GetPath()), isLinked ? (TTree{"more=content", "to=content"}) : TTree{"to=content"});
-        EXPECT_EQ(plan.CountOf(C::mknodat), isLinked ? 1 : 0) << "one name alone is no hard link";
+        EXPECT_EQ(plan.CountOf(C::renameat2), isLinked ? 1 : 0) << "one name alone is no hard link";
     }
 }
 
