@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 
 #include <sys/resource.h>
 #include <sys/sysmacros.h>
@@ -23,10 +24,16 @@ bool Try(const std::function<void()>& action) {
     }
 }
 
-/// Two threads that begin together, again and again, for about a second; @p check gets whether the first one's operation succeeded.
+/// How long each race goes on: a moment in the checks, KEST_RACE_SECONDS where that is set.
+std::chrono::milliseconds RaceTime() {
+    const char* const seconds = std::getenv("KEST_RACE_SECONDS");
+    return std::chrono::milliseconds(seconds == nullptr ? 700 : 1000 * std::strtol(seconds, nullptr, 10));
+}
+
+/// Two threads that begin together, again and again, for RaceTime(); @p check gets whether the first one's operation succeeded.
 void Race(const std::function<void()>& prepare, const std::function<void()>& first, const std::function<void()>& second,
           const std::function<void(bool)>& check) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(700);
+    const auto end = std::chrono::steady_clock::now() + RaceTime();
     for (unsigned round = 0; std::chrono::steady_clock::now() < end && !testing::Test::HasFailure(); ++round) {
         prepare();
         std::atomic<int> ready{0};
