@@ -134,10 +134,10 @@ struct TSteps {
         const __m512i high = Choose(0x0F, _mm512_srli_epi16(before, 2), _mm512_slli_epi16(leads, 4));
         const __m512i lows = _mm512_maskz_compress_epi8(ends, _mm512_mask_mov_epi8(bytes, isContinuation, low));
         const __m512i highs = _mm512_maskz_compress_epi8(ends, _mm512_maskz_mov_epi8(isContinuation, high));
-        const int count = __builtin_popcountll(ends);
-        for (int quarter = 0; quarter == 0 || 16 * quarter < count; ++quarter) {
+        const auto count = static_cast<unsigned>(__builtin_popcountll(ends));
+        for (unsigned quarter = 0; quarter == 0 || 16 * quarter < count; ++quarter) {
             const __m512i places = _mm512_load_si512(PlacesOfUnits[quarter].Each.data());
-            _mm512_storeu_si512(out + 16 * quarter, _mm512_maskz_permutex2var_epi8(0x3333333333333333U, lows, places, highs));
+            _mm512_storeu_si512(out + std::size_t{16} * quarter, _mm512_maskz_permutex2var_epi8(0x3333333333333333U, lows, places, highs));
         }
     }
 
