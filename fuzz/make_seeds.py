@@ -42,13 +42,6 @@ def stream():
             yield bytes(i * factor % 251 for i in range(60 + size * 20)) + bytes([size])
 
 
-def wildcard():
-    for name, pattern in [(b"a/b.txt", b"*.txt"), (b".profile", b"*"), (b"a\\b", b"a\\b"), (b"A.TXT", b"*.txt"), (b"", b""), (b"", b"*"),
-                          (b"abc", b"a?c"), (b"abc", b"[a-c]b[!x]"), (b"[", b"["), (b"[a", b"[a"), (b"]", b"[]]"), (b"x", b"[[:alpha:]]"),
-                          (b"aaaaaaaaab", b"*a*a*a*a*c"), (b"a\0b", b"a"), (b"\xff", b"?"), (b"-", b"[a\\-z]"), (b"a", b"[[.a.]-[=z=]]")]:
-        yield text(name) + pattern
-
-
 def path():
     yield from [b"f", b"a/b/../f", b"./a//b/", b"l/f", b"l/../f", b"a/u", b"d", b"o", b"o/x", b"a\\b", b"a/\xff\xfe", b"f/", b"f/..", b"",
                 b"a/b\0/f", b"a/r", b"a/r/../..", b"../" * 20, b"./" * 200 + b"f", b"n" * 256, b"a/ ", b"."]
@@ -68,7 +61,7 @@ def fs_address():
             yield texts + numbers[::-1]
 
 
-for target in (utf8, address, stream, wildcard, path, fs_address):
+for target in (utf8, address, stream, path, fs_address):
     folder = pathlib.Path(__file__).parent / "corpus" / target.__name__
     folder.mkdir(parents=True, exist_ok=True)
     for old in folder.glob("seed-*"):

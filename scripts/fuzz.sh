@@ -6,7 +6,7 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 # Beyond these lengths an input says nothing that a shorter one does not.
-declare -A lengths=([address]=320 [fs_address]=640 [path]=512 [stream]=640 [utf8]=512 [wildcard]=96)
+declare -A lengths=([address]=320 [fs_address]=640 [path]=512 [stream]=640 [utf8]=512)
 mapfile -t targets < <(printf '%s\n' "${!lengths[@]}" | sort)
 
 seconds=${1:-}
