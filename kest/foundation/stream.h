@@ -27,8 +27,8 @@ namespace Kest::_Gadgets {
 /// character: std::getline, the operators >>, peek(). In unbuffered mode read with get() and read().
 ///
 /// A cancellation in the transport's write passes through the stream, and the stream gives up what was pending: nobody can tell how much
-/// of it went out. So the destructor writes none of it again, and does not wait for the transport on the way. An exception of the
-/// transport leaves everything pending.
+/// of it went out. So the destructor writes none of it again, and does not wait for the transport on the way. While std::unitbuf is set,
+/// sync() holds a cancellation off, and nothing is given up. An exception of the transport leaves everything pending.
 ///
 /// A thread that is cancelled inside a stream operation while it is handling an exception ends the process: the standard library's own
 /// stream operations catch a cancellation and pass it on, which its runtime cannot do inside a handler. Read and write outside handlers,

@@ -63,10 +63,10 @@ namespace Kest::System {
 /// knows only what it set itself, so SetBlocking() and a Connect() with a limit belong before the copying. A limit for receiving holds
 /// only for the one thread that takes input: what another takes between the wait and the call is waited for without a limit. And
 /// the first copy that is destroyed shuts the connection down for the other.
-/// Receiving, sending, connecting, accepting and the waits may block and are
-/// cancellation points; a cancelled operation leaves the object as it was. What a cancelled Send() has sent is sent all the same, and how
-/// much that is nobody is told. The look-ups of the constructor, and of a failed Bind(), are not
-/// cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
+///
+/// Cancellation. Receiving, sending, connecting, accepting and the waits may block and are cancellation points; a cancelled operation
+/// leaves the object as it was. A cancelled Send() may have sent a part, and nobody is told how much. The look-ups of the constructor, and
+/// of a failed Bind(), are not cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
 class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
 public:
     class TAddress; // address.h

@@ -124,9 +124,9 @@ public:
     void Finish() noexcept;
 
     /// Ends the thread like Finish(), but asks a body that runs to end at its next cancellation point, as Cancel() does, before it waits
-    /// for the thread. A body that meets no cancellation point is waited for until it returns. So is what its destructors wait for while
-    /// it unwinds: the final flush of a TSocket::TStream that has output pending waits for the peer, up to the send limit or, without one,
-    /// without an end. A stream that is cancelled in a flush has nothing pending.
+    /// for the thread. A body that meets no cancellation point is waited for until it returns. The destructors of its objects may wait as
+    /// well while it unwinds: the final flush of a TSocket::TStream that has output pending waits for the peer, up to the send limit or,
+    /// without one, without an end. A stream that is cancelled in a flush has nothing pending.
     ///
     /// May be called in every state of the thread, more than once, and while an exception or a cancellation unwinds the calling thread.
     /// Requires: the thread does not call it for itself. Debug builds assert that; release builds then do nothing.

@@ -2,7 +2,6 @@
 
 using namespace Kest::Test;
 using namespace Kest::System;
-using Kest::EException;
 using C = TCall;
 
 // What becomes of files when somebody else acts, or a call fails, before any single call that an operation makes.

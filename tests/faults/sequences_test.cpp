@@ -229,8 +229,9 @@ TEST(Fault, WaitBesideUrgentDataMakesFewCallsAndReportsWhatTheyTell) {
         const std::string pause = " nanosleep(5000000)", end = " exception()";
         const std::string first = isInet ? "select(0)" : "select(0) recv(66)";
         expect(1e-9, {}, "ETimeout", first + end);
-        expect(0.05, {}, "ETimeout", first + (isInet ? " select(0)" + end : pause + " select(0) recv(66)"));
-        expect(0.05, {{C::nanosleep, EINTR}}, isInet ? "ETimeout" : "EShutdown", isInet ? "" : first + pause + end);
+        const std::string paused = first + pause;
+        expect(0.05, {}, "ETimeout", isInet ? "select(0) select(0)" + end : paused + " select(0) recv(66)");
+        expect(0.05, {{C::nanosleep, EINTR}}, isInet ? "ETimeout" : "EShutdown", isInet ? "" : paused + end);
         expect(0.05, {{C::recv, ECONNRESET}}, isInet ? "ETimeout" : "EReset", isInet ? "" : first + end);
         expect(-1.0, {}, "ENotConnected", "select(-1)" + end);
     }
