@@ -1,5 +1,6 @@
 #include "world.h"
 
+#include <kest/foundation/unwinding.h>
 #include <kest/threads/guard.h>
 
 #include <atomic>
@@ -44,16 +45,16 @@ void EndMyself() {
 
 /// A transport in which the calling thread is cancelled, at the first call.
 struct TTransport : Kest::_Gadgets::TStream::TInterface {
-    int Read(void*, unsigned) override {
+    KEST_LEFT_BY_CANCELLATION int Read(void*, unsigned) override {
         Cancel();
         return 0;
     }
-    int Write(const void* bytes, unsigned size) override {
+    KEST_LEFT_BY_CANCELLATION int Write(const void* bytes, unsigned size) override {
         Cancel();
         Written.append(static_cast<const char*>(bytes), size);
         return static_cast<int>(size);
     }
-    void Cancel() {
+    KEST_LEFT_BY_CANCELLATION void Cancel() {
         if (!std::exchange(IsCancelled, true))
             CancelMyself();
         ::pthread_testcancel();
