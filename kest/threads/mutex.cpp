@@ -6,10 +6,10 @@ namespace Kest::System {
 
 namespace {
 
-/// The handle of the calling thread. The system's threads are named by the pointer to their own data, which needs no call: the call would
-/// take longer than all else that entering again takes.
+/// The handle of the calling thread. On x86 the C library's threads are named by the pointer to their own data, which needs no call: the
+/// call would take longer than all else that entering again takes. Clang 13 has a word for that pointer and cannot compile it.
 pthread_t Self() {
-#if __has_builtin(__builtin_thread_pointer)
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__clang__) ? __clang_major__ >= 14 : __has_builtin(__builtin_thread_pointer))
     return reinterpret_cast<pthread_t>(__builtin_thread_pointer());
 #else
     return ::pthread_self();

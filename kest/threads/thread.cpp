@@ -107,7 +107,7 @@ public:
 
     /// Lets the thread through; done once, a second call finds it done.
     void Open() {
-        if (!Opened.exchange(true, std::memory_order_acq_rel))
+        if (!Opened.exchange(1, std::memory_order_acq_rel))
             TMutex::Leave();
     }
 
@@ -121,7 +121,7 @@ public:
 
     /// Turns the thread away unless it is past already, and tells which. Either way the gate is open afterwards.
     bool TurnAway() {
-        if (Opened.exchange(true, std::memory_order_acq_rel))
+        if (Opened.exchange(1, std::memory_order_acq_rel))
             TMutex::Enter(); // else it is still held from its making, and nobody else will leave it
         const bool isPast = IsPassed.load(std::memory_order_acquire);
         IsTurnedAway.store(!isPast, std::memory_order_release);
@@ -132,7 +132,7 @@ public:
 private:
     // Release and acquire repeat what the mutex orders already: ThreadSanitizer forgets that of a mutex that another thread unlocked
     // than locked it, which is so when Start() is called elsewhere than the constructor.
-    std::atomic<bool> Opened{false};
+    std::atomic<int> Opened{0};            ///< whether, as a whole word: riscv64 exchanges a byte by a call into another library
     std::atomic<bool> IsPassed{false};     ///< read and written inside
     std::atomic<bool> IsTurnedAway{false}; ///< read and written inside
 };

@@ -149,7 +149,10 @@ private:
     KEST_HIDDEN void End(bool cancels) noexcept;
 
     _TStartGate* StartGate;
-    [[maybe_unused]] bool Abandoned = false; ///< keeps the object's size; the gate has the note
+#ifdef __clang__ // it warns of a field that nobody reads; GCC 11 would warn of the attribute
+    [[maybe_unused]]
+#endif
+    bool Abandoned = false; ///< keeps the object's size; the gate has the note
 };
 
 } // namespace Kest::System
