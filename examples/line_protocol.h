@@ -8,9 +8,10 @@
 
 #include <kest/net/socket.h>
 
-#include <charconv>
+#include <cerrno>
 #include <cmath>
 #include <cstddef>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -55,8 +56,14 @@ inline TRead ReadLine(std::istream& input, std::string& line, std::size_t longes
 
 /// Reads a time limit in seconds, 0 for none; false when @p text is anything else.
 inline bool ParseLimit(std::string_view text, double& limit) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), limit);
-    return error == std::errc() && end == text.data() + text.size() && std::isfinite(limit) && limit >= 0;
+    // std::from_chars does this in one call, where the standard library has it for double: that of Clang does not.
+    if (text.empty() || text.find_first_not_of("0123456789.eE-") != std::string_view::npos)
+        return false;
+    const std::string copy(text);
+    char* end = nullptr;
+    errno = 0;
+    limit = std::strtod(copy.c_str(), &end);
+    return errno == 0 && *end == '\0' && std::isfinite(limit) && limit >= 0;
 }
 
 /// What a connection of the family @p domain is made from.
