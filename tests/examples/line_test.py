@@ -243,7 +243,8 @@ class ClientTest(LineTest):
         self.assertEnds(run_client("fs", self.path, "1"), 1, f"failure: {os.strerror(errno.ENOENT)}.")
         address = self.start().address
         for redirection, status, sentence in (
-            ("<.", 1, "failure: standard input cannot be read."),
+            # With libc++ a folder is an empty file.
+            *([] if os.environ.get("KEST_HAS_LIBCXX") else [("<.", 1, "failure: standard input cannot be read.")]),
             (">/dev/full", 8, "output: the answers cannot be written to standard output."),
             (">&-", 8, "output: the answers cannot be written to standard output."),
         ):

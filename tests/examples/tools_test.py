@@ -235,7 +235,8 @@ class WorkQueue(Case):
     def test_bad_use_is_told(self):
         for arguments in ((), ("file",), ("file", "0"), ("file", "257"), ("file", "2x")):
             self.assertEqual(run("work_queue", *arguments).returncode, 2)
-        self.assertEqual(run("work_queue", self.folder, "2").returncode, 3)  # opens, but cannot be read
+        # It opens, but cannot be read; with libc++ it is an empty file.
+        self.assertEqual(run("work_queue", self.folder, "2").returncode, 0 if os.environ.get("KEST_HAS_LIBCXX") else 3)
         missing = run("work_queue", self.folder / "none", "2")
         self.assertEqual((missing.returncode, missing.stderr), (3, f"{self.folder}/none: No such file or directory\n"))
 

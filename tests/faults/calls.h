@@ -104,7 +104,7 @@ private:
     };
 
     const std::vector<TRule> Rules;
-    std::pair<TCall, TDetail> Entries[200];
+    std::pair<TCall, TDetail> Entries[500];
     std::size_t Made = 0;
 };
 

@@ -236,7 +236,9 @@ TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
                 TEnd each = EndOf(row, allocations);
                 while (each == NoMemory && !row.Composes)
                     each = EndOf(row, ++allocations);
+#ifndef _LIBCPP_VERSION // whose strings have room for short messages
                 EXPECT_GT(allocations, 0) << "needs no memory";
+#endif
                 return each;
             });
         EXPECT_EQ(end, Success);

@@ -88,6 +88,8 @@ TEST_P(SocketTransfer, UrgentDataAreNoInput) {
         ExpectWait(0.1, [&] { EXPECT_THROW(receive(), ETimeout); });
         client.SetReceiveTimeout(0.0);
         for (const bool isSignal : {true, false}) {
+            if (!isSignal && !StreamsAreCancelled && &receive == &ways[2])
+                break;
             std::atomic<pid_t> number{0};
             std::atomic<bool> isOver{false};
             TFunctionThread thread([&] {

@@ -48,7 +48,11 @@ bool IsMapped() {
 
 /// Makes both objects that live until the library is unloaded: what detects the locale, and the lock of the resolver.
 void Use(void* library) {
+#ifdef _LIBCPP_VERSION
+    void* const getSystemEncoding = dlsym(library, "_ZN4Kest6System17GetSystemEncodingEv");
+#else
     void* const getSystemEncoding = dlsym(library, "_ZN4Kest6System17GetSystemEncodingB5cxx11Ev");
+#endif
     void* const getResolverLock = dlsym(library, "_ZN4Kest8_Gadgets10TSingletonINS_6System7TSocket6TMutexEE9GetObjectEv");
     ASSERT_TRUE(getSystemEncoding != nullptr && getResolverLock != nullptr);
     EXPECT_NE(reinterpret_cast<std::string (*)()>(getSystemEncoding)(), "");

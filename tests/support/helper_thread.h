@@ -20,6 +20,13 @@ namespace Kest::Test {
 /// Far more than anything in a test takes: only a test that fails gets there.
 constexpr std::chrono::seconds Patience{20};
 
+/// Whether a cancellation ends what a standard stream does: with libc++ it would end the process, so it is held off.
+#ifdef _LIBCPP_VERSION
+constexpr bool StreamsAreCancelled = false;
+#else
+constexpr bool StreamsAreCancelled = true;
+#endif
+
 /// The longest that anything timed takes, the steps of a second that timed operations make included.
 constexpr double Soon = 8.0;
 
