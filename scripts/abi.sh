@@ -1,6 +1,6 @@
 #!/bin/bash
 # Compares the library's binary interface with the one in abi/: abi.sh [check|update] [TARGET...], a target being x86-64, i386 or an architecture
-# of cross.sh, without one the first two. The exported symbols must be those of abi/TARGET.symbols, no more and no less; of what
+# of cross.sh, without one the first two and arm64. The exported symbols must be those of abi/TARGET.symbols, no more and no less; of what
 # abi/TARGET.abi knows of types and functions nothing may have changed or gone unless the SONAME has. Types are looked at for x86-64 and i386
 # alone: other processors are built from the same sources. What was only added is fine once it is written down: "abi.sh update" writes both
 # kinds of files, and refuses an incompatible change under the old SONAME as well.
@@ -10,7 +10,7 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 action=${1:-check}
 targets=("${@:2}")
-(($# > 1)) || targets=(x86-64 i386)
+(($# > 1)) || targets=(x86-64 i386 arm64)
 for target in "$action" "${targets[@]}"; do
     if [[ $action != check && $action != update || " $action x86-64 i386 ${!cross_machines[*]} " != *" $target "* ]]; then
         echo "usage: abi.sh [check|update] [x86-64 i386 ${!cross_machines[*]}]..." >&2
