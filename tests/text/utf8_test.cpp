@@ -193,7 +193,7 @@ TEST(UTF8, StackMayBeAlignedToFourBytesOnly) {
 
 #if defined(__LP64__) && defined(NDEBUG) // without the optimiser it takes minutes
 TEST(UTF8, CharactersAreCountedBeyond32Bits) {
-    const std::size_t size = (std::size_t{1} << 33U) + 1; // 8 GiB that take no memory: all pages of the text are one of zeros
+    const std::size_t size = (std::size_t{1} << 32U) + 1; // 4 GiB that take no memory: all pages of the text are one of zeros
     void* const text = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(text, MAP_FAILED);
     for (const _TUTF8Codec* codec : UsableCodecs())
