@@ -21,7 +21,7 @@ namespace Kest::_Gadgets {
 /// | 0           | no buffers, after DestroyBuffer(): reading and writing fail at once without transport calls |
 ///
 /// The transport is borrowed and must outlive the stream. Streams are not copied. A stream and its transport belong to one thread at
-/// a time. Transport calls block as long as the transport does and are cancellation points if it is.
+/// a time. Transport calls block as long as the transport does, and are cancellation points if it is (never with libc++).
 ///
 /// Unbuffered reading takes every character that it looks at. Operations that look at the next character before they take it lose that
 /// character: std::getline, the operators >>, peek(). In unbuffered mode read with get() and read().

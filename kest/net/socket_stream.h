@@ -51,11 +51,11 @@ private:
 ///
 /// A flush also drops input that was read ahead: read an answer to its end before the next flush.
 ///
-/// Reading and writing are cancellation points. A cancellation in a flush makes the stream give up what was pending, with a limit and
-/// without one: a part may have gone out, and the destructor sends nothing of it. While std::unitbuf is set, a cancellation waits until the
-/// flush is over: a flush that fails then leaves everything pending, and the destructor sends it again. The final flush of the destructor
-/// is no cancellation point. It waits for the peer if something is pending: as long as the send limit, or without an end where there is
-/// none. A stream is not for a thread that may be cancelled while it is handling an exception: the process would end.
+/// Reading and writing are cancellation points (not with libc++). A cancellation in a flush makes the stream give up what was pending, with
+/// a limit and without one: a part may have gone out, and the destructor sends nothing of it. While std::unitbuf is set, a cancellation
+/// waits until the flush is over: a flush that fails then leaves everything pending, and the destructor sends it again. The final flush of
+/// the destructor is no cancellation point. It waits for the peer if something is pending: as long as the send limit, or for ever without
+/// one. A stream is not for a thread that may be cancelled while handling an exception: the process would end.
 ///
 /// A stream and its socket belong to one thread at a time.
 class KEST_EXPORT TSocket::TStream : private _TSocketStreamInterface, public _Gadgets::TStream {
