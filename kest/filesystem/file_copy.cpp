@@ -32,6 +32,7 @@ KEST_LEFT_BY_CANCELLATION int OpenWithoutWaiting(int folder, const char* path, i
 
 /// Opens what may have to wait for somebody.
 KEST_LEFT_BY_CANCELLATION int OpenAndWait(int folder, const char* path, int flags) {
+    const _TCancellationOffInCall off;
     return ::openat(folder, path, flags | AlwaysFlags, 0666);
 }
 
@@ -46,6 +47,7 @@ KEST_LEFT_BY_CANCELLATION std::int64_t MoveInKernel(int in, int out, std::int64_
     constexpr std::size_t most = 1 << 26; // a cancellation is acted on between two calls
     std::int64_t sum = 0;
     while (sum < size) {
+        const _TCancellationOffInCall off;
         const ssize_t moved = ::copy_file_range(in, nullptr, out, nullptr, most, 0);
         if (moved == 0 || (moved < 0 && errno != EINTR))
             break;

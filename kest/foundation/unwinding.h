@@ -1,8 +1,10 @@
-// Internal header: used by everything that a cancellation unwinds through. All that depends on the C++ runtime in this stands here.
+// Internal header: used by everything that a cancellation unwinds through. All that depends on the runtime in this stands here.
 #ifndef KEST_FOUNDATION_UNWINDING_H
 #define KEST_FOUNDATION_UNWINDING_H
 
 #include <kest/foundation/cancellation.h>
+
+#include <optional>
 
 #include <cxxabi.h>
 
@@ -22,6 +24,27 @@ extern "C" void* __cxa_get_globals(); // NOLINT(bugprone-reserved-identifier)
 #endif
 
 namespace Kest::System {
+
+#ifdef __arm__
+
+/// glibc gives the unwinder no notes about some calls on 32-bit ARM: a cancellation that arrives inside one ends the thread, and no
+/// destructor runs. So a thread acts on a cancellation before such a call, and holds it off during the call.
+struct _TCancellationOffInCall {
+    _TCancellationOffInCall() {
+        ::pthread_testcancel();
+        Off.emplace();
+    }
+    std::optional<TCancellationOff> Off;
+};
+
+#else
+
+/// A cancellation unwinds out of every call of the system.
+struct _TCancellationOffInCall {
+    _TCancellationOffInCall() noexcept {} // NOLINT(modernize-use-equals-default): an object that does nothing is no unused variable
+};
+
+#endif
 
 #ifdef _LIBCPP_VERSION
 

@@ -36,6 +36,7 @@ public:
     }
 
     int Join(void** exitValue) {
+        const _TCancellationOffInCall off;
         const int code = ::pthread_join(Handle, exitValue);
         Waited = true;
         return code;

@@ -318,7 +318,7 @@ const TRow Rows[] = {
     {"sleep, -0.0", Signalled([](TScene&) { TThreadInstance::Sleep(-0.0); })},
     {"sleep, 1000.5, which a signal ends", Signalled(SleepTwice), true, IsPast},
     {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
-#if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) // whose own pthread_join does not bear it
+#if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) && !defined(__arm__) // whose pthread_join does not bear it
     {"wait for a thread", Signalled([](TScene& s) { s.Other.WaitFor(); }), true, OtherEnds},
 #endif
     {"receive", [](TScene& s) { s.Net.Server.Receive(&Byte, 1); }, true, ReceivesNext},
@@ -355,11 +355,13 @@ const TRow Rows[] = {
     {"look-up of a name", By({CancelInAddressLookUp}, Resolve), Itself, Resolve},
     {"look-up of a protocol", By({{C::getprotobyname, &CancelMyself}}, [](TScene&) { TSocket{StreamOf("fs")}; }), Itself, Resolve},
     {"look-up of a host", By({{C::gethostbyname2_r, &CancelMyself}}, [](TScene&) { TAddress("inet", "127.0.0.1:1", true); }), Itself},
+#ifndef __arm__ // which holds a cancellation off in openat
     {"copy from a pipe that nobody opens", Copy, true, TreeIs(PipeToFile), PipeToFile},
-    {"copy from a silent pipe", Held("from", Copy), true, TreeIs({"from|", "to="}), PipeToFile},
     {"copy to a pipe that nobody opens", Copy, true, TreeIs(FileToPipe), FileToPipe},
-    {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
     {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
+#endif
+    {"copy from a silent pipe", Held("from", Copy), true, TreeIs({"from|", "to="}), PipeToFile},
+    {"copy to a full pipe", Held("to", Copy), true, TreeIs(FileToPipe), FileToPipe},
     {"rename of a silent pipe", Held("from", Move), true, TreeIs(PipeToFile), PipeToFile},
     // Releasing comes to its end, and the thread is cancelled at its next point.
     {"stream's final flush", Releasing(Streaming(16, [](auto&) {})), Itself, IsWrittenAndPast},
