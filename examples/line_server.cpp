@@ -62,11 +62,11 @@ struct TOptions {
     unsigned MostClients = 256;
 };
 
-std::atomic<bool> StopRequested{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may only touch what needs no lock");
+std::atomic<int> StopRequested{0}; // a whole word, which every processor writes at once
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may only touch what needs no lock");
 
 void RequestStop(int) {
-    StopRequested = true;
+    StopRequested = 1;
 }
 
 /// Writes a line to standard error: in one call, so that the lines of several threads do not mix; without memory, since that may be what
