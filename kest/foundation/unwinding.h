@@ -4,6 +4,7 @@
 
 #include <kest/foundation/cancellation.h>
 
+#include <exception>
 #include <optional>
 
 #include <cxxabi.h>
@@ -91,6 +92,37 @@ KEST_CATCHES_CANCELLATION auto _CatchAll(const TAction& action, const THandler& 
     }
 }
 
+#ifndef _LIBCPP_VERSION
+
+/// Does @p undo when a cancellation leaves the scope before Result() has ended, and nothing when an exception does. An exception counts as
+/// uncaught while it unwinds, and a cancellation does not, unless a handler on its way has thrown it on. Only for a thread that is handling
+/// an exception: there no handler can have caught the cancellation, since the runtime would have ended the process.
+template <class TUndo>
+class _TUndoInHandler {
+public:
+    explicit _TUndoInHandler(const TUndo& undo) : Undo(undo), Uncaught(std::uncaught_exceptions()) {}
+    _TUndoInHandler(const _TUndoInHandler&) = delete;
+    _TUndoInHandler& operator=(const _TUndoInHandler&) = delete;
+    ~_TUndoInHandler() {
+        if (!IsDone && std::uncaught_exceptions() == Uncaught)
+            Undo();
+    }
+
+    template <class TAction>
+    auto Result(const TAction& action) {
+        auto result = action();
+        IsDone = true;
+        return result;
+    }
+
+private:
+    const TUndo& Undo;
+    const int Uncaught;
+    bool IsDone = false;
+};
+
+#endif
+
 /// Gives the result of @p action. When a cancellation leaves it, does @p undo first and goes on with the cancellation; an exception passes
 /// without it. With libc++ only for what a _TCancellationOffInStream is around, where no cancellation comes.
 template <class TAction, class TUndo>
@@ -99,6 +131,8 @@ KEST_CATCHES_CANCELLATION auto _UndoneByCancellation(const TAction& action, cons
     (void)undo;
     return action();
 #else
+    if (std::current_exception() != nullptr) // a handler for the cancellation would end the process
+        return _TUndoInHandler<TUndo>(undo).Result(action);
     try {
         return action();
     } catch (abi::__forced_unwind&) {

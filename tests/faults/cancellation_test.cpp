@@ -221,6 +221,10 @@ void FlushTooMuch(TScene& s) {
     stream << TooMuch() << std::flush;
 }
 
+void HandleAndSync(Kest::_Gadgets::TStream& stream) try { throw 1; } catch (int) {
+    stream.sync();
+}
+
 void IsWritten(TScene& s) {
     EXPECT_EQ(s.Transport.Written, "pending");
 }
@@ -385,6 +389,7 @@ const TRow RowsOfStreams[] = {
     {"refill without a buffer", [](TScene& s) { Kest::_Gadgets::TStream(s.Transport, 1).get(); }, Itself},
     {"write without a buffer", Streaming(1, [](auto&) {}), Itself},
     {"flush", Streaming(16, [](auto& stream) { stream.flush(); }), Itself, IsGivenUp},
+    {"flush while an exception is handled", Streaming(16, HandleAndSync), Itself, IsGivenUp},
     {"destroying a buffer", Streaming(16, [](auto& stream) { stream.DestroyBuffer(); }), Itself, IsGivenUp},
     {"another buffer", Streaming(16, [](auto& stream) { stream.allocate(4); }), Itself, IsGivenUp},
     {"full buffer", Streaming(7, [](auto& stream) { stream << '!'; }), Itself, IsGivenUp},
