@@ -150,7 +150,7 @@ public:
     /// @param size  at most the largest int, since that is what a count fits.
     /// @return bytes sent.
     /// @throw ETimeout   it would still block when the limit was over.
-    /// @throw EShutdown  "when receive": @p size is 0.
+    /// @throw EShutdown  "when receive": @p size is 0. A datagram socket has sent the empty datagram all the same.
     int Send(const void* data, unsigned size) override;
 
     /// Like Receive(), and @p address becomes the sender's: the system's bytes whole, its domain field untouched. The system tells no
@@ -207,9 +207,9 @@ public:
     /// @throw std::bad_alloc  there is no memory for the address, which is as before.
     void GetLocalAddress(TAddress& address) const;
 
-    /// Makes @p address that of the peer that the socket is connected to. A peer without a name gives an empty path of "fs". The system's
-    /// bytes are taken whole, and the domain field of @p address stays.
-    /// @throw ENotConnected   the socket has no peer, or no longer one; @p address is as before.
+    /// Makes @p address that of the peer that the socket is connected to, also when the peer has closed its side. A peer without a name
+    /// gives an empty path of "fs". The system's bytes are taken whole, and the domain field of @p address stays.
+    /// @throw ENotConnected   the socket was never connected, or its TCP connection is over; @p address is as before.
     /// @throw EException      the system refuses otherwise, with the class by the table of TSocket; @p address is as before.
     /// @throw std::bad_alloc  there is no memory for the address, which is as before.
     void GetPeerAddress(TAddress& address) const;
