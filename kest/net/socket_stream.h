@@ -41,7 +41,9 @@ private:
 ///
 /// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call.
 ///
-/// After -1 or a signal from reading nothing is lost: clear() the state, and reading goes on where it stopped.
+/// After -1 or a signal from reading nothing is lost: clear() the state, and reading goes on where it stopped. What the operation had read
+/// until then is in its result. std::getline leaves the beginning of a line in its string, and empties the string when it is called again:
+/// keep the beginning.
 ///
 /// With a send limit, after any failure of a flush (-1, -2 by a signal, -3) a part may have gone out. Nobody knows how much, and the stream
 /// still has all of it pending: any further flush, that of the destructor included, sends it again from its beginning. The peer would read
