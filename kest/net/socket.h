@@ -235,7 +235,8 @@ public:
     void ValidateReceive();
 
     /// Ends the connection's @p read or @p write direction, or both. After the latter a broken pipe counts as a shutdown.
-    /// @throw EException  "nonsense shutdown": neither direction; nothing was changed.
+    /// @throw ENotConnected  there is no connection, or it is gone already: after a reset over TCP for instance.
+    /// @throw EException     "nonsense shutdown": neither direction; nothing was changed.
     void Shutdown(bool read, bool write) override;
 
     /// Sets the size in bytes of the system's buffer and returns the one before, as the system reported it. The system doubles what it

@@ -48,8 +48,8 @@ private:
 /// With a send limit, after any failure of a flush (-1, -2 by a signal, -3) a part may have gone out. Nobody knows how much, and the stream
 /// still has all of it pending: any further flush, that of the destructor included, sends it again from its beginning. The peer would read
 /// bytes twice, so the connection is over: shut the sending side down (`socket.Shutdown(false, true)`) before the stream goes or is flushed
-/// again. Without a send limit the system may take a part of a flush, and what is left goes out with the next flush, once; a flush that
-/// fails has sent nothing.
+/// again. That throws ENotConnected where a reset has ended the connection, and nothing more can go out then. Without a send limit the
+/// system may take a part of a flush, and what is left goes out with the next flush, once; a flush that fails has sent nothing.
 ///
 /// A flush also drops input that was read ahead: read an answer to its end before the next flush.
 ///
