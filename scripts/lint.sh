@@ -26,6 +26,11 @@ format() {
 # of the library from a checkout of the same name.
 tidy() {
     cmake --preset release-clang -B build/lint -DKEST_BUILD_BENCHMARKS=ON -DKEST_BUILD_FUZZERS=ON >/dev/null || return 1
+    # A source that several programs are made of is checked once.
+    python3 -c 'import json, sys
+place = sys.argv[1]
+commands = {each["file"]: each for each in json.load(open(place))}
+json.dump(list(commands.values()), open(place, "w"))' build/lint/compile_commands.json || return 1
     local folders log=$logs/clang-tidy.log result=0 place
     # The path as a regular expression.
     place=$(sed 's/[][\\.*+?^${}()|]/\\&/g' <<<"$root")
