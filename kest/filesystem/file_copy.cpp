@@ -56,25 +56,25 @@ KEST_LEFT_BY_CANCELLATION std::int64_t MoveInKernel(int in, int out, std::int64_
     return sum;
 }
 
+/// Lets reading and writing wait from now on, which some regular files of the system's own and of a daemon's make their user do, though
+/// they were opened without waiting. False when they did already.
+bool BeginToWait(int descriptor) {
+    const int flags = ::fcntl(descriptor, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) != 0 && ::fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
 /// Writes @p size bytes; true when all of them went out.
 KEST_LEFT_BY_CANCELLATION bool WriteAll(int out, const char* bytes, ssize_t size) {
     for (ssize_t done = 0; done < size;) {
         const ssize_t written = ::write(out, bytes + done, static_cast<std::size_t>(size - done));
-        if (written == 0 || (written < 0 && errno != EINTR))
+        if (written == 0 || (written < 0 && errno != EINTR && !(errno == EAGAIN && BeginToWait(out))))
             return false;
         done += std::max<ssize_t>(written, 0);
     }
     return true;
 }
 
-/// Lets reading wait from now on. False when it did already.
-bool BeginToWait(int in) {
-    const int flags = ::fcntl(in, F_GETFL);
-    return flags >= 0 && (flags & O_NONBLOCK) != 0 && ::fcntl(in, F_SETFL, flags & ~O_NONBLOCK) == 0;
-}
-
-/// Reads and writes everything that is left of @p in. Some regular files of the system's own make their reader wait, though they were
-/// opened without waiting.
+/// Reads and writes everything that is left of @p in.
 /// @return the number of bytes, or -1.
 KEST_LEFT_BY_CANCELLATION std::int64_t MoveRest(int in, int out, char* buffer, std::size_t size) {
     for (std::int64_t sum = 0;;) {

@@ -181,6 +181,7 @@ const TRow Rows[] = {
     TRow({C::write, ENOSPC}, "TFile::Copy", Copy, CopyError, Emptied).With(Apart),
     TRow(TRule(C::read, EINTR).At(1), "TFile::Copy, interrupted", Copy, "", Copied).With(Apart),
     TRow(TRule(C::read, EAGAIN).At(1), "TFile::Copy, of what makes its reader wait", Copy, "", Copied).With(Apart),
+    TRow(TRule(C::write, EAGAIN).At(1), "TFile::Copy, to what makes its writer wait", Copy, "", Copied).With(Apart),
     TRow(TRule(C::write, EINTR).At(1), "TFile::Copy, interrupted", Copy, "", Copied).With(Apart),
     TRow(TRule(C::write, 0).Giving(3).At(1), "TFile::Copy, a part at first", Copy, "", {"from=content", "to=tent"}).With(Apart),
     TRow(TRule(C::copy_file_range, 0).Giving(5).At(1), "TFile::Copy, a part at first", Copy, "", Copied)
