@@ -68,9 +68,10 @@ public:
 /// There one attempt says "remove failed", and the next attempt succeeds.
 ///
 /// Before the destination is replaced, a failure and a cancellation change no file. Bytes that were read from a pipe are gone. When only
-/// the removal of the source fails, as in a folder that is read-only, the destination goes again, provided that it still is this copy and
-/// that the source is still there: an old destination is lost then. When the source vanishes during the copy, the copy stays where nothing
-/// stood at the destination.
+/// the removal of the source fails, as in a folder that is read-only, the destination goes again, provided that it still is this copy, that
+/// the copy can be removed and that the source is still there: an old destination is lost then. When the source vanishes during the copy,
+/// the copy stays where nothing stood at the destination. When the source has gone by the time of its removal, even for a moment by another
+/// attempt to move it, the copy stays.
 ///
 /// Others may rename, replace and remove source and destination at any moment, by this operation too: no content is lost that nobody
 /// replaced or removed. When several attempts move one file at once, it may be that none of them succeeds; the content stays. When somebody
@@ -80,8 +81,9 @@ public:
 /// a descriptor opened before. A write that keeps the size and falls into the same tick of the file system's clock shows in no record.
 ///
 /// For a moment a file may stand under a fresh name of the library's own, ".kest-" and two numbers. It keeps that name where somebody took
-/// its own just then, or where the process is killed. A tool that lists hidden names sees these names and should leave them out. Until the
-/// attempt over file systems returns, the new file at the destination may be open for writing: executing the file fails then (ETXTBSY).
+/// its own just then, where the process is killed, and where the file cannot be put back, since the file system has neither hard links nor
+/// a rename that replaces nothing. A tool that lists hidden names sees these names and should leave them out. Until the attempt over file
+/// systems returns, the new file at the destination may be open for writing: executing the file fails then (ETXTBSY).
 ///
 /// Writing beyond the process's limit for files raises SIGXFSZ, as the system's own calls do. Without a handler this signal ends the
 /// process, and the fresh file stays.
@@ -93,7 +95,7 @@ public:
 ///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
 ///                    destination and a full disk are reasons. So is a source that is missing, if both paths lie on different mounts.
 /// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by
-///                    now, or has gone.
+///                    now, or has gone; or somebody replaced, moved or removed the copy.
 /// Waits: over file systems as TFile::Copy() does for the source, and for the disk. A signal that is handled ends the wait for a pipe, and
 /// so this attempt. Cancellation point until the destination is replaced.
 /// Threads: any may call it.

@@ -118,7 +118,7 @@ public:
     TCopy& operator=(const TCopy&) = delete;
     ~TCopy() {
         if (IsFresh)
-            Entry.Remove(Name);
+            (void)Entry.Remove(Name);
     }
 
     bool IsPossible() const { return Entry.IsOpen() && !Entry.IsForGood(); }
@@ -196,29 +196,36 @@ bool TCopy::SecureEntry() const {
     return errno == EBADF && ::syncfs(File.Descriptor.Get()) == 0;
 }
 
-/// Removes the copy from the destination, provided that the source is there.
+/// Removes the copy from the destination, provided that the source is there. When the source goes meanwhile, or the copy cannot be removed,
+/// the copy stands again where it stood, unless somebody put another file there.
 void TCopy::TakeAway(const TSource& source) const {
     _TFreshName aside;
     if (!source.IsThere() || !IsAtDestination() || Entry.PutAside(aside) != 0)
         return;
-    if (Is(_LookAt(Entry.GetFolder(), aside.Get())) && source.IsThere())
-        Entry.Remove(aside);
-    else
-        (void)Entry.PutBack(aside);
+    const bool isCopy = Is(_LookAt(Entry.GetFolder(), aside.Get()));
+    if (isCopy && source.IsThere() && Entry.Remove(aside))
+        return;
+    if (!Entry.PutBack(aside) && isCopy)
+        (void)Entry.Remove(aside);
 }
 
+enum class TRemoval { Done, Failed, Gone }; ///< gone: somebody else moves or has moved the source, for whom the copy is left alone
+
 /// Removes the source, provided that it is still what was read and that the copy stands at the destination: otherwise somebody else has
-/// moved one of them, and whoever did that counts on the other.
-bool RemoveSource(const TSource& source, const TCopy& copy) {
+/// moved one of them, and whoever did that counts on the other. The first look spares the source to go aside for nothing: its name may be
+/// taken then.
+TRemoval RemoveSource(const TSource& source, const TCopy& copy) {
+    if (!copy.IsAtDestination())
+        return TRemoval::Failed;
     _TFreshName aside;
-    if (source.Entry.PutAside(aside) != 0)
-        return false;
+    if (const int error = source.Entry.PutAside(aside); error != 0)
+        return error == ENOENT ? TRemoval::Gone : TRemoval::Failed;
     const bool isUntouched = source.IsUntouched(aside.Get());
-    if (isUntouched && copy.IsAtDestination() && ::unlinkat(source.Entry.GetFolder(), aside.Get(), 0) == 0)
-        return true;
+    if (isUntouched && copy.IsAtDestination() && source.Entry.Remove(aside))
+        return TRemoval::Done;
     if (!source.Entry.PutBack(aside) && isUntouched && copy.Is(source.Entry.Look())) // it was moved back
-        source.Entry.Remove(aside);
-    return false;
+        (void)source.Entry.Remove(aside);
+    return TRemoval::Failed;
 }
 
 /// Puts the copy that is complete and on the disk in the destination's place, and removes the source.
@@ -228,11 +235,14 @@ _TMoveEnd Complete(const TSource& source, TCopy& copy) {
         return copy.Place() ? _TMoveEnd::RemoveFailed : _TMoveEnd::CopyFailed;
     if (look == TSource::TLook::Touched || !copy.Replace())
         return _TMoveEnd::CopyFailed;
-    const bool isSecure = copy.SecureEntry();
-    if (isSecure && RemoveSource(source, copy))
-        return _TMoveEnd::Done;
-    copy.TakeAway(source);
-    return isSecure ? _TMoveEnd::RemoveFailed : _TMoveEnd::CopyFailed;
+    if (!copy.SecureEntry()) {
+        copy.TakeAway(source);
+        return _TMoveEnd::CopyFailed;
+    }
+    const TRemoval removal = RemoveSource(source, copy);
+    if (removal == TRemoval::Failed)
+        copy.TakeAway(source);
+    return removal == TRemoval::Done ? _TMoveEnd::Done : _TMoveEnd::RemoveFailed;
 }
 
 /// Removes what was put aside if the destination is the same file. For a source that is another file by now there is nothing to do.
@@ -246,7 +256,7 @@ int RemoveAside(const _TEntry& source, const _TFreshName& aside, const _TEntry& 
             return 0;
         if (!theirs || !_IsSameFile(*theirs, file))
             error = EBUSY;
-        else if (::unlinkat(source.GetFolder(), aside.Get(), 0) == 0)
+        else if (source.Remove(aside))
             return 0;
         else
             error = errno;

@@ -54,7 +54,7 @@ bool IsWithoutNoReplace(int error) {
 
 std::optional<struct stat> _LookAt(int folder, const char* name) {
     struct stat state {};
-    if (::fstatat(folder, name, &state, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::fstatat(folder, name, &state, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
         return std::nullopt;
     return state;
 }
@@ -110,24 +110,22 @@ int _TEntry::PutOverPlaceholder(_TFreshName& aside) const {
     if (::renameat(folder, GetName(), folder, aside.Get()) == 0)
         return 0;
     const int error = errno;
-    Remove(aside);
+    (void)Remove(aside);
     return error;
 }
 
 bool _TEntry::Take(const _TEntry& other, const _TFreshName& aside) const {
-    if (::linkat(other.GetFolder(), aside.Get(), GetFolder(), GetName(), 0) == 0) {
-        other.Remove(aside);
-        return true;
-    }
-#ifdef RENAME_NOREPLACE // where there are no hard links, or not of this file for this user
-    if (errno != EEXIST && ::renameat2(other.GetFolder(), aside.Get(), GetFolder(), GetName(), RENAME_NOREPLACE) == 0)
+#ifdef RENAME_NOREPLACE
+    if (::renameat2(other.GetFolder(), aside.Get(), GetFolder(), GetName(), RENAME_NOREPLACE) == 0)
         return true;
 #endif
-    const auto stands = Look();
-    const auto mine = _LookAt(other.GetFolder(), aside.Get());
-    if (!stands || !mine || !_IsSameFile(*stands, *mine))
-        return false;
-    other.Remove(aside);
+    if (::linkat(other.GetFolder(), aside.Get(), GetFolder(), GetName(), 0) != 0) {
+        const auto stands = Look();
+        const auto mine = _LookAt(other.GetFolder(), aside.Get());
+        if (!stands || !mine || !_IsSameFile(*stands, *mine))
+            return false;
+    }
+    (void)other.Remove(aside);
     return true;
 }
 

@@ -13,7 +13,7 @@
 
 namespace Kest::System {
 
-/// The state of a name in a folder, of a symbolic link itself; nothing where there is none.
+/// The state of a name in a folder, of a symbolic link itself, or that of the folder by an empty name; nothing where there is none.
 std::optional<struct stat> _LookAt(int folder, const char* name);
 
 /// A name of the library's own, which hides in listings and is short enough for every file system.
@@ -71,7 +71,7 @@ public:
     bool Take(const _TEntry& other, const _TFreshName& aside) const;
     bool PutBack(const _TFreshName& aside) const { return Take(*this, aside); }
 
-    void Remove(const _TFreshName& aside) const { (void)::unlinkat(GetFolder(), aside.Get(), 0); }
+    bool Remove(const _TFreshName& aside) const { return ::unlinkat(GetFolder(), aside.Get(), 0) == 0; }
 
 private:
     int PutOverPlaceholder(_TFreshName& aside) const;

@@ -195,7 +195,7 @@ const TRow Rows[] = {
     TRow(TRule(C::renameat2, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
     TRow({C::mknodat, ENOSPC}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked).With(Filtered),
     TRow({C::renameat, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked).With(Filtered),
-    TRow(TRule(C::unlinkat, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
+    TRow({C::unlinkat, EPERM}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
     // Over file systems the old destination survives every failure of the copy.
     TRow(TRule(C::openat, EMFILE).At(4), "_RenameHelper, over file systems, of the copy", Move, CopyFailed).With(Far),
     TRow(TRule(C::openat, EACCES).At(2), "_RenameHelper, over file systems, of a folder not to be read", Move, "", Moved).With(Far),
@@ -224,8 +224,10 @@ const TRow Rows[] = {
     TRow(TRule(C::renameat, EPERM).At(2), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone)
         .With(Far)
         .With(Filtered),
-    TRow(TRule(C::unlinkat, EIO).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
-    TRow(TRule(C::linkat, EPERM).At(1), "_RenameHelper, over file systems, of a source that is put back", Move, RemoveFailed, Alone)
+    TRow(TRule(C::renameat2, ENOENT).At(1), "_RenameHelper, over file systems, of a source gone for a moment", Move, RemoveFailed, Copied)
+        .With(Far),
+    TRow({C::unlinkat, EIO}, "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Copied).With(Far),
+    TRow(TRule(C::renameat2, EINVAL).At(2), "_RenameHelper, over file systems, of a source that is put back", Move, RemoveFailed, Alone)
         .With(Far)
         .With(TRule(C::unlinkat, EIO).At(1)),
     {{C::realpath, EACCES}, "GetFullPathName", [](TWorld& w) { return GetFullPathName(w.From); }, NoPath},

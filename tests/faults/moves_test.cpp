@@ -139,7 +139,7 @@ TEST(Fault, MoveOverFileSystemsMakesItsCallsInThisOrder) {
                         C::renameat, C::renameat2, C::unlinkat}),
               "rename(from) openat() openat() fstatat(from) openat(from) statx() fstatat(to) openat(fresh) copy_file_range() write() "
               "futimens() fsync() "
-              "close() fstatat(from) renameat(fresh) fsync() renameat2(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
+              "close() fstatat(from) renameat(fresh) fsync() fstatat(to) renameat2(from) fstatat(fresh) fstatat(to) unlinkat(fresh) "
               "close() close() close() close()");
 }
 
@@ -173,12 +173,12 @@ TEST(Fault, OneEntryByTwoNamesIsNeitherRemovedNorPutAsideForNothing) {
         TPlan plan({idle, TRule(C::lstat, appear).At(2), TRule(C::renameat2, [&] { (void)::unlink(world.To.c_str()); })});
         plan.Run([&] { _RenameHelper(world.From, world.To); });
         EXPECT_EQ(TreeOf(world.Place.GetPath()), isLinked ? (TTree{"more=content", "to=content"}) : TTree{"to=content"});
-        EXPECT_EQ(plan.CountOf(C::renameat2), isLinked ? 1 : 0) << "one name alone is no hard link";
+        EXPECT_EQ(plan.CountOf(C::renameat2), isLinked ? 2 : 0) << "one name alone is no hard link";
     }
 }
 
 // There are neither hard links nor a rename that replaces nothing: the only case in which a fresh name stays.
-FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, renameat2, "_RenameHelper, over file systems, of a source that is put back",
+FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, linkat, "_RenameHelper, over file systems, of a source that is put back",
            "the failure for which it is put back, and the file keeps its fresh name") {
     TWorld world(Before);
     TPlan plan({Far, TRule(C::unlinkat, EIO).At(1), {C::linkat, EPERM}, {C::renameat2, EINVAL}});
@@ -186,6 +186,17 @@ FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, renameat2, "_RenameHelper, over
               "EException: cross device link: tryed to copy and remove: remove failed");
     const TTree tree = TreeOf(world.Place.GetPath());
     EXPECT_TRUE(HoldsFresh(tree) && tree.size() == 3 && tree.back() == "to=content") << testing::PrintToString(tree);
+}
+
+TEST(Fault, CopyThatIsTakenAwayGoesAlsoWhereItsNameIsTaken) {
+    TWorld world(Before);
+    const auto act = [&] {
+        (void)::rename(world.From.c_str(), (world.Place / "away").c_str());
+        (void)::rename((world.Place / "other").c_str(), world.To.c_str());
+    };
+    TPlan plan({Far, TRule(C::unlinkat, EIO).At(1), TRule(C::renameat2, 0).Giving(0).At(3).Made(act)});
+    plan.Run([&] { OutcomeOf([&] { _RenameHelper(world.From, world.To); }); });
+    EXPECT_EQ(TreeOf(world.Place.GetPath()), (TTree{"away=content", "to=new"}));
 }
 
 } // namespace

@@ -103,6 +103,8 @@ TEST_F(WithMounts, MovesThatMeetLoseNothing) {
         };
         Race(prepareLink, {move(a, link), update(b, a)}, [&](TResults) { EXPECT_TRUE(isIn(1, {a, link})); });
         Race(prepare, {[&] { TFile::Copy(a, b); }, update(a, b)}, [&](TResults) { EXPECT_TRUE(isIn(0, {a, b})); });
+        for (const std::string& entry : MountedTree())
+            EXPECT_EQ(entry.find(".kest-"), std::string::npos) << entry.substr(0, 50);
     });
 }
 
