@@ -200,11 +200,7 @@ const TRow Rows[] = {
     TRow(TRule(C::openat, EMFILE).At(4), "_RenameHelper, over file systems, of the copy", Move, CopyFailed).With(Far),
     TRow(TRule(C::openat, EACCES).At(2), "_RenameHelper, over file systems, of a folder not to be read", Move, "", Moved).With(Far),
     TRow({C::fstatat, EACCES}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
-    TRow(TRule(C::fstat, EIO).At(2), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
-    TRow({C::fcntl, EMFILE}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
     TRow({C::write, ENOSPC}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far).With(Apart),
-    TRow({C::read, EIO}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far).With(Apart),
-    TRow({C::futimens, EPERM}, "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
     TRow(TRule(C::fsync, ENOSPC).At(1), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
     TRow(TRule(C::fsync, EINTR).At(1, 2), "_RenameHelper, over file systems, interrupted", Move, "", Moved).With(Far),
     TRow(TRule(C::close, EDQUOT).Made().At(1), "_RenameHelper, over file systems", Move, CopyFailed).With(Far),
@@ -218,12 +214,6 @@ const TRow Rows[] = {
     TRow(TRule(C::renameat2, EPERM).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone).With(Far),
     TRow({C::renameat2, EINVAL}, "_RenameHelper, over file systems, where it is never made", Move, "", Moved).With(Far),
     TRow({C::mknodat, ENOSYS}, "_RenameHelper, over file systems, where it is never made", Move, "", Moved).With(Far).With(Filtered),
-    TRow(TRule(C::mknodat, ENOSPC).At(1), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone)
-        .With(Far)
-        .With(Filtered),
-    TRow(TRule(C::renameat, EPERM).At(2), "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Alone)
-        .With(Far)
-        .With(Filtered),
     TRow(TRule(C::renameat2, ENOENT).At(1), "_RenameHelper, over file systems, of a source gone for a moment", Move, RemoveFailed, Copied)
         .With(Far),
     TRow({C::unlinkat, EIO}, "_RenameHelper, over file systems, of the source", Move, RemoveFailed, Copied).With(Far),

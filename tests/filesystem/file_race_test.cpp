@@ -1,3 +1,4 @@
+#include <kest/filesystem/descriptor.h>
 #include <kest/filesystem/file.h>
 
 #include "files.h"
@@ -26,8 +27,6 @@ bool Try(const std::function<void()>& action) {
     }
 }
 
-using TActions = std::vector<std::function<void()>>;
-
 /// How long each race goes on: a moment in the checks, KEST_RACE_SECONDS where that is set.
 std::chrono::milliseconds RaceTime() {
     const char* const seconds = std::getenv("KEST_RACE_SECONDS");
@@ -35,7 +34,8 @@ std::chrono::milliseconds RaceTime() {
 }
 
 /// Threads that begin together, again and again, for RaceTime(); @p check gets whose action succeeded.
-void Race(const std::function<void()>& prepare, const TActions& actions, const std::function<void(const std::vector<bool>&)>& check) {
+void Race(const std::function<void()>& prepare, const std::vector<std::function<void()>>& actions,
+          const std::function<void(const std::vector<bool>&)>& check) {
     const auto end = std::chrono::steady_clock::now() + RaceTime();
     for (unsigned round = 0; std::chrono::steady_clock::now() < end && !testing::Test::HasFailure(); ++round) {
         prepare();
@@ -67,42 +67,40 @@ TEST_F(WithMounts, MovesThatMeetLoseNothing) {
         const auto prepare = [&] {
             for (const std::string& path : {link, away})
                 std::filesystem::remove(path);
-            std::size_t index = 0;
-            for (const std::string& path : {a, b, to, other})
-                WriteFile(path, contents[index++]);
+            Make(Directory.GetPath(),
+                 {"near/a=" + contents[0], "near/b=" + contents[1], "far/to=" + contents[2], "far/other=" + contents[3]});
         };
         const auto move = [](const std::string& from, const std::string& destination) { return [=] { TFile::Rename(from, destination); }; };
         const auto update = [](const std::string& from, const std::string& destination) {
             return [=] { Ensure(::rename(from.c_str(), destination.c_str()) == 0 || errno == ENOENT, destination); };
         };
-        using TResults = const std::vector<bool>&;
         // Three movers of one file; two files to one name; a new file in the place of the source.
-        Race(prepare, {move(a, to), move(a, to), move(a, away)}, [&](TResults isDone) {
+        Race(prepare, {move(a, to), move(a, to), move(a, away)}, [&](const auto& isDone) {
             EXPECT_TRUE(isIn(0, {a, to, away}));
             EXPECT_LE(std::count(isDone.begin(), isDone.end(), true), 1);
         });
-        Race(prepare, {move(a, to), move(b, to)}, [&](TResults isDone) {
+        Race(prepare, {move(a, to), move(b, to)}, [&](const auto& isDone) {
             EXPECT_TRUE(isIn(0, {to}) || isIn(1, {to}));
             EXPECT_TRUE(isDone[0] || isIn(0, {a}));
             EXPECT_TRUE(isDone[1] || isIn(1, {b}));
         });
-        Race(prepare, {move(a, to), update(b, a)}, [&](TResults) { EXPECT_TRUE(isIn(1, {a, to})); });
+        Race(prepare, {move(a, to), update(b, a)}, [&](const auto&) { EXPECT_TRUE(isIn(1, {a, to})); });
         // The destination is replaced, moved away and removed; the source is removed.
-        Race(prepare, {move(a, to), update(other, to)}, [&](TResults isDone) {
+        Race(prepare, {move(a, to), update(other, to)}, [&](const auto& isDone) {
             EXPECT_TRUE(isIn(0, {to}) || isIn(3, {to}));
             EXPECT_TRUE(isDone[0] || isIn(0, {a}));
         });
-        Race(prepare, {move(a, to), update(to, away)}, [&](TResults) { EXPECT_TRUE(isIn(0, {a, to, away})); });
-        Race(prepare, {move(a, to), [&] { TFile::Remove(to); }}, [&](TResults isDone) { EXPECT_TRUE(isDone[0] || isIn(0, {a})); });
+        Race(prepare, {move(a, to), update(to, away)}, [&](const auto&) { EXPECT_TRUE(isIn(0, {a, to, away})); });
+        Race(prepare, {move(a, to), [&] { TFile::Remove(to); }}, [&](const auto& isDone) { EXPECT_TRUE(isDone[0] || isIn(0, {a})); });
         Race(prepare, {move(a, to), [&] { TFile::Remove(a); }},
-             [&](TResults isDone) { EXPECT_TRUE(isIn(0, {to}) || (!isDone[0] && isDone[1])); });
+             [&](const auto& isDone) { EXPECT_TRUE(isIn(0, {to}) || (!isDone[0] && isDone[1])); });
         // Within one file system: hard links of which one is replaced, a copy to what the source is being renamed to.
         const auto prepareLink = [&] {
             prepare();
             std::filesystem::create_hard_link(a, link);
         };
-        Race(prepareLink, {move(a, link), update(b, a)}, [&](TResults) { EXPECT_TRUE(isIn(1, {a, link})); });
-        Race(prepare, {[&] { TFile::Copy(a, b); }, update(a, b)}, [&](TResults) { EXPECT_TRUE(isIn(0, {a, b})); });
+        Race(prepareLink, {move(a, link), update(b, a)}, [&](const auto&) { EXPECT_TRUE(isIn(1, {a, link})); });
+        Race(prepare, {[&] { TFile::Copy(a, b); }, update(a, b)}, [&](const auto&) { EXPECT_TRUE(isIn(0, {a, b})); });
         for (const std::string& entry : MountedTree())
             EXPECT_EQ(entry.find(".kest-"), std::string::npos) << entry.substr(0, 50);
     });
@@ -119,15 +117,14 @@ TEST_F(WithMounts, MoveNeedsNoInodeAndLittersNoFolder) {
         TFile::Rename(near + "/a", far + "/a");
         EXPECT_EQ(MountedTree(), (TTree{"far/a=1", "near/c=", "near/h=2"}));
         for (const std::string& folder : {near, far}) {
-            const int descriptor = ::open(folder.c_str(), O_RDONLY | O_CLOEXEC);
+            const _TDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_CLOEXEC));
             int flags = FS_APPEND_FL;
-            if (::ioctl(descriptor, FS_IOC_SETFLAGS, &flags) == 0) { // which not all versions of this file system have
+            if (::ioctl(descriptor.Get(), FS_IOC_SETFLAGS, &flags) == 0) { // which not all versions of this file system have
                 EXPECT_FALSE(Try([&] { TFile::Rename(near + "/h", far + "/b"); })) << folder;
                 EXPECT_EQ(MountedTree(), (TTree{"far/a=1", "near/c=", "near/h=2"})) << folder;
                 flags = 0;
-                (void)::ioctl(descriptor, FS_IOC_SETFLAGS, &flags);
+                (void)::ioctl(descriptor.Get(), FS_IOC_SETFLAGS, &flags);
             }
-            (void)::close(descriptor);
         }
     });
 }
