@@ -42,7 +42,7 @@ void Race(const std::function<void()>& prepare, const std::vector<std::function<
         std::atomic<std::size_t> ready{0};
         std::vector<std::future<bool>> results;
         for (const auto& action : actions)
-            results.push_back(std::async(std::launch::async, [&, wait = results.size() * (round % 97 * 30)]() mutable {
+            results.push_back(std::async(std::launch::async, [&, wait = results.size() * 30 * (round % 97)]() mutable {
                 for (++ready; ready < actions.size();)
                     std::this_thread::yield();
                 for (volatile std::size_t left = wait; left > 0;) // at another moment each time
