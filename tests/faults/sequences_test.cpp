@@ -26,12 +26,15 @@ FAULT_TEST(RenameTriesElevenTimes, rename, "Rename",
     EXPECT_EQ(TreeOf(world.Place.GetPath()), TTree{"to=content"});
 }
 
-TEST(Fault, NothingIsTruncatedBeforeBothFilesAreOpen) {
+TEST(Fault, NothingIsTruncatedBeforeBothFilesAreOpenAndNothingRemovedThatARenameReplaces) {
     TWorld world;
     TPlan copy;
     copy.Run([&] { TFile::Copy(world.From, world.To); });
     EXPECT_EQ(copy.Log({C::stat, C::openat, C::fstat, C::ftruncate, C::copy_file_range, C::futimens, C::utime}),
               "stat(from) openat(from) fstat() openat(to) fstat() ftruncate() copy_file_range() futimens()");
+    TPlan move;
+    move.Run([&] { TFile::Rename(world.From, world.To); });
+    EXPECT_EQ(move.Log({C::rename, C::remove, C::stat, C::lstat, C::fstatat, C::openat, C::unlinkat}), "rename(from) lstat(from)");
 }
 
 FAULT_TEST(LargeFileIsCopiedWhateverTheKernelRefuses, copy_file_range, "Copy", "no failure: what is left is read and written") {

@@ -4,10 +4,6 @@
 #include <support/child.h>
 #include <support/descriptors.h>
 
-#include <csignal>
-
-#include <sys/wait.h>
-
 using namespace Kest::Test;
 using namespace Kest::System;
 using Kest::EException;
@@ -170,37 +166,6 @@ TEST(FileRename, BareNamesAreThoseOfTheCurrentDirectory) {
         TFile::Rename("a", "h");
         EXPECT_EQ(TreeOf("."), TTree{"h=1"});
     });
-}
-
-// Whenever one looks, before and after the kill, the destination is there and is one of the two files as a whole.
-TEST(FileRename, DestinationIsWholeWheneverTheProcessIsKilled) {
-    const TTemporaryDirectory directory;
-    const std::string contents[] = {SomeBytes(9000), SomeBytes(9001)};
-    for (const char* name : {"0", "1", "to"})
-        WriteFile(directory / name, contents[*name == '1']);
-    const auto isWhole = [&] {
-        const std::string content = ReadFile(directory / "to");
-        return content == contents[0] || content == contents[1];
-    };
-    for (int round = 0; round < 50 && !HasFailure(); ++round) {
-        std::filesystem::remove(directory / "from");
-        const pid_t child = ::fork();
-        if (child == 0) {
-            for (unsigned turn = 0;; ++turn) {
-                if (::link((directory / (turn % 2 == 0 ? "0" : "1")).c_str(), (directory / "from").c_str()) != 0)
-                    ::_exit(1);
-                TFile::Rename(directory / "from", directory / "to");
-            }
-        }
-        ASSERT_GT(child, 0);
-        for (int left = round * 2; left > 0 && !HasFailure(); --left)
-            EXPECT_TRUE(isWhole());
-        ::kill(child, SIGKILL);
-        int status = 0;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFSIGNALED(status)) << "the child ended by itself";
-        EXPECT_TRUE(isWhole());
-    }
 }
 
 TEST(FileNames, AreCanonicalAndMatchByWildcard) {
