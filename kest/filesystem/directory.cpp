@@ -1,9 +1,9 @@
 #include <kest/filesystem/directory.h>
 
 #include <kest/foundation/failure.h>
+#include <kest/foundation/system_name.h>
+#include <kest/foundation/system_text.h>
 #include <kest/foundation/unwinding.h>
-#include <kest/text/system_name.h>
-#include <kest/text/system_text.h>
 #include <kest/threads/guard.h>
 
 #include <cerrno>

@@ -4,8 +4,8 @@
 #include <kest/filesystem/file_move.h>
 #include <kest/filesystem/file_state.h>
 #include <kest/foundation/failure.h>
+#include <kest/foundation/system_text.h>
 #include <kest/foundation/unwinding.h>
-#include <kest/text/system_text.h>
 
 #include <cerrno>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include <kest/foundation/failure.h>
 #include <kest/foundation/interval.h>
-#include <kest/text/system_text.h>
+#include <kest/foundation/system_text.h>
 
 #include <cerrno>
 

@@ -1,6 +1,6 @@
 #include <kest/foundation/exception.h>
 
-#include <kest/text/system_text.h>
+#include <kest/foundation/system_text.h>
 
 #include <cerrno>
 #include <cstring>

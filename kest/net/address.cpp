@@ -1,8 +1,8 @@
 #include <kest/net/address.h>
 
 #include <kest/foundation/failure.h>
+#include <kest/foundation/system_text.h>
 #include <kest/net/lookup.h>
-#include <kest/text/system_text.h>
 #include <kest/threads/guard.h>
 
 #include <algorithm>

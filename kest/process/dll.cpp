@@ -2,7 +2,7 @@
 
 #include <kest/foundation/cancellation.h>
 #include <kest/foundation/failure.h>
-#include <kest/text/system_text.h>
+#include <kest/foundation/system_text.h>
 
 #include <dlfcn.h>
 

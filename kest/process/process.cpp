@@ -3,7 +3,7 @@
 #include <kest/filesystem/file.h>
 #include <kest/foundation/failure.h>
 #include <kest/foundation/mapper.h>
-#include <kest/text/system_text.h>
+#include <kest/foundation/system_text.h>
 
 #include <cerrno>
 #include <cstdlib>

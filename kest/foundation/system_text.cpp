@@ -1,6 +1,6 @@
-#include <kest/text/system_text.h>
+#include <kest/foundation/system_text.h>
 
-#include <kest/text/system_name.h>
+#include <kest/foundation/system_name.h>
 
 namespace Kest::System {
 

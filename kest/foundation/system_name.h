@@ -1,6 +1,6 @@
 // Internal header: used where a name that the system lends goes into an object of the library's own.
-#ifndef KEST_TEXT_SYSTEM_NAME_H
-#define KEST_TEXT_SYSTEM_NAME_H
+#ifndef KEST_FOUNDATION_SYSTEM_NAME_H
+#define KEST_FOUNDATION_SYSTEM_NAME_H
 
 #include <string>
 
