@@ -1,6 +1,9 @@
 #ifndef KEST_EXPORT_H
 #define KEST_EXPORT_H
 
+/// @file
+/// The marks of what the library exports. Programs need none of them.
+
 /// KEST_EXPORT marks what callers may link against. Everything else of the library is built hidden.
 /// Classes that are thrown, or converted with dynamic_cast, carry it too: their type information is then one object for the
 /// library and all its callers.

@@ -1,6 +1,7 @@
 #ifndef KEST_KEST_H
 #define KEST_KEST_H
 
+/// @file
 /// Every public header of the library.
 
 #include <kest/export.h>
@@ -12,6 +13,7 @@
 #include <kest/foundation/mapper.h>
 #include <kest/foundation/singleton.h>
 #include <kest/foundation/stream.h>
+#include <kest/foundation/system_text.h>
 #include <kest/foundation/time.h>
 #include <kest/interface/condition.h>
 #include <kest/interface/directory.h>

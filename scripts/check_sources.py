@@ -80,7 +80,7 @@ def lengths(_, files):
             yield path, LONGEST_FILE, f"more than {LONGEST_FILE} lines"
         # The sources are formatted: a body ends with the first bracket that stands as far left as the line on which it began.
         for number, line in enumerate(lines):
-            begin = re.match(r"( *)(?!namespace|class|struct|enum|union|extern|template).*[\w)\]>] \{$", line)
+            begin = re.match(r"( *)(?!//|namespace|class|struct|enum|union|extern|template).*[\w)\]>] \{$", line)
             if begin and not re.match(r"\s*(?:[}]|if|for|while|switch|do|else|try|catch)\b", line):
                 end = next((each for each in range(number + 1, len(lines)) if re.match(begin[1] + r"\}", lines[each])), number)
                 if end - number > LONGEST_OPERATION + 1:

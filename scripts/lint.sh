@@ -1,5 +1,5 @@
 #!/bin/bash
-# Checks the form of the sources: clang-format, clang-tidy, shellcheck, and a rule of our own that no tool knows. Fails on any finding.
+# Checks the style of the sources: clang-format, clang-tidy, shellcheck, and rules of our own that no tool knows. Fails on any finding.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 "$root/scripts/setup.sh" shellcheck
@@ -45,6 +45,7 @@ json.dump(list(commands.values()), open(place, "w"))' build/lint/compile_command
 
 step "formatting" format
 step "scripts" shellcheck --external-sources --source-path=scripts --severity=warning scripts/*.sh tests/package/*.sh docs/examples/run.sh .ci/run
+step "sources" python3 "$root/scripts/check_sources.py" kest
 step "cancellation" python3 "$root/scripts/check_cancellation.py" kest
 step "clang-tidy" tidy
 ((failures == 0))

@@ -1,6 +1,9 @@
 #ifndef KEST_FILESYSTEM_DIRECTORY_H
 #define KEST_FILESYSTEM_DIRECTORY_H
 
+/// @file
+/// TDirectory: the entries of a directory; making, removing and changing directories.
+
 #include <kest/export.h>
 #include <kest/filesystem/file.h>
 #include <kest/interface/directory.h>

@@ -38,8 +38,8 @@ public:
     /// Threads: any may call it.
     static void Copy(const std::string& from, const std::string& to);
 
-    /// Renames @p from to @p to; the same as _RenameHelper(), tried again at once up to ten times when it fails with an EException, so
-    /// eleven times in all. A failed allocation and a cancellation leave at once.
+    /// Renames @p from to @p to: calls _RenameHelper(), and calls it again at once, up to ten times, when it fails with an EException. A
+    /// failed allocation and a cancellation leave at once.
     /// @throw EException  that of the last attempt.
     /// Waits: as _RenameHelper() does, in each attempt. A signal ends one attempt's wait for a pipe, and the next attempt waits anew: a
     /// signal does not end Rename(), a cancellation does. Cancellation point until the destination is replaced.

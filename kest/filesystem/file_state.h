@@ -1,6 +1,9 @@
 #ifndef KEST_FILESYSTEM_FILE_STATE_H
 #define KEST_FILESYSTEM_FILE_STATE_H
 
+/// @file
+/// TFile::TState: what the system knows of a file, read once; its times can be set.
+
 #include <kest/export.h>
 #include <kest/filesystem/file.h>
 
@@ -43,8 +46,10 @@ public:
     ///                    A time beyond 64 bits, or NaN, is refused with the description of EOVERFLOW; object and file are as before.
     void SetLastModificationTime(double time) override;
 
-    /// Sets the file's access time, and its modification time to what this object holds. The rest is as above.
-    /// @throw EException  "SetLastAccessTime failed: " + the system's description.
+    /// Sets the file's access time, and its modification time to what this object holds.
+    /// @p time is truncated toward zero to whole seconds, and a time that the file system cannot hold becomes the nearest it can.
+    /// @throw EException  "SetLastAccessTime failed: " + the system's description. The object holds the new time, the file may not.
+    ///                    A time beyond 64 bits, or NaN, is refused with the description of EOVERFLOW; object and file are as before.
     void SetLastAccessTime(double time) override;
 
 private:

@@ -1,6 +1,9 @@
 #ifndef KEST_FOUNDATION_EXCEPTION_H
 #define KEST_FOUNDATION_EXCEPTION_H
 
+/// @file
+/// EException, the base of all exceptions of the library, and what composes their messages.
+
 #include <kest/export.h>
 
 #include <string>

@@ -34,7 +34,7 @@ template <class... TPieces>
     throw EException(_JoinMessage({std::string_view(pieces)..., std::string_view(description)}));
 }
 
-/// The same for calls that return their code and leave errno alone.
+/// Throws an EException of the joined pieces followed by the description of @p code, for calls that return it and leave errno alone.
 template <class... TPieces>
 [[noreturn]] void _ThrowError(int code, const TPieces&... pieces) {
     errno = code;

@@ -30,7 +30,7 @@ public:
     /// Requires: the ends of range A differ.
     int Forward(int a) const;
 
-    /// The same from B to A. Requires: the ends of range B differ.
+    /// Maps @p b from range B to range A. Requires: the ends of range B differ.
     int Inverse(int b) const;
 
 protected:
@@ -69,8 +69,8 @@ protected:
 template <class T, T A, T B>
 class KEST_EXPORT TMetaPriorityRangeMapper;
 
-/// The same with the platform's ends as template arguments. The library itself uses the one for the nice value, 20 to -20, with 20
-/// as the least favourable end: Forward(-100) is 20, Forward(1) is 0, Forward(100) is -20, Forward(150) is -30.
+/// A TPriorityRangeMapper with the platform's ends as template arguments. The library itself uses the one for the nice value, 20 to -20,
+/// with 20 as the least favourable end: Forward(-100) is 20, Forward(1) is 0, Forward(100) is -20, Forward(150) is -30.
 template <int A, int B>
 class KEST_EXPORT TMetaPriorityRangeMapper<int, A, B> : public TPriorityRangeMapper<int> {
 public:

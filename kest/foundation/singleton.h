@@ -1,6 +1,9 @@
 #ifndef KEST_FOUNDATION_SINGLETON_H
 #define KEST_FOUNDATION_SINGLETON_H
 
+/// @file
+/// TSingleton: one object of a class for the whole process, made on its first use.
+
 #include <kest/export.h>
 
 namespace Kest::_Gadgets {

@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_CONDITION_H
 #define KEST_INTERFACE_CONDITION_H
 
+/// @file
+/// Interface::TCondition, the abstract class of System::TCondition.
+
 #include <kest/export.h>
 
 namespace Kest::System::Interface {

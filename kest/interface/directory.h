@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_DIRECTORY_H
 #define KEST_INTERFACE_DIRECTORY_H
 
+/// @file
+/// Interface::TDirectory, the abstract class of System::TDirectory.
+
 #include <kest/export.h>
 #include <kest/foundation/exception.h>
 

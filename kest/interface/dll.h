@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_DLL_H
 #define KEST_INTERFACE_DLL_H
 
+/// @file
+/// Interface::TDLL, the abstract class of System::TDLL.
+
 #include <kest/export.h>
 
 #include <string>

@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_FILE_H
 #define KEST_INTERFACE_FILE_H
 
+/// @file
+/// Interface::TFile, the abstract class of System::TFile, with what a file is and what happens to it by its name.
+
 #include <kest/export.h>
 
 #include <cstdint>
@@ -13,7 +16,7 @@ class KEST_EXPORT TFile {
 public:
     /// What a file is, seen through symbolic links.
     enum TType : int {
-        Other,     ///< anything not listed below, a socket for instance
+        Other,     ///< what no other value names, a socket for instance
         Regular,   ///< a regular file
         Directory, ///< a directory
         Fifo,      ///< a named pipe

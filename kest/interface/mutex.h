@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_MUTEX_H
 #define KEST_INTERFACE_MUTEX_H
 
+/// @file
+/// Interface::TMutex, the abstract class of System::TMutex, and the guard that protects a block.
+
 #include <kest/export.h>
 
 namespace Kest::System::Interface {

@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_SOCKET_H
 #define KEST_INTERFACE_SOCKET_H
 
+/// @file
+/// Interface::TSocket, the abstract class of System::TSocket.
+
 #include <kest/export.h>
 
 #include <string>
@@ -57,10 +60,10 @@ public:
     /// Sends; bytes sent, which are all with a send limit.
     virtual int Send(const void* data, unsigned size) = 0;
 
-    /// The same as Receive; @p address becomes the sender's.
+    /// Receives once, as Receive() does; @p address becomes the sender's.
     virtual int ReceiveFrom(void* buffer, unsigned size, TAddress& address) = 0;
 
-    /// The same as Send, to @p address.
+    /// Sends to @p address, as Send() does.
     virtual int SendTo(const void* data, unsigned size, const TAddress& address) = 0;
 
     virtual void Bind(const TAddress& address) = 0;    ///< gives the socket its own address

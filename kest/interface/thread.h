@@ -1,6 +1,9 @@
 #ifndef KEST_INTERFACE_THREAD_H
 #define KEST_INTERFACE_THREAD_H
 
+/// @file
+/// Interface::TThread, the abstract class of System::TThread.
+
 #include <kest/export.h>
 
 namespace Kest::System::Interface {

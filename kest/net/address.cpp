@@ -110,7 +110,7 @@ TSocket::TMutex::TMutex() : System::TMutex(false) {}
 TSocket::TMutex::~TMutex() = default;
 
 TSocket::TAddress::TAddress(const std::string& domain) : Domain(MapDomain(domain)), Data(nullptr), Length(0) {
-    Assume(std::unique_ptr<char[]>(new char[sizeof(sockaddr_in)]()), sizeof(sockaddr_in));
+    Adopt(std::unique_ptr<char[]>(new char[sizeof(sockaddr_in)]()), sizeof(sockaddr_in));
 }
 
 TSocket::TAddress::TAddress(const std::string& domain, const std::string& address, bool resolve)
@@ -132,7 +132,7 @@ TSocket::TAddress& TSocket::TAddress::operator=(const TAddress& other) {
     if (this != &other) {
         std::unique_ptr<char[]> bytes(new char[other.Length]);
         std::copy_n(other.Data, other.Length, bytes.get());
-        Assume(std::move(bytes), other.Length);
+        Adopt(std::move(bytes), other.Length);
         Domain = other.Domain;
     }
     return *this;
@@ -143,7 +143,7 @@ TSocket::TAddress::~TAddress() {
 }
 
 /// Makes @p bytes the address's own in place of those it has.
-void TSocket::TAddress::Assume(std::unique_ptr<char[]> bytes, socklen_t length) noexcept {
+void TSocket::TAddress::Adopt(std::unique_ptr<char[]> bytes, socklen_t length) noexcept {
     delete[] Data;
     Data = bytes.release();
     Length = length;
@@ -156,7 +156,7 @@ void TSocket::TAddress::SetPath(const std::string& path) {
     std::unique_ptr<char[]> bytes(new char[length]);
     std::memcpy(bytes.get(), &family, sizeof family);
     std::memcpy(bytes.get() + PathOffset, systemPath.c_str(), systemPath.size() + 1);
-    Assume(std::move(bytes), static_cast<socklen_t>(length));
+    Adopt(std::move(bytes), static_cast<socklen_t>(length));
 }
 
 void TSocket::TAddress::SetHostAndPort(const std::string& domain, const std::string& address, bool resolve) {
@@ -175,7 +175,7 @@ void TSocket::TAddress::SetHostAndPort(const std::string& domain, const std::str
 
     std::unique_ptr<char[]> own(new char[sizeof bytes]);
     std::memcpy(own.get(), &bytes, sizeof bytes);
-    Assume(std::move(own), sizeof bytes);
+    Adopt(std::move(own), sizeof bytes);
 }
 
 std::string TSocket::TAddress::Get(bool resolve) const {

@@ -14,8 +14,8 @@ namespace Kest::System {
 /// macros abort there even over a larger array; the system call itself takes words of any number.
 class _TDescriptorSet {
 public:
-    /// Requires: @p descriptor is not negative.
     /// @throw std::bad_alloc  there is no memory for the set of a large descriptor.
+    /// Requires: @p descriptor is not negative.
     explicit _TDescriptorSet(int descriptor) {
         const auto bit = static_cast<unsigned>(descriptor);
         const unsigned words = bit / WordBits + 1;

@@ -1,11 +1,22 @@
 #ifndef KEST_NET_SOCKET_H
 #define KEST_NET_SOCKET_H
 
+/// @file
+/// TSocket, and what is nested in it: the address TSocket::TAddress, the resolver lock TSocket::TMutex. TSocket::TStream is declared in
+/// socket_stream.h.
+
 #include <kest/export.h>
+#include <kest/foundation/singleton.h>
 #include <kest/interface/socket.h>
 #include <kest/net/socket_errors.h>
+#include <kest/threads/mutex.h>
 
+#include <memory>
 #include <string>
+
+#include <sys/socket.h>
+
+struct in_addr;
 
 namespace Kest::System {
 
@@ -67,20 +78,22 @@ namespace Kest::System {
 /// Cancellation. Receiving, sending, connecting, accepting and the waits may block and are cancellation points; a cancelled operation
 /// leaves the object as it was. A cancelled Send() may have sent a part, and nobody is told how much. The look-ups of the constructor, and
 /// of a failed Bind(), are not cut off: a cancellation is acted on right after them. The destructor is no cancellation point.
+// Defined in socket.cpp (making, options, closing), transfer.cpp (all that goes to the network, and the waits), socket_errors.cpp
+// (CheckResult, CheckIOResult) and address.cpp (MapDomain).
 class KEST_EXPORT TSocket : public Interface::TSocket<TSocket> {
 public:
-    class TAddress; // address.h
-    class TMutex;   // address.h
-    class TStream;  // socket_stream.h
+    class TAddress;
+    class TMutex;
+    class TStream; // socket_stream.h
 
     /// Makes a new system socket, unconnected, in blocking mode and without limits.
-    /// Waits: the protocol is looked up under the process's resolver lock (TMutex). While another thread holds that lock, in
-    /// TAddress::Get(true) or in a Bind() that failed, this waits until that thread has its answer: as long as a name server takes, which
-    /// may be many seconds. A cancellation is acted on after the look-up. Threads that must not wait make their sockets beforehand.
     /// @throw EUnsupportedDomain    @p info names no known family; the detail is the name.
     /// @throw EUnsupportedProtocol  the protocol is not in the system's database.
     /// @throw EUnsupportedType      the type is none of TType. The three are tested in this order.
     /// @throw EException            "socket creation error": the system refuses, or there is no descriptor for the look-up of the protocol.
+    /// Waits: the protocol is looked up under the process's resolver lock (TMutex). While another thread holds that lock, in
+    /// TAddress::Get(true) or in a Bind() that failed, this waits until that thread has its answer: as long as a name server takes, which
+    /// may be many seconds. A cancellation is acted on after the look-up. Threads that must not wait make their sockets beforehand.
     explicit TSocket(const TProtocolInfo& info);
 
     /// Adopts @p descriptor, taken to be in blocking mode, of the family number @p domain. No limits; marked for hand-over. Makes no
@@ -135,12 +148,12 @@ public:
     /// receive, neither end the wait nor stretch the limit. That does not hold for an "fs" socket whose urgent data the caller has taken
     /// through GetDescriptor() (MSG_OOB): the system then calls it readable while it has nothing. Who reads urgent data uses a
     /// non-blocking socket.
-    /// Waits: a socket may be announced readable and then have nothing (a datagram whose checksum is wrong, input that another copy has
-    /// taken): the call then waits past its limit. A non-blocking socket does not. Cancellation point.
     /// @return bytes received, 1 to @p size: what the system has, not necessarily all that was sent.
     /// @throw EShutdown  "when receive": the peer closed its side, or @p size is 0, or an empty datagram came. The three look alike; a
     ///                   datagram socket goes on receiving after it.
     /// @throw ETimeout   nothing arrived within the limit.
+    /// Waits: a socket may be announced readable and then have nothing (a datagram whose checksum is wrong, input that another copy has
+    /// taken): the call then waits past its limit. A non-blocking socket does not. Cancellation point.
     int Receive(void* buffer, unsigned size) override;
 
     /// Non-blocking, or without a send limit: sends once, and the result may be less than @p size. Blocking and with a limit: sends all
@@ -169,11 +182,11 @@ public:
     /// Binding to an "fs" path makes a file of type socket there, with the permissions that the process's mask leaves. It stays when the
     /// socket is closed, and while it is there nobody can bind to that path again: TFile::Remove takes it away. Binding to an "fs"
     /// address without a path, or to one that begins with a zero byte, makes no file: see TAddress.
-    /// Waits: only when binding an "inet" address fails, since the message takes a reverse look-up under the process's resolver lock. It
-    /// waits as long as a name server takes, and makes others wait meanwhile: who makes a socket, who asks TAddress::Get(true).
     /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason.
     /// @throw EBadAddress, EUnsupportedDomain  binding failed and the address has no such text; that of TAddress::Get.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
+    /// Waits: only when binding an "inet" address fails, since the message takes a reverse look-up under the process's resolver lock. It
+    /// waits as long as a name server takes, and makes others wait meanwhile: who makes a socket, who asks TAddress::Get(true).
     void Bind(const Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Connects to @p address. Non-blocking: starts connecting, EWouldBlock being the usual answer. Blocking without a send limit: waits
@@ -190,15 +203,15 @@ public:
 
     /// Waits for a connection, up to the receive limit if the socket is blocking and has one, and accepts it. @p address becomes the
     /// peer's: the system's bytes whole, its domain field untouched. If the call fails the address is as before.
+    /// @return a socket in blocking mode, without limits, of the family of the peer's address, marked for hand-over.
+    /// @throw ETimeout        nobody connected within the limit.
+    /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
+    /// @throw std::bad_alloc  there is no memory for the address; nothing was accepted.
     /// Waits: a connection that is announced and aborted before it is accepted, or accepted by another copy, makes the call wait past its
     /// limit, unless the socket is non-blocking. Cancellation point: one that arrives together with a connection may lose it and leave its
     /// descriptor open, since C libraries before 2.41 act on it too late. A socket in non-blocking mode loses none; threads that are
     /// cancelled wait with SelectRead() first. The system's mode counts there, not what this object believes: the call asks for it, and can
     /// be cancelled if another copy has switched to blocking mode. It trusts that nobody does so between that question and the call.
-    /// @return a socket in blocking mode, without limits, of the family of the peer's address, marked for hand-over.
-    /// @throw ETimeout        nobody connected within the limit.
-    /// @throw std::bad_cast   @p address is not a TSocket::TAddress; no system call was made.
-    /// @throw std::bad_alloc  there is no memory for the address; nothing was accepted.
     TSocket Accept(Interface::TSocket<TSocket>::TAddress& address) override;
 
     /// Makes @p address the socket's own address: where it is bound, the system's choice of a port included. Of a socket that is not bound,
@@ -221,8 +234,9 @@ public:
     /// Cancellation point.
     bool SelectRead(const double& limit) override;
 
-    /// The same for writing, also a cancellation point. False also when the socket is writable and has an exceptional condition at the same
-    /// time.
+    /// Waits until the socket can be written, for at most @p limit seconds; false when the time ran out, and also when the socket is
+    /// writable and has an exceptional condition at the same time. SelectRead() says what the special limits and descriptors mean.
+    /// Cancellation point.
     bool SelectWrite(const double& limit) override;
 
     /// On a blocking socket, waits until a receive has something to take: bytes, the end of the connection, an error. The wait lasts at
@@ -252,15 +266,15 @@ public:
     /// Does nothing on this platform.
     void SetNoDelay(bool on) override;
 
-    /// Returns @p result unless it is -1, and throws by the table above for -1. Called right after the system call: it reads errno.
+    /// Returns @p result unless it is -1, and throws by the table of TSocket for -1. Called right after the system call: it reads errno.
     int CheckResult(int result) const;
 
-    /// The same for transfers, where 0 throws too: EShutdown "when receive".
+    /// Does what CheckResult() does for the result of a transfer, where 0 throws too: EShutdown "when receive".
     int CheckIOResult(int result) const;
 
 private:
     KEST_HIDDEN void SetFlag(int option, bool on, const char* failure);
-    KEST_HIDDEN int CountReady(const double& limit, bool forWriting) const;
+    KEST_HIDDEN int CountReady(const double& limit, bool writing) const;
     KEST_HIDDEN void ConnectWithin(double limit, const TAddress& target);
     KEST_HIDDEN long SendOnce(const char* data, unsigned size, int flags, const TAddress* target) const;
     KEST_HIDDEN void AskForAddress(TAddress& address, bool ofPeer) const;
@@ -276,9 +290,96 @@ private:
     bool SendShutdown;
 };
 
+/// A socket address: the system's bytes, made from text or filled in by a socket operation. It owns its bytes; a copy has its own.
+///
+/// | domain | text                                             | bytes                                              |
+/// |--------|--------------------------------------------------|----------------------------------------------------|
+/// | "inet" | host, colon, decimal port: "10.0.0.1:8080"       | the system's 16 bytes of an IPv4 address           |
+/// | "fs"   | path of a socket in the file system, UTF-8       | family, path and a zero byte; no limit of length   |
+/// | "ipx"  | none                                             | 16 zero bytes, for a socket operation to fill in   |
+/// | ""     | none                                             | the same                                           |
+///
+/// On Linux an "fs" text that is empty or begins with a zero byte names no file but a name that the system keeps apart from files: all the
+/// bytes after the family, the zero at the end included. Such a name has no permissions, everybody in the same network namespace can
+/// connect to it, and it is gone with its last socket. Get() reads it as an empty text. An "fs" address made without a text has
+/// no bytes of a name at all; binding and connecting a stream to it fail.
+///
+/// The domain is set by the constructor and kept; what a socket operation fills in may be of another family, or longer or shorter
+/// than the bytes before. An object is a plain value: not to be changed by one thread while another uses it.
+class KEST_EXPORT TSocket::TAddress : public Interface::TSocket<TSocket>::TAddress {
+public:
+    /// An empty address of the family @p domain, for a socket operation to fill in.
+    /// @throw EUnsupportedDomain  the detail is @p domain.
+    explicit TAddress(const std::string& domain);
+
+    /// The address @p address of the family @p domain.
+    ///
+    /// "inet": the first colon that is not the last character separates host and port. The port is what strtol reads in base 10, of
+    /// which the low 16 bits count: leading white space and a sign are read, reading stops at what is no digit, no digits give 0, and what
+    /// does not fit a long counts as the nearer end of its range. A host with a zero byte in it is none. An "fs" path is kept whole, and
+    /// read back up to its first zero byte.
+    /// @param resolve  true: the host may be a name, the first address that the system's resolver has for it is taken; that may take
+    ///                 seconds, and a cancellation waits for it. False: it must be a dotted decimal IPv4 address. Ignored for "fs".
+    /// @throw EUnsupportedDomain  unknown family, the detail is its name; or "ipx" and "", "address error".
+    /// @throw EBadAddress         "inet address too long": more than 262 characters; "bad 'address:port' inet format: Domain: '" + the
+    ///                            domain + "': " + the text: no colon but in the last place; "host not resolved: " + the text;
+    ///                            or without a detail: the host is no dotted decimal address.
+    TAddress(const std::string& domain, const std::string& address, bool resolve);
+
+    /// A copy of the domain and the bytes.
+    TAddress(const TAddress& other);
+
+    /// Takes over the domain and a copy of the bytes of @p other. Unchanged where there is no memory for them.
+    TAddress& operator=(const TAddress& other);
+    ~TAddress() override;
+
+    /// The address as text: "host:port" for "inet", the path for "fs". Goes by the domain, never by the family in the bytes; bytes that
+    /// are not there count as zero.
+    /// @param resolve  true: the host's registered name, cut to 255 characters. Ignored for "fs".
+    /// @throw EUnsupportedDomain  "address error": the domain has no text.
+    /// @throw EBadAddress         no name is registered.
+    /// Waits: where @p resolve is true, for "inet", for the resolver lock and then for the look-up, as long as a name server takes.
+    /// Meanwhile nobody else in the process makes a socket or looks a name up this way. A cancellation is acted on after the look-up.
+    std::string Get(bool resolve) const override;
+
+    /// The system's family number for a family's name: "inet" 2, "ipx" 4, "fs" 1, "" 0, matched exactly. Any thread may call it.
+    /// @throw EUnsupportedDomain  the detail is @p name.
+    static int MapDomain(const std::string& name);
+
+private:
+    friend class TSocket;
+
+    KEST_HIDDEN void SetPath(const std::string& path);
+    KEST_HIDDEN void SetHostAndPort(const std::string& domain, const std::string& address, bool resolve);
+    KEST_HIDDEN std::string GetPath() const;
+    KEST_HIDDEN std::string GetHostAndPort(bool resolve) const;
+    KEST_HIDDEN void Adopt(std::unique_ptr<char[]> bytes, socklen_t length) noexcept;
+
+    int Domain;
+    char* Data;
+    socklen_t Length;
+};
+
+/// The class of the process's one resolver lock, which serialises the library's calls into the parts of the system's resolver that use
+/// static storage: reverse look-ups and the protocol database. It protects the library's callers from each other; who calls those
+/// functions directly enters it too. Never recursive: do not call TAddress::Get(true) or create a socket inside.
+class KEST_EXPORT TSocket::TMutex : public System::TMutex {
+public:
+    TMutex();
+    ~TMutex() override;
+};
+
+/// The name registered for @p address, or null; 255.255.255.255 never has one. The text lies in the resolver's static storage.
+/// Requires: the calling thread holds the resolver lock, TSingleton<TSocket::TMutex>::GetObject(), until it has copied the text.
+/// May take seconds; a cancellation waits for it.
+KEST_EXPORT const char* ip2name(in_addr address);
+
 } // namespace Kest::System
 
-// The address is nested in the class above and no socket is of use without one.
-#include <kest/net/address.h>
+namespace Kest::_Gadgets {
+
+extern template class TSingleton<System::TSocket::TMutex>;
+
+} // namespace Kest::_Gadgets
 
 #endif

@@ -1,6 +1,9 @@
 #ifndef KEST_NET_SOCKET_STREAM_H
 #define KEST_NET_SOCKET_STREAM_H
 
+/// @file
+/// TSocket::TStream: a standard stream over a socket.
+
 #include <kest/export.h>
 #include <kest/foundation/stream.h>
 #include <kest/net/socket.h>

@@ -147,19 +147,19 @@ KEST_LEFT_BY_CANCELLATION int AcceptOnce(int listener, bool mayWait, sockaddr* p
 
 /// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
 /// handler in its way: a handler for it would end the process if the thread were handling an exception of its own at the time.
-class TBlockingAgain {
+class TNonBlockingScope {
 public:
-    explicit TBlockingAgain(TSocket& socket) : Socket(socket) {}
-    TBlockingAgain(const TBlockingAgain&) = delete;
-    TBlockingAgain& operator=(const TBlockingAgain&) = delete;
-    ~TBlockingAgain() {
+    explicit TNonBlockingScope(TSocket& socket) : Socket(socket) {}
+    TNonBlockingScope(const TNonBlockingScope&) = delete;
+    TNonBlockingScope& operator=(const TNonBlockingScope&) = delete;
+    ~TNonBlockingScope() {
         try {
-            Switch();
+            SwitchBack();
         } catch (const EException&) { // something worse is under way
         }
     }
 
-    void Switch() {
+    void SwitchBack() {
         if (!std::exchange(IsDone, true))
             Socket.SetBlocking(true);
     }
@@ -193,7 +193,7 @@ TSocket TSocket::Accept(Interface::TSocket<TSocket>::TAddress& address) {
     socklen_t length = AddressRoom;
     const int descriptor = CheckResult(AcceptOnce(Descriptor, mayWait, AsSystemAddress(bytes.get()), &length));
     const int family = FamilyOf(bytes.get());
-    peer.Assume(std::move(bytes), std::min(length, AddressRoom));
+    peer.Adopt(std::move(bytes), std::min(length, AddressRoom));
     return TSocket(descriptor, family);
 }
 
@@ -202,7 +202,7 @@ void TSocket::AskForAddress(TAddress& address, bool ofPeer) const {
     std::unique_ptr<char[]> bytes = MakeAddressRoom();
     socklen_t length = AddressRoom;
     (void)CheckResult((ofPeer ? ::getpeername : ::getsockname)(Descriptor, AsSystemAddress(bytes.get()), &length));
-    address.Assume(std::move(bytes), std::min(length, AddressRoom));
+    address.Adopt(std::move(bytes), std::min(length, AddressRoom));
 }
 
 void TSocket::GetLocalAddress(TAddress& address) const {
@@ -220,17 +220,17 @@ void TSocket::Connect(const Interface::TSocket<TSocket>::TAddress& address) {
         return;
     }
     SetBlocking(false);
-    TBlockingAgain blockingAgain(*this);
+    TNonBlockingScope nonBlocking(*this);
     try {
         ConnectWithin(SendTimeout, target);
     } catch (const EException&) {
-        blockingAgain.Switch();
+        nonBlocking.SwitchBack();
         throw;
     } catch (const std::exception&) {
-        blockingAgain.Switch();
+        nonBlocking.SwitchBack();
         throw;
     }
-    blockingAgain.Switch();
+    nonBlocking.SwitchBack();
 }
 
 /// On the socket in non-blocking mode: repeats the call until it answers something else than "would block" or "already in progress".
@@ -262,7 +262,7 @@ int TSocket::ReceiveFrom(void* buffer, unsigned size, Interface::TSocket<TSocket
     socklen_t length = AddressRoom;
     const auto received = static_cast<int>(::recvfrom(Descriptor, buffer, size, MSG_NOSIGNAL, AsSystemAddress(bytes.get()), &length));
     if (received != -1)
-        sender.Assume(std::move(bytes), std::min(length, AddressRoom));
+        sender.Adopt(std::move(bytes), std::min(length, AddressRoom));
     return CheckIOResult(received);
 }
 
@@ -309,14 +309,14 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
 }
 
 /// How many of the two sets that the wait watches the descriptor is in afterwards.
-int TSocket::CountReady(const double& limit, bool forWriting) const {
+int TSocket::CountReady(const double& limit, bool writing) const {
     RequireNumberOfASet(*this);
     _TDescriptorSet set(Descriptor);
     timeval interval = _Interval::ToTimeVal(limit);
     timeval* timeout = limit == EndlessTimeInterval ? nullptr : &interval;
-    fd_set* forReading = forWriting ? nullptr : set.Get();
-    fd_set* writing = forWriting ? set.Get() : nullptr;
-    return CheckResult(::select(Descriptor + 1, forReading, writing, set.Get(), timeout));
+    fd_set* readSet = writing ? nullptr : set.Get();
+    fd_set* writeSet = writing ? set.Get() : nullptr;
+    return CheckResult(::select(Descriptor + 1, readSet, writeSet, set.Get(), timeout));
 }
 
 bool TSocket::SelectRead(const double& limit) {

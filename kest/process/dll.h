@@ -1,6 +1,9 @@
 #ifndef KEST_PROCESS_DLL_H
 #define KEST_PROCESS_DLL_H
 
+/// @file
+/// TDLL: a library that is loaded while the program runs.
+
 #include <kest/export.h>
 #include <kest/interface/dll.h>
 
@@ -44,8 +47,8 @@ public:
     explicit TDLL(const std::string& name);
 
     /// Unloads the library, and reports nothing.
-    /// Waits: while the library's own end code runs, with cancellation off.
     /// Requires: nobody uses an address that GetSymbolAddress() gave.
+    /// Waits: while the library's own end code runs, with cancellation off.
     ~TDLL() override;
 
     /// The address of the symbol @p name, valid as long as this object lives. The system looks in the library first, and then in the

@@ -13,7 +13,7 @@ namespace Kest::System {
 
 namespace {
 
-// A form writes a few elements beyond its text, for which a counted buffer has no room: its last characters are left to the plain rule of
+// A codec writes a few elements beyond its text, for which a counted buffer has no room: its last characters are left to the plain rule of
 // one codec.
 
 constexpr std::size_t Slack = _TUTF8Codec::Slack;

@@ -1,6 +1,9 @@
 #ifndef KEST_THREADS_CONDITION_H
 #define KEST_THREADS_CONDITION_H
 
+/// @file
+/// TCondition: waiting until another thread says that something has changed.
+
 #include <kest/export.h>
 #include <kest/interface/condition.h>
 #include <kest/interface/mutex.h>

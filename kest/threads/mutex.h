@@ -1,6 +1,9 @@
 #ifndef KEST_THREADS_MUTEX_H
 #define KEST_THREADS_MUTEX_H
 
+/// @file
+/// TMutex: a lock that one thread holds at a time, once or, where it is recursive, several times.
+
 #include <kest/export.h>
 #include <kest/interface/mutex.h>
 

@@ -1,6 +1,9 @@
 #ifndef KEST_THREADS_THREAD_H
 #define KEST_THREADS_THREAD_H
 
+/// @file
+/// TThreadInstance, a thread by its handle, and TThread, a thread with a body of its own.
+
 #include <kest/export.h>
 #include <kest/interface/thread.h>
 
