@@ -17,5 +17,5 @@ export ASAN_OPTIONS=detect_stack_use_after_return=1
 export TSAN_OPTIONS="halt_on_error=1:suppressions='$root/tests/tsan.supp'" UBSAN_OPTIONS=print_stacktrace=1
 "$build/benchmarks/soak" "$@"
 seconds=${1:-10}
-# There are five races.
-KEST_RACE_SECONDS=$((${seconds%.*} / 5 + 1)) "$build/tests/kest_filesystem_tests" --gtest_filter='*.MovesThatMeetLoseNothing'
+# There are nine races.
+KEST_RACE_SECONDS=$((${seconds%.*} / 9 + 1)) "$build/tests/kest_filesystem_tests" --gtest_filter='*.MovesThatMeetLoseNothing'
