@@ -33,8 +33,8 @@ public:
     /// @throw EException  "SetLastModificationTime failed: " + the system's description: the copy is complete, its time is not set.
     /// Requires: nobody else writes to either file meanwhile, if the copy is to be of any one state of the source.
     /// Waits: for a pipe or a device as long as it makes its user wait, already when it is opened; for another process's lease on a file. A
-    /// signal that is handled ends the wait for opening (the copy error), not that for bytes. Cancellation point, on 32-bit ARM not while
-    /// opening; with a C library before 2.41 a thread that is cancelled just as the other end of a pipe arrives may lose its descriptor.
+    /// signal that is handled ends the wait for opening (the copy error), not that for bytes. Cancellation point; not in opening on RISC-V
+    /// and 32-bit ARM. With a C library before 2.41 a thread that is cancelled just as a pipe's other end arrives may lose its descriptor.
     /// Threads: any may call it.
     static void Copy(const std::string& from, const std::string& to);
 

@@ -18,6 +18,12 @@
 /// of such a frame would stay behind and be taken for those of the frames that come after it.
 #define KEST_LEFT_BY_CANCELLATION __attribute__((no_sanitize("address")))
 
+/// There glibc gives the unwinder no notes about openat, copy_file_range and pthread_join: a cancellation that arrived inside one would end
+/// the thread, and no destructor would run.
+#if defined(__arm__) || defined(__riscv)
+#define KEST_CALLS_WITHOUT_UNWINDING
+#endif
+
 #ifdef _LIBCPP_VERSION
 namespace __cxxabiv1 {                // libc++abi has it and does not declare it
 extern "C" void* __cxa_get_globals(); // NOLINT(bugprone-reserved-identifier)
@@ -26,10 +32,9 @@ extern "C" void* __cxa_get_globals(); // NOLINT(bugprone-reserved-identifier)
 
 namespace Kest::System {
 
-#ifdef __arm__
+#ifdef KEST_CALLS_WITHOUT_UNWINDING
 
-/// glibc gives the unwinder no notes about some calls on 32-bit ARM: a cancellation that arrives inside one ends the thread, and no
-/// destructor runs. So a thread acts on a cancellation before such a call, and holds it off during the call.
+/// A thread acts on a cancellation before such a call, and holds it off during the call.
 struct _TCancellationOffInCall {
     _TCancellationOffInCall() {
         ::pthread_testcancel();

@@ -34,8 +34,8 @@ public:
     /// @return the exit value: what the body returned, -1 for a cancelled thread. 0 at once when there is no thread, or somebody waited
     ///         for it through this object before. 0 when the system refuses the wait, that of a thread for itself for instance.
     /// Requires: the thread was started, if it is a TThread. One that was not waits at its gate, and this wait never ends.
-    /// Waits: without a limit. A signal does not end the wait. Cancellation point (not on 32-bit ARM): a wait that is cancelled puts the
-    /// handle back, so that the thread can still be waited for. A destructor calls TThread::Finish() instead.
+    /// Waits: without a limit. A signal does not end the wait. Cancellation point, not on RISC-V and 32-bit ARM: a cancelled wait puts
+    /// the handle back, so that the thread can still be waited for. A destructor calls TThread::Finish() instead.
     int WaitFor() override;
 
     /// Asks the thread to end at its next cancellation point, and does not wait for that. The thread then unwinds as if by an exception:

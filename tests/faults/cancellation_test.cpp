@@ -322,7 +322,8 @@ const TRow Rows[] = {
     {"sleep, -0.0", Signalled([](TScene&) { TThreadInstance::Sleep(-0.0); })},
     {"sleep, 1000.5, which a signal ends", Signalled(SleepTwice), true, IsPast},
     {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
-#if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) && !defined(__arm__) // whose pthread_join does not bear it
+// The pthread_join of ThreadSanitizer does not bear it.
+#if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) && !defined(KEST_CALLS_WITHOUT_UNWINDING)
     {"wait for a thread", Signalled([](TScene& s) { s.Other.WaitFor(); }), true, OtherEnds},
 #endif
     {"receive", [](TScene& s) { s.Net.Server.Receive(&Byte, 1); }, true, ReceivesNext},
@@ -359,7 +360,7 @@ const TRow Rows[] = {
     {"look-up of a name", By({CancelInAddressLookUp}, Resolve), Itself, Resolve},
     {"look-up of a protocol", By({{C::getprotobyname, &CancelMyself}}, [](TScene&) { TSocket{StreamOf("fs")}; }), Itself, Resolve},
     {"look-up of a host", By({{C::gethostbyname2_r, &CancelMyself}}, [](TScene&) { TAddress("inet", "127.0.0.1:1", true); }), Itself},
-#ifndef __arm__ // which holds a cancellation off in openat
+#ifndef KEST_CALLS_WITHOUT_UNWINDING
     {"copy from a pipe that nobody opens", Copy, true, TreeIs(PipeToFile), PipeToFile},
     {"copy to a pipe that nobody opens", Copy, true, TreeIs(FileToPipe), FileToPipe},
     {"rename of a pipe that nobody opens", Move, true, TreeIs(PipeToFile), PipeToFile},
@@ -396,6 +397,10 @@ const TRow RowsOfStreams[] = {
 };
 
 TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
+#ifdef __powerpc64__
+    if (std::getenv("KEST_EMULATOR") != nullptr)
+        GTEST_SKIP() << "the unwinder does not know qemu's frames of signals, by which waits are cancelled";
+#endif
     (void)TooMuch(); // made here, not by a thread that counts its blocks
     std::vector<TRow> rows(std::begin(Rows), std::end(Rows));
     if (StreamsAreCancelled)

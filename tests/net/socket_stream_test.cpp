@@ -109,6 +109,10 @@ TEST(SocketStream, FlushThatWasCutOffBeginsAnewUnlessShutDownOrCancelled) {
         SCOPED_TRACE(end);
         if (end == Cancellation && !StreamsAreCancelled)
             break;
+#ifdef __powerpc64__
+        if (end == Cancellation && std::getenv("KEST_EMULATOR") != nullptr)
+            GTEST_SKIP() << "the unwinder does not know qemu's frames of signals, by which waits are cancelled";
+#endif
         TConnection connection("fs");
         std::string received;
         TFunctionThread reader([&] {
