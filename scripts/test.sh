@@ -6,7 +6,7 @@
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-stages=(lint release asan tsan release-clang release-32 release-arm64 attack fuzz abi docs)
+stages=(lint release asan tsan release-clang release-libcxx release-32 release-arm64 attack fuzz abi docs)
 # Without an argument too, unless this system has to emulate 32-bit programs: that is slow, and does not bear AddressSanitizer.
 stages_32_bits=(release-32-clang asan-32)
 # Only when they are named. The first three find little that no other stage finds, and the last takes as long as all others together.
