@@ -3,7 +3,7 @@
 #include "fuzz.h"
 
 #include <kest/net/socket.h>
-#include <support/temporary_directory.h>
+#include <models/temporary_directory.h>
 
 #include <algorithm>
 #include <cstring>

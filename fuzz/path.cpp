@@ -4,7 +4,7 @@
 
 #include <kest/filesystem/file.h>
 #include <kest/foundation/exception.h>
-#include <support/temporary_directory.h>
+#include <models/temporary_directory.h>
 
 #include <filesystem>
 #include <fstream>

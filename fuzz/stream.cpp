@@ -1,6 +1,7 @@
 // A stream over a transport beside a model of it: any operations, sizes and answers of the transport.
 #include "fuzz.h"
-#include "stream_model.h"
+
+#include <models/stream_model.h>
 
 #include <vector>
 

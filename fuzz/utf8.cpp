@@ -1,9 +1,9 @@
 // UTF-8 to UCS-2 and back, by every codec that the processor can use, beside a model. Everything works on buffers of exactly the size that
 // it may use, so that the sanitizer sees a step beyond.
 #include "fuzz.h"
-#include "utf8_model.h"
 
 #include <kest/text/utf8.h>
+#include <models/utf8_model.h>
 
 #include <algorithm>
 #include <vector>

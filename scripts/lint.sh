@@ -17,7 +17,7 @@ step() { # NAME COMMAND...
 }
 
 format() {
-    find kest tests examples benchmarks docs fuzz \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run --Werror
+    find kest tests models examples benchmarks docs fuzz \( -name '*.h' -o -name '*.cpp' \) -print0 | xargs -0 clang-format --dry-run --Werror
 }
 
 # clang-tidy is told how each source is compiled by a build of its own compiler that has everything in it. The .clang-tidy of a source's
@@ -35,7 +35,7 @@ json.dump(list(commands.values()), open(place, "w"))' build/lint/compile_command
     # The path as a regular expression.
     place=$(sed 's/[][\\.*+?^${}()|]/\\&/g' <<<"$root")
     : >"$log"
-    for folders in 'kest|docs|examples|benchmarks|fuzz' tests; do
+    for folders in 'kest|docs|examples|benchmarks|models|fuzz' tests; do
         run-clang-tidy -quiet -j2 -p build/lint "-header-filter=^$place/($folders)/" "^$place/($folders)/" >>"$log" 2>&1 || result=1
     done
     ((result == 0)) ||

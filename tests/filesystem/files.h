@@ -1,9 +1,9 @@
 #ifndef KEST_TESTS_FILESYSTEM_FILES_H
 #define KEST_TESTS_FILESYSTEM_FILES_H
 
+#include <models/temporary_directory.h>
 #include <support/helper_thread.h>
 #include <support/message.h>
-#include <support/temporary_directory.h>
 
 #include <algorithm>
 #include <cerrno>

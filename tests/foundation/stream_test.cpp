@@ -1,6 +1,5 @@
 #include <kest/foundation/stream.h>
-
-#include "fuzz/stream_model.h"
+#include <models/stream_model.h>
 
 #include <gtest/gtest.h>
 

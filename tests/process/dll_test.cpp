@@ -1,7 +1,7 @@
 #include <kest/process/dll.h>
 
+#include <models/temporary_directory.h>
 #include <support/message.h>
-#include <support/temporary_directory.h>
 
 #include <fstream>
 

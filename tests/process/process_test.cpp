@@ -1,8 +1,8 @@
 #include <kest/process/process.h>
 
+#include <models/temporary_directory.h>
 #include <support/child.h>
 #include <support/message.h>
-#include <support/temporary_directory.h>
 
 #include <cerrno>
 #include <climits>

@@ -2,9 +2,9 @@
 #define KEST_TESTS_SUPPORT_SOCKETS_H
 
 #include <kest/net/socket.h>
+#include <models/temporary_directory.h>
 #include <support/helper_thread.h>
 #include <support/message.h>
-#include <support/temporary_directory.h>
 
 #include <atomic>
 #include <cstddef>

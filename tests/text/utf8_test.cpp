@@ -1,7 +1,6 @@
 #include <kest/text/utf8.h>
 #include <kest/text/utf8_strings.h>
-
-#include "fuzz/utf8_model.h"
+#include <models/utf8_model.h>
 
 #include <gtest/gtest.h>
 

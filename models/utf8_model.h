@@ -1,5 +1,5 @@
-#ifndef KEST_FUZZ_UTF8_MODEL_H
-#define KEST_FUZZ_UTF8_MODEL_H
+#ifndef KEST_MODELS_UTF8_MODEL_H
+#define KEST_MODELS_UTF8_MODEL_H
 
 #include <kest/text/utf8_codec.h>
 

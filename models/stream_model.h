@@ -1,5 +1,5 @@
-#ifndef KEST_FUZZ_STREAM_MODEL_H
-#define KEST_FUZZ_STREAM_MODEL_H
+#ifndef KEST_MODELS_STREAM_MODEL_H
+#define KEST_MODELS_STREAM_MODEL_H
 
 #include <kest/foundation/stream.h>
 
