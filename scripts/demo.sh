@@ -13,7 +13,7 @@ finish() {
     local status=$?
     trap - EXIT
     ((${#processes[@]} == 0)) || kill "${!processes[@]}" 2>/dev/null || true
-    wait
+    wait 2>/dev/null # or the shell tells of each that a signal ended
     rm -rf "$work"
     ((status == 0)) || echo "demo: FAILED" >&2
     exit "$status"
