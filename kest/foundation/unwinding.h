@@ -18,8 +18,8 @@
 /// of such a frame would stay behind and be taken for those of the frames that come after it.
 #define KEST_LEFT_BY_CANCELLATION __attribute__((no_sanitize("address")))
 
-/// There glibc gives the unwinder no notes about openat, copy_file_range and pthread_join: a cancellation that arrived inside one would end
-/// the thread, and no destructor would run.
+/// There glibc gives the unwinder no notes about openat, copy_file_range and what pthread_join waits in: a cancellation that arrived inside
+/// one would end the thread, and no destructor would run.
 #if defined(__arm__) || defined(__riscv)
 #define KEST_CALLS_WITHOUT_UNWINDING
 #endif
