@@ -73,18 +73,27 @@ def file_comments(root, files):
             yield path, 1, 'the first line of an internal header begins with "// Internal header: used "'
 
 
+def operations(text):
+    """Where each operation that takes more than its own line begins, and the length of its body. The sources are formatted: a body ends
+    with the first bracket that stands as far left as the line on which it began."""
+    lines = text.split("\n")
+    for number, line in enumerate(lines):
+        begin = re.match(r"( *)(?!//|namespace|class|struct|enum|union|extern|template).*[\w)\]>] \{$", line)
+        if begin and not re.match(r"\s*(?:[}]|if|for|while|switch|do|else|try|catch)\b", line):
+            end = next((each for each in range(number + 1, len(lines)) if re.match(begin[1] + r"\}", lines[each])), number)
+            yield number + 1, end - number - 1
+
+
 def lengths(_, files):
+    every = sorted(length for text in files.values() for _, length in operations(text))
+    shortest = [every[len(every) // 2], every[len(every) * 9 // 10], every[-1]] if every else [0, 0, 0]
+    print(f"{len(every)} operations of more than one line: half have at most {shortest[0]}, nine of ten {shortest[1]}, all {shortest[2]}")
     for path, text in files.items():
-        lines = text.split("\n")
-        if len(lines) - 1 > LONGEST_FILE:
+        if text.count("\n") > LONGEST_FILE:
             yield path, LONGEST_FILE, f"more than {LONGEST_FILE} lines"
-        # The sources are formatted: a body ends with the first bracket that stands as far left as the line on which it began.
-        for number, line in enumerate(lines):
-            begin = re.match(r"( *)(?!//|namespace|class|struct|enum|union|extern|template).*[\w)\]>] \{$", line)
-            if begin and not re.match(r"\s*(?:[}]|if|for|while|switch|do|else|try|catch)\b", line):
-                end = next((each for each in range(number + 1, len(lines)) if re.match(begin[1] + r"\}", lines[each])), number)
-                if end - number > LONGEST_OPERATION + 1:
-                    yield path, number + 1, f"an operation of {end - number - 1} lines, more than {LONGEST_OPERATION}"
+        for number, length in operations(text):
+            if length > LONGEST_OPERATION:
+                yield path, number, f"an operation of {length} lines, more than {LONGEST_OPERATION}"
 
 
 def comments(_, files):

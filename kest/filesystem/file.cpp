@@ -42,13 +42,13 @@ KEST_LEFT_BY_CANCELLATION bool Overwrite(const _TOpenFile& source, const _TOpenF
 
 /// After a rename that succeeded: the source if it is still there because it and the destination are hard links of one file, for which the
 /// system does nothing.
-std::optional<struct stat> FindLeftHardLink(const std::string& from, const std::string& to) {
-    struct stat source {};
-    struct stat destination {};
-    if (::lstat(from.c_str(), &source) != 0 || ::lstat(to.c_str(), &destination) != 0 || !_IsSameFile(source, destination) ||
-        S_ISDIR(source.st_mode) || source.st_nlink < 2)
+std::optional<struct stat> FindLeftHardLink(const std::string& source, const std::string& destination) {
+    struct stat from {};
+    struct stat to {};
+    if (::lstat(source.c_str(), &from) != 0 || ::lstat(destination.c_str(), &to) != 0 || !_IsSameFile(from, to) || S_ISDIR(from.st_mode) ||
+        from.st_nlink < 2)
         return std::nullopt;
-    return source;
+    return from;
 }
 
 } // namespace
@@ -67,39 +67,39 @@ void Interface::TFile::Remove(const std::string& path) {
         _ThrowLastError("unable to remove file '", path, "': ");
 }
 
-void TFile::Copy(const std::string& from, const std::string& to) {
-    const TState source(from);
-    const std::string systemTo = UTF8ToSystem(to);
-    _TCopyBuffer buffer(source.Status); // made before the destination is touched: an allocation that fails leaves it as it was
-    const _TOpenFile in = _OpenSource(AT_FDCWD, source.Path.c_str(), source.Status);
-    const _TOpenFile out = in.IsOpen() ? _OpenDestination(systemTo.c_str()) : _TOpenFile();
+void TFile::Copy(const std::string& source, const std::string& destination) {
+    const TState state(source);
+    const std::string systemDestination = UTF8ToSystem(destination);
+    _TCopyBuffer buffer(state.Status); // made before the destination is touched: an allocation that fails leaves it as it was
+    const _TOpenFile in = _OpenSource(AT_FDCWD, state.Path.c_str(), state.Status);
+    const _TOpenFile out = in.IsOpen() ? _OpenDestination(systemDestination.c_str()) : _TOpenFile();
     if (!Overwrite(in, out, buffer))
-        _Throw("file copy error: from ", from, " to ", to);
+        _Throw("file copy error: from ", source, " to ", destination);
     if (!_CopyTime(in.State, out.Descriptor))
         _ThrowLastError("SetLastModificationTime failed: ");
 }
 
-void _RenameHelper(const std::string& from, const std::string& to) {
-    const std::string systemFrom = UTF8ToSystem(from);
-    const std::string systemTo = UTF8ToSystem(to);
-    int error = ::rename(systemFrom.c_str(), systemTo.c_str()) == 0 ? 0 : errno;
+void _RenameHelper(const std::string& source, const std::string& destination) {
+    const std::string systemSource = UTF8ToSystem(source);
+    const std::string systemDestination = UTF8ToSystem(destination);
+    int error = ::rename(systemSource.c_str(), systemDestination.c_str()) == 0 ? 0 : errno;
     if (error == 0)
-        if (const auto file = FindLeftHardLink(systemFrom, systemTo))
-            error = _RemoveLeftHardLink(systemFrom, systemTo, *file);
+        if (const auto file = FindLeftHardLink(systemSource, systemDestination))
+            error = _RemoveLeftHardLink(systemSource, systemDestination, *file);
     if (error == 0)
         return;
     if (error != EXDEV)
-        _ThrowError(error, "rename failed: from '", from, "' to '", to, "': ");
-    const _TMoveEnd end = _MoveOverFileSystems(systemFrom, systemTo);
+        _ThrowError(error, "rename failed: from '", source, "' to '", destination, "': ");
+    const _TMoveEnd end = _MoveOverFileSystems(systemSource, systemDestination);
     if (end != _TMoveEnd::Done)
         _Throw("cross device link: tryed to copy and remove: ", end == _TMoveEnd::CopyFailed ? "copy" : "remove", " failed");
 }
 
-void TFile::Rename(const std::string& from, const std::string& to) {
+void TFile::Rename(const std::string& source, const std::string& destination) {
     constexpr int retries = 10;
     for (int attempt = 0;; ++attempt) {
         try {
-            _RenameHelper(from, to);
+            _RenameHelper(source, destination);
             return;
         } catch (const EException&) {
             if (attempt == retries)

@@ -17,37 +17,37 @@ class KEST_EXPORT TFile : public Interface::TFile {
 public:
     class TState; // file_state.h
 
-    /// Copies the content of @p from to @p to and gives @p to the modification time of @p from, in whole seconds. An existing destination
-    /// is overwritten and keeps its permissions. A new one gets those of a new file, 0666 less the mask of the process. Links are followed
-    /// at both ends. Permissions, owner and access time are not copied, and holes come out as zeros on the disk. An empty source is copied
+    /// Copies the content of @p source to @p destination, and its modification time in whole seconds. An existing destination is
+    /// overwritten and keeps its permissions. A new one gets those of a new file, 0666 less the mask of the process. Links are followed at
+    /// both ends. Permissions, owner and access time are not copied, and holes come out as zeros on the disk. An empty source is copied
     /// like any other. The destination is emptied only when both files are open and are two files. Until then a failure leaves it as it
     /// was, or empty where it was new. A directory as source, one that cannot be opened, and one file under whatever names are such
     /// failures. From then on a failure leaves what was written, without the old content. So does a cancellation. Where two mounts show one
     /// file under two device numbers, the library takes it for two files, and a copy of it onto itself empties it; this is the copy error
     /// then, as whenever the source became shorter meanwhile. Writing to a pipe that nobody reads raises SIGPIPE, and writing beyond the
     /// process's limit for files SIGXFSZ, as the system's own calls do.
-    /// @throw EException  "getting file state failed: " + the system's description: there is no @p from, and @p to was not touched.
-    /// @throw EException  "file copy error: from " + @p from + " to " + @p to: one of them could not be opened, read or written whole (a
-    ///                    full disk among the reasons), or both are one file. An error that the system reports only when the copy is
-    ///                    written out or closed is not seen.
+    /// @throw EException  "getting file state failed: " + the system's description: there is no source. The destination was not touched.
+    /// @throw EException  "file copy error: from " + @p source + " to " + @p destination: one of them could not be opened, read or written
+    ///                    whole (a full disk among the reasons), or both are one file. An error that the system reports only when the copy
+    ///                    is written out or closed is not seen.
     /// @throw EException  "SetLastModificationTime failed: " + the system's description: the copy is complete, its time is not set.
     /// Requires: nobody else writes to either file meanwhile, if the copy is to be of any one state of the source.
     /// Waits: for a pipe or a device as long as it makes its user wait, already when it is opened; for another process's lease on a file. A
     /// signal that is handled ends the wait for opening (the copy error), not that for bytes. Cancellation point; not in opening on RISC-V
     /// and 32-bit ARM. With a C library before 2.41 a thread that is cancelled just as a pipe's other end arrives may lose its descriptor.
     /// Threads: any may call it.
-    static void Copy(const std::string& from, const std::string& to);
+    static void Copy(const std::string& source, const std::string& destination);
 
-    /// Renames @p from to @p to: calls _RenameHelper(), and calls it again at once, up to ten times, when it fails with an EException. A
-    /// failed allocation and a cancellation leave at once.
+    /// Renames @p source to @p destination: calls _RenameHelper(), and calls it again at once, up to ten times, when it fails with an
+    /// EException. A failed allocation and a cancellation leave at once.
     /// @throw EException  that of the last attempt.
     /// Waits: as _RenameHelper() does, in each attempt. A signal ends one attempt's wait for a pipe, and the next attempt waits anew: a
     /// signal does not end Rename(), a cancellation does. Cancellation point until the destination is replaced.
     /// Threads: any may call it.
-    static void Rename(const std::string& from, const std::string& to);
+    static void Rename(const std::string& source, const std::string& destination);
 };
 
-/// One attempt to rename @p from to @p to.
+/// One attempt to rename @p source to @p destination.
 ///
 /// Within a file system an existing destination is replaced in one step: at every moment it is the old file or the new one. A name is not
 /// followed if it is a symbolic link; the link is renamed. Where both are names of one directory entry ("a", "./a") nothing happens and
@@ -88,8 +88,8 @@ public:
 /// Writing beyond the process's limit for files raises SIGXFSZ, as the system's own calls do. Without a handler this signal ends the
 /// process, and the fresh file stays.
 ///
-/// @throw EException  "rename failed: from '" + @p from + "' to '" + @p to + "': " + the system's description: nothing has changed. Of two
-///                    hard links the source may have kept a fresh name, where its own name was taken meanwhile.
+/// @throw EException  "rename failed: from '" + @p source + "' to '" + @p destination + "': " + the system's description: nothing has
+///                    changed. Of two hard links the source may have kept a fresh name, where its own name was taken meanwhile.
 /// @throw EException  "cross device link: tryed to copy and remove: copy failed": no file has changed, unless the disk failed when the
 ///                    folder of the destination was written through, for which the destination goes as when only the removal fails.
 ///                    A directory, a socket or an unreadable file as source, one file by two mounts, a directory or a mount point at the
@@ -99,7 +99,7 @@ public:
 /// Waits: over file systems as TFile::Copy() does for the source, and for the disk. A signal that is handled ends the wait for a pipe, and
 /// so this attempt. Cancellation point until the destination is replaced.
 /// Threads: any may call it.
-KEST_EXPORT void _RenameHelper(const std::string& from, const std::string& to);
+KEST_EXPORT void _RenameHelper(const std::string& source, const std::string& destination);
 
 /// Whether @p name matches the wildcard pattern @p pattern, by the rules of fnmatch in the program's locale: "*" and "?" also match a
 /// slash and a leading dot, a backslash is an ordinary character, case counts. A malformed pattern matches nothing it does not spell.

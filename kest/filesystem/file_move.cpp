@@ -267,30 +267,30 @@ int RemoveAside(const _TEntry& source, const _TFreshName& aside, const _TEntry& 
 
 } // namespace
 
-_TMoveEnd _MoveOverFileSystems(const std::string& from, const std::string& to) {
-    TSource source(from);
-    TCopy copy(to);
-    if (!source.Open() || !copy.IsPossible() || !copy.MayReplace(source))
+_TMoveEnd _MoveOverFileSystems(const std::string& source, const std::string& destination) {
+    TSource original(source);
+    TCopy copy(destination);
+    if (!original.Open() || !copy.IsPossible() || !copy.MayReplace(original))
         return _TMoveEnd::CopyFailed;
-    _TCopyBuffer buffer(source.File.State);
-    if (!copy.Make() || copy.ShowsUpAs(source) || !copy.Fill(source, buffer) || !copy.Secure())
+    _TCopyBuffer buffer(original.File.State);
+    if (!copy.Make() || copy.ShowsUpAs(original) || !copy.Fill(original, buffer) || !copy.Secure())
         return _TMoveEnd::CopyFailed;
     const TCancellationOff off;
-    return Complete(source, copy);
+    return Complete(original, copy);
 }
 
-int _RemoveLeftHardLink(const std::string& from, const std::string& to, const struct stat& file) {
-    const _TEntry source(from);
-    const _TEntry destination(to);
-    if (!source.IsOpen() || !destination.IsOpen())
+int _RemoveLeftHardLink(const std::string& source, const std::string& destination, const struct stat& file) {
+    const _TEntry from(source);
+    const _TEntry to(destination);
+    if (!from.IsOpen() || !to.IsOpen())
         return errno;
-    if (source.IsSameEntry(destination))
+    if (from.IsSameEntry(to))
         return 0;
     _TFreshName aside;
-    const int error = source.PutAside(aside);
+    const int error = from.PutAside(aside);
     if (error != 0)
         return error == ENOENT ? 0 : error; // removed by somebody else, which is what was wanted
-    return RemoveAside(source, aside, destination, file);
+    return RemoveAside(from, aside, to, file);
 }
 
 } // namespace Kest::System

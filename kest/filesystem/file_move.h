@@ -15,12 +15,12 @@ enum class _TMoveEnd {
 };
 
 /// Moves a file by copying: open, copy, secure, replace, remove. The paths are in the system's encoding.
-_TMoveEnd _MoveOverFileSystems(const std::string& from, const std::string& to);
+_TMoveEnd _MoveOverFileSystems(const std::string& source, const std::string& destination);
 
-/// Removes the entry @p from where the system did nothing, since @p from and @p to are two hard links of @p file. One entry by two names
-/// is left alone, and so is a source that is another file by now.
+/// Removes the entry @p source where the system did nothing, since @p source and @p destination are two hard links of @p file. One entry by
+/// two names is left alone, and so is a source that is another file by now.
 /// @return 0 or the error.
-int _RemoveLeftHardLink(const std::string& from, const std::string& to, const struct stat& file);
+int _RemoveLeftHardLink(const std::string& source, const std::string& destination, const struct stat& file);
 
 } // namespace Kest::System
 
