@@ -1,11 +1,10 @@
 #!/bin/bash
 # What package_test.sh runs inside of the clean system: package_test_inside.sh "EXAMPLE..." ARCHITECTURE...; the packages are in /packages,
-# the library's tree in /source, the examples are copied out of it, so that nothing but the packages can be found from them.
+# the library's tree in /source. The examples are those that the packages bring, copied so that nothing but the packages is found from them.
 set -euo pipefail
 read -ra examples <<<"$1"
 shift
 fail() { echo "package_test: $*" >&2; exit 1; }
-cp -r /source/examples /examples
 work=$(mktemp -d)
 [[ ! -e /usr/include/kest ]] || fail "the system is not clean"
 
@@ -114,6 +113,10 @@ for architecture in "$@"; do
     [[ -z $(dpkg --verify "libkest1:$architecture" "libkest-dev:$architecture") ]] || fail "the installed files are not those of the packages"
     ldconfig -p | grep -q "libkest\.so\.1 .*/lib/$multiarch/" || fail "the system does not know the library of $architecture"
 
+    [[ -e /examples ]] || cp -r /usr/share/doc/libkest-dev/examples /examples
+    symbols=/usr/lib/debug/.build-id/$(readelf -n "/usr/lib/$multiarch/libkest.so.1" | sed -nE 's|.*Build ID: (..)(.*)|\1/\2.debug|p')
+    dpkg-deb --contents /packages/libkest1-dbgsym_*_"$architecture".deb | grep -q "$symbols" || fail "no debug symbols of the library"
+
     library_folder=/usr/lib/$multiarch
     export PKG_CONFIG_LIBDIR=$library_folder/pkgconfig:/usr/share/pkgconfig
     cmake_options=("-DCMAKE_CXX_FLAGS=$bits" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_LIBRARY_ARCHITECTURE=$multiarch")
@@ -137,6 +140,9 @@ done
 if compgen -G '/packages/libkest-doc_*' >/dev/null; then
     apt-get install -y -qq --no-install-recommends /packages/libkest-doc_*.deb >"$work/apt.log" 2>&1 || fail "the manual cannot be installed"
     [[ -s /usr/share/doc/libkest-doc/html/index.html ]] || fail "the manual has no first page"
+    for page in TSocket TFile TDirectory TThread TMutex TCondition TDLL EException ETimeout; do
+        zgrep -q "^$page .*- ." "/usr/share/man/man3/$page.3kest.gz" || fail "no page for man on $page"
+    done
 fi
 mapfile -t installed < <(dpkg-query -W -f '${binary:Package}\n' 'libkest*')
 apt-get purge -y -qq "${installed[@]}" >"$work/apt.log" 2>&1 || fail "the packages cannot be removed"

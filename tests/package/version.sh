@@ -32,5 +32,7 @@ for interface in "$source_dir"/abi/*.abi; do
     soname=$(sed -nE "s/^<abi-corpus .*\bsoname='libkest\.so\.([^']*)'.*/\1/p" "$interface")
     [[ $soname == "${version%%.*}" ]] || { echo "$interface is of major version '$soname'"; failures=$((failures + 1)); }
 done
+read -r _ packaged _ <"$source_dir/debian/changelog"
+check "debian/changelog" "$(tr -d '()' <<<"${packaged%-*}")"
 check "the newest entry of CHANGELOG.md" "$(sed -n 's/^## //p' "$source_dir/CHANGELOG.md" | head -n 1)"
 exit $((failures > 0))
