@@ -10,10 +10,10 @@ set(internal_headers
     filesystem/folder_entry.h
     foundation/failure.h
     foundation/interval.h
+    foundation/system_name.h
     foundation/unwinding.h
     net/descriptor_set.h
     net/lookup.h
-    text/system_name.h
     text/utf8_codec.h
     text/utf8_frame.h
     text/utf8_sequence.h
