@@ -24,12 +24,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
 
     while (input.remaining_bytes() != 0) {
         const bool onStream = input.ConsumeBool();
-        std::string operation(1, TStreamWalk::Operations[input.ConsumeIntegralInRange<unsigned int>(0, TStreamWalk::OperationCount - 1)]);
-        if (operation[0] == 'W')
-            operation += input.ConsumeRandomLengthString(60);
-        else
-            operation += std::to_string(input.ConsumeIntegralInRange<unsigned int>(0, 60));
-        Compare(walk.Step(operation, onStream));
+        const std::string name = TStreamWalk::Operations[input.ConsumeIntegralInRange<unsigned int>(0, TStreamWalk::OperationCount - 1)];
+        const std::string argument =
+            name == "write" ? input.ConsumeRandomLengthString(60) : std::to_string(input.ConsumeIntegralInRange<unsigned int>(0, 60));
+        Compare(walk.Step(name + ' ' + argument, onStream));
     }
     Compare(walk.End());
     return 0;

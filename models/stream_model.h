@@ -4,7 +4,6 @@
 #include <kest/foundation/stream.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -19,47 +18,72 @@ using _Gadgets::TStream;
 
 constexpr int EndOfFile = -1;
 
-/// State and last result in one text, such as "f-2".
+/// State and last result in one text, such as "eof fail 0".
 inline std::string Outcome(std::ios::iostate state, int lastResult) {
     const auto bit = [&](std::ios::iostate mask, const char* name) { return (state & mask) != 0 ? name : ""; };
-    return std::string(bit(std::ios::badbit, "b")) + bit(std::ios::eofbit, "e") + bit(std::ios::failbit, "f") + std::to_string(lastResult);
+    return std::string(bit(std::ios::badbit, "bad ")) + bit(std::ios::eofbit, "eof ") + bit(std::ios::failbit, "fail ") +
+           (state == std::ios::goodbit ? "good " : "") + std::to_string(lastResult);
 }
 
 inline std::string Outcome(const TStream& stream) {
     return Outcome(stream.rdstate(), stream.GetLastResult());
 }
 
-/// An operation is a letter with an argument; it is done through the stream (small letter) or through its buffer (capital letter).
-/// The result is a text.
-inline std::string Perform(TStream& stream, const std::string& operation) {
-    std::streambuf& buffer = *stream.rdbuf();
-    const std::string argument = operation.substr(1);
-    const auto size = static_cast<std::streamsize>(argument.size());
-    const auto number = static_cast<int>(std::strtol(argument.c_str(), nullptr, 10));
-    std::string text(std::tolower(operation[0]) == 'r' ? static_cast<std::size_t>(number) : 0, ' ');
-    const auto cut = [&](std::streamsize length) { return text.substr(0, static_cast<std::size_t>(length)); };
-    // clang-format off
-    switch (operation[0]) {
-    case 'p': return std::to_string(stream.peek());
-    case 'P': return std::to_string(buffer.sgetc());
-    case 'g': return std::to_string(stream.get());
-    case 'G': return std::to_string(buffer.sbumpc());
-    case 'r': return cut(stream.read(text.data(), number).gcount());
-    case 'R': return cut(buffer.sgetn(text.data(), number));
-    case 'u': stream.unget(); return "";
-    case 'U': return std::to_string(buffer.sungetc());
-    case 'w': size == 1 ? stream.put(argument[0]) : stream.write(argument.data(), size); return "";
-    case 'W': return std::to_string(size == 1 ? buffer.sputc(argument[0]) : buffer.sputn(argument.data(), size));
-    case 'f': stream.flush(); return "";
-    case 'F': return std::to_string(buffer.pubsync());
-    case 'c': stream.clear(); return "";
-    case 'a': stream.allocate(number); return "";
-    case 'd': stream.DestroyBuffer(); return "";
-    case 'i': return std::to_string(stream.doallocate());
-    case 'o': return Outcome(stream);
+/// An operation in words, such as "read 3", "write text" or "flush". It is done through the stream, or through its buffer where the word
+/// "buffer" stands before it.
+struct TOperation {
+    TOperation(const std::string& words) : OnBuffer(words.rfind("buffer ", 0) == 0) {
+        const std::size_t begin = OnBuffer ? words.find(' ') + 1 : 0;
+        const std::size_t end = std::min(words.find(' ', begin), words.size());
+        Name = words.substr(begin, end - begin);
+        Argument = words.substr(std::min(end + 1, words.size()));
+        Number = static_cast<int>(std::strtol(Argument.c_str(), nullptr, 10));
     }
-    // clang-format on
-    throw std::logic_error(operation);
+
+    std::string Name, Argument;
+    int Number;
+    bool OnBuffer;
+};
+
+/// Does @p operation with @p stream. Returns its result as text.
+inline std::string Perform(TStream& stream, const TOperation& operation) {
+    std::streambuf& buffer = *stream.rdbuf();
+    const auto is = [&](const char* name) { return operation.Name == name; };
+    const bool onBuffer = operation.OnBuffer;
+    const std::string& argument = operation.Argument;
+    const auto size = static_cast<std::streamsize>(argument.size());
+    if (is("peek"))
+        return std::to_string(onBuffer ? buffer.sgetc() : stream.peek());
+    if (is("get"))
+        return std::to_string(onBuffer ? buffer.sbumpc() : stream.get());
+    if (is("read")) {
+        std::string text(static_cast<std::size_t>(operation.Number), ' ');
+        const auto length = onBuffer ? buffer.sgetn(text.data(), operation.Number) : stream.read(text.data(), operation.Number).gcount();
+        return text.substr(0, static_cast<std::size_t>(length));
+    }
+    if (is("unget"))
+        return onBuffer ? std::to_string(buffer.sungetc()) : (stream.unget(), "");
+    if (is("write") && onBuffer)
+        return std::to_string(size == 1 ? buffer.sputc(argument[0]) : buffer.sputn(argument.data(), size));
+    if (is("write"))
+        size == 1 ? stream.put(argument[0]) : stream.write(argument.data(), size);
+    else if (is("flush") && onBuffer)
+        return std::to_string(buffer.pubsync());
+    else if (is("flush"))
+        stream.flush();
+    else if (is("clear"))
+        stream.clear();
+    else if (is("allocate"))
+        stream.allocate(operation.Number);
+    else if (is("destroy"))
+        stream.DestroyBuffer();
+    else if (is("doallocate"))
+        return std::to_string(stream.doallocate());
+    else if (is("outcome"))
+        return Outcome(stream);
+    else
+        throw std::logic_error(operation.Name);
+    return "";
 }
 
 /// Delivers bytes that count up, so that a lost one shows; how many, and when it fails, is up to a source of random numbers.
@@ -70,14 +94,14 @@ public:
     explicit TRandomTransport(TSource random) : Random(std::move(random)) {}
 
     int Read(void* buffer, unsigned int size) override {
-        const int result = Answer("R" + std::to_string(size), size);
+        const int result = Answer("Read(" + std::to_string(size) + ")", size);
         for (int i = 0; i < result; ++i)
             static_cast<unsigned char*>(buffer)[i] = NextByte++;
         return result;
     }
 
     int Write(const void* buffer, unsigned int size) override {
-        return Answer("W[" + std::string(static_cast<const char*>(buffer), size) + "]", size);
+        return Answer("Write(" + std::string(static_cast<const char*>(buffer), size) + ")", size);
     }
 
     std::string TakeLog() { return std::exchange(Log, std::string()); }
@@ -157,30 +181,31 @@ struct TStreamModel {
     }
 };
 
-inline std::string Perform(TStreamModel& model, const std::string& operation) {
-    const std::string argument = operation.substr(1);
-    const auto number = static_cast<unsigned int>(std::strtoul(argument.c_str(), nullptr, 10));
-    const bool onStream = std::islower(operation[0]) != 0; // whose operations set bits of their own
+inline std::string Perform(TStreamModel& model, const TOperation& operation) {
+    const auto is = [&](const char* name) { return operation.Name == name; };
+    const bool onStream = !operation.OnBuffer; // whose operations set bits of their own
     const auto fail = [&](std::ios::iostate bits) { model.State |= onStream ? bits : std::ios::goodbit; };
-    std::string text;
-    std::size_t written = 0;
+    const std::string& argument = operation.Argument;
+    const auto number = static_cast<unsigned int>(operation.Number);
     int next = 0;
-    switch (std::tolower(operation[0])) {
-    case 'p':
-    case 'g':
-        next = model.Next(std::tolower(operation[0]) == 'g');
+    if (is("peek") || is("get")) {
+        next = model.Next(is("get"));
         if (next < 0)
-            fail(std::tolower(operation[0]) == 'g' ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit);
+            fail(is("get") ? std::ios::eofbit | std::ios::failbit : std::ios::eofbit);
         return std::to_string(next);
-    case 'r':
+    }
+    if (is("read")) {
+        std::string text;
         while (text.size() != number && (next = model.Next(true)) >= 0)
             text += static_cast<char>(next);
         if (text.size() != number)
             fail(std::ios::eofbit | std::ios::failbit);
         return text;
-    case 'u':
+    }
+    if (is("unget"))
         return std::to_string(model.At == 0 ? EndOfFile : static_cast<unsigned char>(model.Input[--model.At]));
-    case 'w':
+    if (is("write")) {
+        std::size_t written = 0;
         while (written != argument.size() && model.Put(argument[written]))
             ++written;
         if (written != argument.size())
@@ -188,31 +213,31 @@ inline std::string Perform(TStreamModel& model, const std::string& operation) {
         if (argument.size() == 1)
             return onStream ? "" : std::to_string(written == 0 ? EndOfFile : static_cast<unsigned char>(argument[0]));
         return onStream ? "" : std::to_string(written);
-    case 'f':
+    }
+    if (is("flush")) {
         model.Sync();
         return onStream ? "" : "0";
-    case 'a':
-        model.Allocate(std::max(number, 1u));
-        return "";
-    case 'd':
-        model.Allocate(0);
-        return "";
-    case 'i':
+    }
+    if (is("doallocate")) {
         next = model.Size == 0 ? 1 : 0;
         if (next != 0)
             model.Allocate(1);
         return std::to_string(next);
-    default:
-        model.State = std::ios::goodbit;
-        return "";
     }
+    if (is("clear"))
+        model.State = std::ios::goodbit;
+    else
+        model.Allocate(is("allocate") ? std::max(number, 1U) : 0);
+    return "";
 }
 
 /// A stream and its model side by side, over transports that answer alike.
 class TStreamWalk {
 public:
-    /// What Step takes. Those that are done through the stream only, with new buffers among them, come last.
-    static constexpr const char* Operations = "PGRUWFWRcadi";
+    /// What Step takes; "write" takes a text and the others a number, which most leave alone. The seeds count on this order. Those that are
+    /// done through the stream only come last, the last three of them with new buffers.
+    static constexpr const char* Operations[] = {"peek",  "get",  "read",  "unget",    "write",   "flush",
+                                                 "write", "read", "clear", "allocate", "destroy", "doallocate"};
     static constexpr unsigned int OperationCount = 12;
 
     TStreamWalk(unsigned int size, const TRandomTransport::TSource& random)
@@ -220,14 +245,14 @@ public:
 
     /// Does an operation with both, through the stream where that is asked for and the stream is good. Both outcomes, which are to be
     /// equal: result, state and the transport's calls.
-    std::pair<std::string, std::string> Step(std::string operation, bool onStream) {
-        if (operation[0] == 'U' && Model.Input.empty())
-            operation = "c"; // what would come back is whatever the buffer holds
-        if (operation[0] != 'U' && onStream && Stream->good())
-            operation[0] = static_cast<char>(std::tolower(operation[0]));
+    std::pair<std::string, std::string> Step(const std::string& words, bool onStream) {
+        TOperation operation(words);
+        if (operation.Name == "unget" && Model.Input.empty())
+            operation = TOperation("clear"); // what would come back is whatever the buffer holds
+        operation.OnBuffer = operation.Name == "unget" || !onStream || !Stream->good();
         const std::string result = Perform(*Stream, operation), expected = Perform(Model, operation);
-        return {operation + ": " + result + " " + Outcome(*Stream) + " " + Transport.TakeLog(),
-                operation + ": " + expected + " " + Outcome(Model.State, Model.Last) + " " + Expected.TakeLog()};
+        return {words + ": " + result + " " + Outcome(*Stream) + " " + Transport.TakeLog(),
+                words + ": " + expected + " " + Outcome(Model.State, Model.Last) + " " + Expected.TakeLog()};
     }
 
     /// The same for the end of the stream, which comes with this.

@@ -25,7 +25,7 @@ public:
         : Reads(std::move(reads)), Writes(std::move(writes)) {}
 
     int Read(void* buffer, unsigned int size) override {
-        Log += "R" + std::to_string(size) + " ";
+        Log += "Read(" + std::to_string(size) + ") ";
         if (Reads.empty())
             return 0;
         std::string& data = Reads.front();
@@ -37,7 +37,7 @@ public:
     }
 
     int Write(const void* buffer, unsigned int size) override {
-        Log += "W[" + std::string(static_cast<const char*>(buffer), size) + "] ";
+        Log += "Write(" + std::string(static_cast<const char*>(buffer), size) + ") ";
         if (Writes.empty())
             return static_cast<int>(size);
         const int result = Writes.front();
@@ -55,13 +55,13 @@ private:
     std::string Log;
 };
 
-/// Performs the operations, which are separated by spaces; so are the results.
+/// Performs the operations, which commas separate; so they do the results.
 std::string PerformAll(TStream& stream, const std::string& operations) {
     std::istringstream input(operations);
     std::string operation, results;
-    while (input >> operation) {
+    while (std::getline(input >> std::ws, operation, ',')) {
         const std::string result = Perform(stream, operation);
-        results += (result.empty() || results.empty() ? "" : " ") + result;
+        results += (result.empty() || results.empty() ? "" : ", ") + result;
     }
     return results;
 }
@@ -75,22 +75,34 @@ TEST(Stream, MakesTheseTransportCalls) {
         const char *Operations, *Results, *Log; // the log up to and including the destructor
     } cases[] = {
         // clang-format off
-        {"a refill asks for the whole buffer", 2, {"abc"}, {}, "r1 r1 r1 o", "a b c 0", "R2 R2 "},
-        {"the last byte value is no end", 2, {"\xFF\xFE"}, {}, "p g G", "255 255 254", "R2 "},
-        {"no data ends the reading until it is cleared", 4, {"0", "x"}, {}, "g o g c g o", "-1 ef0 -1 120 0", "R4 R4 "},
-        {"a failed read, a good one, whose caller clears the bit", 4, {"-2", "x"}, {}, "P o P o", "-1 f-2 120 f0", "R4 R4 "},
-        {"a flush drops what was read ahead", 8, {"abc", "def"}, {}, "r1 f r1", "a d", "R8 R8 "},
-        {"output waits for a full buffer", 4, {}, {}, "w123456789 f f o", "0", "W[1234] W[5678] W[9] "},
-        {"a flush offers once and the rest comes first", 8, {}, {3}, "w12345678 f w9 f o", "0", "W[12345678] W[456789] "},
-        {"nothing taken from a full buffer loses nothing", 4, {}, {0}, "W12345 o w6 o", "4 0 0", "W[1234] W[1234] W[6] "},
-        {"each character without a buffer", 1, {}, {1, 0, -3}, "Wa Wb o Wc o", "97 -1 0 -1 f-3", "W[a] W[b] W[c] "},
-        {"putting back within what was read", 8, {"ab"}, {}, "r1 u r1 u u o", "a a b0", "R8 "},
-        {"no buffers, no calls", 4, {"abc", "d"}, {}, "i r1 wx d P G W1 W12 F d o i i wy r1", "0 a -1 -1 -1 0 0 0 1 0 d",
-            "R4 W[x] W[y] R1 "},
-        {"a size that means no buffer", 0, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
-        {"more than was asked for is no answer", 4, {"+5", "ab"}, {3}, "P o c w12 f o c f r1 o", "-1 b0 b0 a 0", "R4 W[12] W[12] R4 "},
-        {"nor without a buffer", 1, {"+2", "a"}, {2}, "P o c Wx o c r1", "-1 b0 -1 b0 a", "R1 W[x] R1 "},
-        {"another one", 0x80000000u, {"ab"}, {}, "o wxy r2", "0 ab", "W[x] W[y] R1 R1 "},
+        {"a refill asks for the whole buffer", 2, {"abc"}, {}, "read 1, read 1, read 1, outcome", "a, b, c, good 0", "Read(2) Read(2) "},
+        {"the last byte value is no end", 2, {"\xFF\xFE"}, {}, "peek, get, buffer get", "255, 255, 254", "Read(2) "},
+        {"no data ends the reading until it is cleared", 4, {"0", "x"}, {},
+            "get, outcome, get, clear, get, outcome", "-1, eof fail 0, -1, 120, good 0", "Read(4) Read(4) "},
+        {"a failed read, a good one, whose caller clears the bit", 4, {"-2", "x"}, {},
+            "buffer peek, outcome, buffer peek, outcome", "-1, fail -2, 120, fail 0", "Read(4) Read(4) "},
+        {"a flush drops what was read ahead", 8, {"abc", "def"}, {}, "read 1, flush, read 1", "a, d", "Read(8) Read(8) "},
+        {"output waits for a full buffer", 4, {}, {},
+            "write 123456789, flush, flush, outcome", "good 0", "Write(1234) Write(5678) Write(9) "},
+        {"a flush offers once and the rest comes first", 8, {}, {3},
+            "write 12345678, flush, write 9, flush, outcome", "good 0", "Write(12345678) Write(456789) "},
+        {"nothing taken from a full buffer loses nothing", 4, {}, {0},
+            "buffer write 12345, outcome, write 6, outcome", "4, good 0, good 0", "Write(1234) Write(1234) Write(6) "},
+        {"each character without a buffer", 1, {}, {1, 0, -3},
+            "buffer write a, buffer write b, outcome, buffer write c, outcome",
+            "97, -1, good 0, -1, fail -3", "Write(a) Write(b) Write(c) "},
+        {"putting back within what was read", 8, {"ab"}, {}, "read 1, unget, read 1, unget, unget, outcome", "a, a, bad 0", "Read(8) "},
+        {"no buffers, no calls", 4, {"abc", "d"}, {},
+            "doallocate, read 1, write x, destroy, buffer peek, buffer get, buffer write 1, buffer write 12, "
+            "buffer flush, destroy, outcome, doallocate, doallocate, write y, read 1",
+            "0, a, -1, -1, -1, 0, 0, good 0, 1, 0, d", "Read(4) Write(x) Write(y) Read(1) "},
+        {"a size that means no buffer", 0, {"ab"}, {}, "outcome, write xy, read 2", "good 0, ab", "Write(x) Write(y) Read(1) Read(1) "},
+        {"more than was asked for is no answer", 4, {"+5", "ab"}, {3},
+            "buffer peek, outcome, clear, write 12, flush, outcome, clear, flush, read 1, outcome",
+            "-1, bad 0, bad 0, a, good 0", "Read(4) Write(12) Write(12) Read(4) "},
+        {"nor without a buffer", 1, {"+2", "a"}, {2},
+            "buffer peek, outcome, clear, buffer write x, outcome, clear, read 1", "-1, bad 0, -1, bad 0, a", "Read(1) Write(x) Read(1) "},
+        {"another one", 0x80000000u, {"ab"}, {}, "outcome, write xy, read 2", "good 0, ab", "Write(x) Write(y) Read(1) Read(1) "},
         // clang-format on
     };
     for (const auto& each : cases) {
@@ -106,17 +118,17 @@ TEST(Stream, MakesTheseTransportCalls) {
 
 TEST(Stream, NewBuffersBeginAfreshWhateverTheOldOnesCameTo) {
     for (const int answer : {1, -2, Throws}) {
-        for (const std::string change : {"a2", "d i a2"}) {
+        for (const std::string change : {"allocate 2", "destroy, doallocate, allocate 2"}) {
             SCOPED_TRACE(change + " " + std::to_string(answer));
             TScript script({"abc", "def"}, {answer});
             TStream stream(script, 8);
-            EXPECT_EQ(PerformAll(stream, "r1 wxy"), "a");
+            EXPECT_EQ(PerformAll(stream, "read 1, write xy"), "a");
             stream.setstate(std::ios::eofbit);
             stream.exceptions(std::ios::failbit | std::ios::badbit);
             EXPECT_NO_THROW(PerformAll(stream, change));
             EXPECT_EQ(stream.exceptions(), std::ios::goodbit);
-            EXPECT_EQ(PerformAll(stream, "o wz r1"), answer == -2 ? "-2 d" : "0 d");
-            EXPECT_EQ(script.TakeLog(), "R8 W[xy] R2 ");
+            EXPECT_EQ(PerformAll(stream, "outcome, write z, read 1"), answer == -2 ? "good -2, d" : "good 0, d");
+            EXPECT_EQ(script.TakeLog(), "Read(8) Write(xy) Read(2) ");
         }
     }
 }
@@ -128,13 +140,13 @@ TEST(Stream, StateExceptionsAreThrownWhenEnabledButNotByTheDestructor) {
             TStream stream(script, 4);
             stream.exceptions(std::ios::failbit);
             EXPECT_THROW(stream.rdbuf()->sgetc(), std::ios::failure);
-            EXPECT_EQ(Outcome(stream), "f-3");
+            EXPECT_EQ(Outcome(stream), "fail -3");
             stream.clear();
             stream << "x";
             EXPECT_THROW(stream.rdbuf()->pubsync(), std::ios::failure);
-            EXPECT_EQ(Outcome(stream), "f-1");
+            EXPECT_EQ(Outcome(stream), "fail -1");
         }
-        EXPECT_EQ(script.TakeLog(), "R4 W[x] W[x] ");
+        EXPECT_EQ(script.TakeLog(), "Read(4) Write(x) Write(x) ");
     }
 }
 
@@ -149,10 +161,10 @@ TEST(Stream, FlushFromASentryEndsNoProcess) {
         } catch (const std::exception&) { // in a handler too
             EXPECT_NO_THROW(stream << "x");
         }
-        EXPECT_EQ(Outcome(stream), answer == Throws ? "b0" : "f-2");
+        EXPECT_EQ(Outcome(stream), answer == Throws ? "bad 0" : "fail -2");
         stream.clear();
         stream << "y";
-        EXPECT_EQ(script.TakeLog(), "W[x] W[xy] ");
+        EXPECT_EQ(script.TakeLog(), "Write(x) Write(xy) ");
     }
 }
 
@@ -184,8 +196,8 @@ TEST(Stream, BehavesLikeTheModel) {
         for (int step = 0; step != 2000; ++step) {
             SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
             const unsigned int kinds = TStreamWalk::OperationCount;
-            std::string operation(1, TStreamWalk::Operations[below(below(4) == 0 ? kinds : kinds - 3)]); // new buffers are rare
-            if (operation[0] == 'W')
+            std::string operation = TStreamWalk::Operations[below(below(4) == 0 ? kinds : kinds - 3)]; // new buffers are rare
+            if ((operation += ' ') == "write ")
                 for (auto length = below(12); length != 0; --length)
                     operation += static_cast<char>('a' + below(26));
             else
