@@ -44,6 +44,10 @@ struct TRow {
         return row;
     }
 
+    friend std::ostream& operator<<(std::ostream& out, const TRow& row) {
+        return out << NameOf(row.Rules[0].Call) << " in " << row.Operation;
+    }
+
     std::vector<TRule> Rules;
     const char* Operation;
     std::function<std::string(TWorld&)> Body;
@@ -295,24 +299,25 @@ const TRow Rows[] = {
     {TRule(C::dlclose, 0).Made(), "~TDLL", Library, ""},
 };
 
-TEST(Fault, EachCallThatFailsHasItsOutcomeAndLeaksNothing) {
-    for (const TRow& row : Rows) {
-        const TRule& rule = row.Rules[0];
-        SCOPED_TRACE(std::string(NameOf(rule.Call)) + " in " + row.Operation);
-        TWorld world(row.Before);
-        TPlan plan(row.Rules);
-        const std::string expected = Filled(row.Outcome, world, rule.Code);
-        std::string outcome(1000, '\0'); // so that it needs no memory any more
-        const auto before = Resources();
-        outcome.assign(plan.Run([&] { return row.Body(world); }).c_str());
-        ExpectNothingLeaked(before);
-        EXPECT_EQ(outcome, expected);
-        EXPECT_GE(plan.CountOf(rule.Call), rule.From) << "not called";
-        EXPECT_EQ(TreeOf(world.Place.GetPath()), row.After);
-        if (row.Again && row.After == row.Before) {
-            outcome = row.Body(world);
-            EXPECT_EQ(outcome.find(": "), std::string::npos) << "afterwards: " << outcome;
-        }
+using EachCallThatFails = testing::TestWithParam<TRow>;
+INSTANTIATE_TEST_SUITE_P(Rows, EachCallThatFails, testing::ValuesIn(Rows), TNameOfRow());
+
+TEST_P(EachCallThatFails, HasItsOutcomeAndLeaksNothing) {
+    const TRow& row = GetParam();
+    const TRule& rule = row.Rules[0];
+    TWorld world(row.Before);
+    TPlan plan(row.Rules);
+    const std::string expected = Filled(row.Outcome, world, rule.Code);
+    std::string outcome(1000, '\0'); // so that it needs no memory any more
+    const auto before = Resources();
+    outcome.assign(plan.Run([&] { return row.Body(world); }).c_str());
+    ExpectNothingLeaked(before);
+    EXPECT_EQ(outcome, expected);
+    EXPECT_GE(plan.CountOf(rule.Call), rule.From) << "not called";
+    EXPECT_EQ(TreeOf(world.Place.GetPath()), row.After);
+    if (row.Again && row.After == row.Before) {
+        outcome = row.Body(world);
+        EXPECT_EQ(outcome.find(": "), std::string::npos) << "afterwards: " << outcome;
     }
 }
 

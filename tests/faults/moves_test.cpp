@@ -77,52 +77,68 @@ void NoteCalls(const TOperation& operation, TPlan& plan) {
     plan.Run([&] { operation.Body(world); });
 }
 
-TEST(Fault, NobodyWhoActsBetweenTwoCallsMakesAContentVanish) {
-    for (const TOperation& operation : Operations) {
-        TPlan calm(operation.Rules);
-        NoteCalls(operation, calm);
-        for (const TActor& actor : Actors) {
-            std::size_t index = 0;
-            TWorld* place = nullptr;
-            bool isReplaced = false;
-            std::set<std::string> kept;
-            std::string atDestination;
-            const auto act = [&] {
-                const std::string target = place->Place / (*actor.Target == 0 ? "nothing" : actor.Target);
-                const std::string doomed = ReadFile(target);
-                actor.Act(*place);
-                kept.clear();
-                for (const std::string& entry : TreeOf(place->Place.GetPath()))
-                    if (entry.find('=') != std::string::npos && (isReplaced || entry[0] != '.')) // until then a fresh name is of a copy
-                        kept.insert(entry.substr(entry.find('=') + 1));
-                if (ReadFile(target) != doomed)
-                    kept.erase(doomed);
-                atDestination = ReadFile(place->To);
-            };
-            for (const TRule& rule : calm.ForEach(TRule(C::rename, act))) {
-                SCOPED_TRACE(std::string(operation.Name) + ", and before its call " + std::to_string(index++) + ", " + NameOf(rule.Call) +
-                             ", somebody " + actor.Name);
-                TWorld world(operation.Tree);
-                place = &world;
-                std::vector<TRule> rules{rule};
-                rules.insert(rules.end(), operation.Rules.begin(), operation.Rules.end());
-                TPlan plan(rules);
-                const int before = OpenDescriptors();
-                const std::string outcome = plan.Run([&] { return OutcomeOf([&] { operation.Body(world); }); });
-                EXPECT_EQ(OpenDescriptors(), before);
-                const TTree tree = TreeOf(world.Place.GetPath());
-                const bool isCopy = operation.Replacing == C::remove;
-                if (isCopy) // which empties and overwrites, whatever comes of that
-                    kept.erase("old"), kept.erase("");
-                const bool mayReplace = isCopy || outcome.empty() || outcome.find("remove failed") != std::string::npos;
-                if (mayReplace && !isReplaced && atDestination != "content")
-                    kept.erase(atDestination);
-                for (const std::string& content : kept)
-                    EXPECT_TRUE(Holds(tree, content)) << content << ", " << outcome << testing::PrintToString(tree);
-                isReplaced = isReplaced || rule.Call == operation.Replacing;
-                EXPECT_TRUE(tree.empty() || tree[0][0] != '.') << testing::PrintToString(tree) << " holds a fresh name";
-            }
-        }
+/// @p Operation, and who acts before any of its calls.
+struct TRow {
+    friend std::ostream& operator<<(std::ostream& out, const TRow& row) { return out << row.Actor.Name << " in " << row.Operation.Name; }
+
+    TOperation Operation;
+    TActor Actor;
+};
+
+std::vector<TRow> AllRows() {
+    std::vector<TRow> rows;
+    for (const TOperation& operation : Operations)
+        for (const TActor& actor : Actors)
+            rows.push_back({operation, actor});
+    return rows;
+}
+
+using SomebodyElse = testing::TestWithParam<TRow>;
+INSTANTIATE_TEST_SUITE_P(Rows, SomebodyElse, testing::ValuesIn(AllRows()), TNameOfRow());
+
+TEST_P(SomebodyElse, MakesNoContentVanishBetweenTwoCalls) {
+    const TOperation& operation = GetParam().Operation;
+    const TActor& actor = GetParam().Actor;
+    TPlan calm(operation.Rules);
+    NoteCalls(operation, calm);
+    std::size_t index = 0;
+    TWorld* place = nullptr;
+    bool isReplaced = false;
+    std::set<std::string> kept;
+    std::string atDestination;
+    const auto act = [&] {
+        const std::string target = place->Place / (*actor.Target == 0 ? "nothing" : actor.Target);
+        const std::string doomed = ReadFile(target);
+        actor.Act(*place);
+        kept.clear();
+        for (const std::string& entry : TreeOf(place->Place.GetPath()))
+            if (entry.find('=') != std::string::npos && (isReplaced || entry[0] != '.')) // until then a fresh name is of a copy
+                kept.insert(entry.substr(entry.find('=') + 1));
+        if (ReadFile(target) != doomed)
+            kept.erase(doomed);
+        atDestination = ReadFile(place->To);
+    };
+    for (const TRule& rule : calm.ForEach(TRule(C::rename, act))) {
+        SCOPED_TRACE("before call " + std::to_string(index++) + ", " + NameOf(rule.Call));
+        TWorld world(operation.Tree);
+        place = &world;
+        std::vector<TRule> rules{rule};
+        rules.insert(rules.end(), operation.Rules.begin(), operation.Rules.end());
+        TPlan plan(rules);
+        const int before = OpenDescriptors();
+        const std::string outcome = plan.Run([&] { return OutcomeOf([&] { operation.Body(world); }); });
+        EXPECT_EQ(OpenDescriptors(), before);
+        const TTree tree = TreeOf(world.Place.GetPath());
+        const bool isCopy = operation.Replacing == C::remove;
+        if (isCopy) // which empties and overwrites, whatever comes of that
+            kept.erase("old"), kept.erase("");
+        const bool mayReplace = isCopy || outcome.empty() || outcome.find("remove failed") != std::string::npos;
+        if (mayReplace && !isReplaced && atDestination != "content")
+            kept.erase(atDestination);
+        for (const std::string& content : kept)
+            EXPECT_TRUE(Holds(tree, content)) << content << ", " << outcome << testing::PrintToString(tree);
+        isReplaced = isReplaced || rule.Call == operation.Replacing;
+        EXPECT_TRUE(tree.empty() || tree[0][0] != '.') << testing::PrintToString(tree) << " holds a fresh name";
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <exception>
@@ -92,6 +93,20 @@ inline std::string Filled(std::string text, const TWorld& world, int code) {
     }
     return text;
 }
+
+/// Names the test of a row by its number and by its words, which operator<< writes: "012_rename_in_TFile_Rename".
+struct TNameOfRow {
+    template <class TRow>
+    std::string operator()(const testing::TestParamInfo<TRow>& row) const {
+        std::string name = std::to_string(1000 + row.index).substr(1); // in three digits
+        for (const char each : "_" + testing::PrintToString(row.param))
+            if (std::isalnum(static_cast<unsigned char>(each)) != 0)
+                name += each;
+            else if (name.back() != '_')
+                name += '_';
+        return name.substr(0, name.find_last_not_of('_') + 1);
+    }
+};
 
 } // namespace Kest::Test
 
