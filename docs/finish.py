@@ -2,7 +2,8 @@
 """Finishes the manual that Doxygen has written: finish.py FOLDER_OF_THE_PAGES.
 
 Doxygen's search finds what begins with the text that is typed. Here each of its lists also gets the names that have the text within, so that
-"timeout" finds SetReceiveTimeout. Pages that list the members of a class once more go.
+"timeout" finds SetReceiveTimeout. Pages that list the members of a class once more go, and the page of a header names its classes before
+what they are made with.
 """
 import html
 import pathlib
@@ -51,10 +52,20 @@ def widen(root, section, letters):
     return "".join(lists)
 
 
+def classes_first(path):
+    """Moves the tools behind the classes, which Doxygen has put in the order of their names."""
+    row = r'<tr class="memitem:">.*?<tr class="separator:">.*?</tr>\n'
+    text = path.read_text(encoding="utf-8")
+    order = lambda rows: "".join(sorted(re.findall(row, rows[0], flags=re.S), key=lambda each: "_Gadgets" in each or "_Template" in each))
+    path.write_text(re.sub(f"(?:{row})+", order, text, flags=re.S), encoding="utf-8")
+
+
 def main():
     root = pathlib.Path(sys.argv[1])
     for path in root.glob("*-members.html"):
         path.unlink()
+    for path in root.glob("*_8h.html"):
+        classes_first(path)
     data = root / "search/searchdata.js"
     text = data.read_text(encoding="utf-8")
     letters = re.search(r'indexSectionsWithContent =\s*\{\s*0: "([^"]*)"', text)
