@@ -41,6 +41,8 @@ def finished(text, name, version):
 
 def main():
     folder, version = pathlib.Path(sys.argv[1]), sys.argv[2]
+    for path in folder.glob("*.3kest"):  # a class that is gone leaves none
+        path.unlink()
     for path in folder.glob("*.3"):
         text = path.read_text(encoding="utf-8")
         path.unlink()
