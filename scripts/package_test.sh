@@ -9,7 +9,7 @@ architectures=("$@")
 (($# > 0)) || architectures=(amd64 i386)
 ((EUID == 0)) || { echo "package_test: only root can enter a clean system" >&2; exit 1; }
 "$root/scripts/setup.sh" debootstrap
-"$root/scripts/package.sh"
+"$root/scripts/package.sh" "${architectures[@]}"
 for example in "$root"/examples/*.cpp; do examples+=" $(basename "$example" .cpp)"; done
 
 # Unpacked with what a user of C++ has, but nothing of the library's and none of its dependencies.
