@@ -27,10 +27,10 @@ bool Try(const std::function<void()>& action) {
     }
 }
 
-/// How long each race goes on: a moment in the checks, KEST_RACE_SECONDS where that is set.
+/// How long each race goes on: a second in the checks, KEST_RACE_SECONDS where that is set.
 std::chrono::milliseconds RaceTime() {
     const char* const seconds = std::getenv("KEST_RACE_SECONDS");
-    return std::chrono::milliseconds(seconds == nullptr ? 500 : 1000 * std::strtol(seconds, nullptr, 10));
+    return std::chrono::milliseconds(1000 * (seconds == nullptr ? 1 : std::strtol(seconds, nullptr, 10)));
 }
 
 /// Threads that begin together, again and again, for RaceTime(); @p check gets whose action succeeded.
