@@ -28,6 +28,8 @@ struct TRow {
             Operation = [body](TWorld& w, const TAttempt& attempt) { attempt([&] { body(w); }, {}); };
     }
 
+    friend std::ostream& operator<<(std::ostream& out, const TRow& row) { return out << row.Name; }
+
     const char* Name;
     std::function<void(TWorld&, const TAttempt&)> Operation;
     bool Composes; ///< a message, for want of which the process ends; otherwise the allocation's exception leaves
@@ -222,27 +224,28 @@ int InProcess(const std::function<TEnd()>& body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : Failure;
 }
 
-TEST(Fault, AllocationThatFailsLeavesEverythingAsItWasOrEndsTheProcess) {
+using AllocationThatFails = testing::TestWithParam<TRow>;
+INSTANTIATE_TEST_SUITE_P(Rows, AllocationThatFails, testing::ValuesIn(Rows), TNameOfRow());
+
+TEST_P(AllocationThatFails, LeavesEverythingAsItWasOrEndsTheProcess) {
 #ifdef KEST_THREAD_SANITIZER_OF_CLANG
     GTEST_SKIP() << "the sanitizer's own memory does not fail";
 #endif
     (void)TAddress("inet", "127.0.0.1:1", true).Get(true); // what is made on first use
-    for (const TRow& row : Rows) {
-        SCOPED_TRACE(row.Name);
-        int end = Terminated;
-        for (long first = 0; end == Terminated && (row.Composes || first == 0); ++first)
-            end = InProcess([&] {
-                long allocations = first;
-                TEnd each = EndOf(row, allocations);
-                while (each == NoMemory && !row.Composes)
-                    each = EndOf(row, ++allocations);
+    const TRow& row = GetParam();
+    int end = Terminated;
+    for (long first = 0; end == Terminated && (row.Composes || first == 0); ++first)
+        end = InProcess([&] {
+            long allocations = first;
+            TEnd each = EndOf(row, allocations);
+            while (each == NoMemory && !row.Composes)
+                each = EndOf(row, ++allocations);
 #ifndef _LIBCPP_VERSION // whose strings have room for short messages
-                EXPECT_GT(allocations, 0) << "needs no memory";
+            EXPECT_GT(allocations, 0) << "needs no memory";
 #endif
-                return each;
-            });
-        EXPECT_EQ(end, Success);
-    }
+            return each;
+        });
+    EXPECT_EQ(end, Success);
 }
 
 TEST(Fault, TextThatTheStringItselfHasRoomForNeedsNoMemory) {
