@@ -33,8 +33,9 @@ public:
     /// @throw EException  "SetLastModificationTime failed: " + the system's description: the copy is complete, its time is not set.
     /// Requires: nobody else writes to either file meanwhile, if the copy is to be of any one state of the source.
     /// Waits: for a pipe or a device as long as it makes its user wait, already when it is opened; for another process's lease on a file. A
-    /// signal that is handled ends the wait for opening (the copy error), not that for bytes. Cancellation point; not in opening on RISC-V
-    /// and 32-bit ARM. With a C library before 2.41 a thread that is cancelled just as a pipe's other end arrives may lose its descriptor.
+    /// signal that is handled ends the wait for the lease, and that for opening unless its handler was installed with SA_RESTART (the copy
+    /// error). It does not end the wait for bytes. Cancellation point; not in opening on RISC-V and 32-bit ARM. With a C library before
+    /// 2.41 a thread that is cancelled just as a pipe's other end arrives may lose its descriptor.
     /// Threads: any may call it.
     static void Copy(const std::string& source, const std::string& destination);
 
@@ -96,8 +97,8 @@ public:
 ///                    destination and a full disk are reasons. So is a source that is missing, if both paths lie on different mounts.
 /// @throw EException  "cross device link: tryed to copy and remove: remove failed": the source could not be removed, is another file by
 ///                    now, or has gone; or somebody replaced, moved or removed the copy.
-/// Waits: over file systems as TFile::Copy() does for the source, and for the disk. A signal that is handled ends the wait for a pipe, and
-/// so this attempt. Cancellation point until the destination is replaced.
+/// Waits: over file systems as TFile::Copy() does for the source, and for the disk. A signal that would end
+/// TFile::Copy()'s wait ends this attempt. Cancellation point until the destination is replaced.
 /// Threads: any may call it.
 KEST_EXPORT void _RenameHelper(const std::string& source, const std::string& destination);
 

@@ -84,7 +84,6 @@ struct TScene : TWorld {
     };
 
     bool IsPast = false;
-    std::atomic<bool> GetsSignals{false};
     std::array<long, 2> Leaked{-1, -1}; ///< blocks and locks, once it is unwound
     TMutex Plain{false}, Guard{true};
     TCondition Condition;
@@ -95,21 +94,14 @@ struct TScene : TWorld {
 };
 
 struct TRow {
+    friend std::ostream& operator<<(std::ostream& out, const TRow& row) { return out << row.Name; }
+
     const char* Name;
     std::function<void(TScene&)> Body; ///< blocks, or cancels its thread itself
     bool Blocks = true;
     std::function<void(TScene&)> After = [](TScene&) {};
     TTree Before = {"from=content", "to=old"};
 };
-
-/// Makes the calling thread handle two signals while it does @p body, before it is cancelled.
-template <class TBody>
-std::function<void(TScene&)> Signalled(TBody body) {
-    return [=](TScene& s) {
-        s.GetsSignals = true;
-        body(s);
-    };
-}
 
 /// Returns when @p thread has handled a signal whose handler has the @p flags.
 void Signal(unsigned long thread, int flags) {
@@ -126,14 +118,14 @@ void Signal(unsigned long thread, int flags) {
 
 /// Waits in a guard that is entered so often, or once in one that is not recursive.
 std::function<void(TScene&)> Waiting(int entries, double limit) {
-    return Signalled([=](TScene& s) {
+    return [=](TScene& s) {
         TMutex& guard = entries == 0 ? s.Plain : s.Guard;
         std::list<_TScopedEntry> more;
         const _TScopedEntry entry(guard);
         for (int left = entries - 1; left > 0; --left)
             more.emplace_back(guard);
         limit < 0 ? s.Condition.Wait(guard) : (void)s.Condition.Wait(guard, limit);
-    });
+    };
 }
 
 void GuardIsFree(TScene& s) {
@@ -296,12 +288,6 @@ const TTree PipeToFile = {"from|", "to=old"};
 const TTree FileToPipe = {"from=" + std::string(200000, 'x'), "to|"};
 const TRule CancelInAddressLookUp(C::gethostbyaddr, &CancelMyself);
 
-void SleepTwice(TScene& s) {
-    TThreadInstance::Sleep(1000.5);
-    s.IsPast = true;
-    TThreadInstance::Sleep(0.0);
-}
-
 void ReceivesNext(TScene& s) {
     s.Net.Client.Send("y", 1);
     EXPECT_EQ(s.Net.Server.Receive(&Byte, 1), 1);
@@ -319,12 +305,11 @@ const TRow Rows[] = {
     {"wait, 0.0", Waiting(1, 0.0), true, GuardIsFree},
     {"wait, 1000.0", Waiting(1, 1000.0), true, GuardIsFree},
     {"wait, infinite, entered three times", Waiting(3, std::numeric_limits<double>::infinity()), true, GuardIsFree},
-    {"sleep, -0.0", Signalled([](TScene&) { TThreadInstance::Sleep(-0.0); })},
-    {"sleep, 1000.5, which a signal ends", Signalled(SleepTwice), true, IsPast},
+    {"sleep, -0.0", [](TScene&) { TThreadInstance::Sleep(-0.0); }},
     {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
 // The pthread_join of ThreadSanitizer does not bear it.
 #if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) && !defined(KEST_CALLS_WITHOUT_UNWINDING)
-    {"wait for a thread", Signalled([](TScene& s) { s.Other.WaitFor(); }), true, OtherEnds},
+    {"wait for a thread", [](TScene& s) { s.Other.WaitFor(); }, true, OtherEnds},
 #endif
     {"receive", [](TScene& s) { s.Net.Server.Receive(&Byte, 1); }, true, ReceivesNext},
     {"receive from", [](TScene& s) { s.Net.Server.ReceiveFrom(&Byte, 1, Peer); }, true, ReceivesNext},
@@ -396,42 +381,172 @@ const TRow RowsOfStreams[] = {
     {"full buffer", Streaming(7, [](auto& stream) { stream << '!'; }), Itself, IsGivenUp},
 };
 
-TEST(Fault, CancelledThreadUnwindsAndReleasesWhatItHeld) {
+/// A thread that waits by the row.
+template <class TWaiting>
+struct TWaitingThread : testing::TestWithParam<TWaiting> {
+    void SetUp() override {
 #ifdef __powerpc64__
-    if (std::getenv("KEST_EMULATOR") != nullptr)
-        GTEST_SKIP() << "the unwinder does not know qemu's frames of signals, by which waits are cancelled";
+        if (std::getenv("KEST_EMULATOR") != nullptr)
+            GTEST_SKIP() << "the unwinder does not know qemu's frames of signals, by which waits are cancelled";
 #endif
+    }
+};
+
+using CancelledThread = TWaitingThread<TRow>;
+INSTANTIATE_TEST_SUITE_P(Rows, CancelledThread, testing::ValuesIn(Rows), TNameOfRow());
+INSTANTIATE_TEST_SUITE_P(RowsOfStreams, CancelledThread,
+                         testing::ValuesIn(std::begin(RowsOfStreams),
+                                           StreamsAreCancelled ? std::end(RowsOfStreams) : std::begin(RowsOfStreams)),
+                         TNameOfRow());
+
+TEST_P(CancelledThread, UnwindsAndReleasesWhatItHeld) {
     (void)TooMuch(); // made here, not by a thread that counts its blocks
-    std::vector<TRow> rows(std::begin(Rows), std::end(Rows));
-    if (StreamsAreCancelled)
-        rows.insert(rows.end(), std::begin(RowsOfStreams), std::end(RowsOfStreams));
-    for (const TRow& row : rows) {
-        SCOPED_TRACE(row.Name);
-        TScene scene(row.Before);
-        auto before = Resources();
-        before.back() = LONG_MAX; // memory is counted by each thread for itself
-        {
-            std::atomic<pid_t> number{0};
-            TFunctionThread thread([&] {
-                const TScene::TWitness witness(scene);
-                number = ::gettid();
-                row.Body(scene);
-            });
-            thread.Start();
-            if (row.Blocks) {
-                EXPECT_TRUE(FallsAsleep(number));
-                for (const int flags : {0, SA_RESTART})
-                    if (scene.GetsSignals) { // a C library before 2.41 acts on a cancellation in a call that a signal has just ended, too
-                        Signal(thread.GetId(), flags);
-                        EXPECT_TRUE(FallsAsleep(number));
-                    }
-                thread.Cancel();
-            }
-            EXPECT_EQ(thread.WaitFor(), -1);
+    const TRow& row = GetParam();
+    TScene scene(row.Before);
+    auto before = Resources();
+    before.back() = LONG_MAX; // memory is counted by each thread for itself
+    {
+        std::atomic<pid_t> number{0};
+        TFunctionThread thread([&] {
+            const TScene::TWitness witness(scene);
+            number = ::gettid();
+            row.Body(scene);
+        });
+        thread.Start();
+        if (row.Blocks) {
+            EXPECT_TRUE(FallsAsleep(number));
+            thread.Cancel();
         }
-        EXPECT_EQ(scene.Leaked, (std::array<long, 2>{0, 0})) << "blocks and locks, or not unwound";
-        row.After(scene);
-        ExpectNothingLeaked(before);
+        EXPECT_EQ(thread.WaitFor(), -1);
+    }
+    EXPECT_EQ(scene.Leaked, (std::array<long, 2>{0, 0})) << "blocks and locks, or not unwound";
+    row.After(scene);
+    ExpectNothingLeaked(before);
+}
+
+/// An operation that waits, and what becomes of it when a signal is handled: text for OutcomeOf() and Filled().
+struct TWait {
+    template <class TPrepare>
+    TWait(const char* name, TPrepare prepare, const char* plain, const char* restarting, TTree tree = {"from=content", "to=old"},
+          bool endsByGate = false)
+        : Name(name), Prepare([=](TScene& s) { return [wait = prepare(s)] { return OutcomeOf(wait); }; }), Plain(plain),
+          Restarting(restarting), Tree(std::move(tree)), EndsByGate(endsByGate) {}
+    friend std::ostream& operator<<(std::ostream& out, const TWait& wait) { return out << wait.Name; }
+
+    const char* Name;
+    std::function<std::function<std::string()>(TScene&)> Prepare; ///< gives what waits
+    const char *Plain, *Restarting;                               ///< by a handler without and with SA_RESTART
+    TTree Tree;
+    bool EndsByGate; ///< that of the scene, and is not cancelled
+};
+
+const char* const GoesOn = "goes on";
+const char* const Cut = "EShutdown: socket IO error: socket connection aborted: socket connection was shutdown'ed: interrupted system call";
+const char* const CopyCut = "EException: file copy error: from FROM to TO";
+const char* const MoveCut = "EException: cross device link: tryed to copy and remove: copy failed";
+const auto MoveOnce = By({{C::rename, EXDEV}}, [](TScene& s) { _RenameHelper(s.From, s.To); });
+
+template <class TBody>
+auto Once(TBody body) {
+    return [=](TScene& s) { return [=, &s] { body(s); }; };
+}
+
+auto Connecting(double limit) {
+    return [=](TScene& s) {
+        s.Socket.SetSendTimeout(limit);
+        return [&s, listener = std::make_shared<TFullListener>("fs")] { s.Socket.Connect(listener->Address); };
+    };
+}
+
+auto SendingOne(double limit) {
+    return [=](TScene& s) {
+        FillUp(s.Net.Server);
+        s.Net.Server.SetSendTimeout(limit);
+        return [&s] { s.Net.Server.Send("x", 1); };
+    };
+}
+
+auto EnteringWhatIsHeld(TScene& s) {
+    auto holder = std::make_shared<TFunctionThread>([&s] {
+        const _TScopedEntry entry(s.Guard);
+        s.Go.Wait();
+    });
+    holder->Start();
+    while (OthersMayEnter(s.Guard))
+        std::this_thread::yield();
+    return [&s, holder] { const _TScopedEntry entry(s.Guard); };
+}
+
+int ReadStream(TScene& s) {
+    TSocket::TStream stream(s.Net.Server, 16);
+    stream.get();
+    return stream.GetLastResult();
+}
+
+const TWait Waits[] = {
+    {"Receive", Once([](TScene& s) { s.Net.Server.Receive(&Byte, 1); }), Cut, Cut},
+    {"ReceiveFrom", Once([](TScene& s) { s.Net.Server.ReceiveFrom(&Byte, 1, Peer); }), Cut, Cut},
+    {"ValidateReceive", Once([](TScene& s) { s.Net.Server.ValidateReceive(); }), Cut, Cut},
+    {"SelectRead", Once([](TScene& s) { s.Net.Server.SelectRead(0.0); }), Cut, Cut},
+    {"SelectWrite", [](TScene& s) { return FillUp(s.Net.Server), [&] { s.Net.Server.SelectWrite(0.0); }; }, Cut, Cut},
+    {"read from a stream", [](TScene& s) { return [&] { return ReadStream(s); }; }, "-2", "-2"},
+    {"Accept", Once([](TScene& s) { s.Net.Listener.Socket.Accept(Peer); }), Cut, GoesOn},
+    {"Accept with a limit", Once(Limited([](TScene& s) { s.Net.Listener.Socket.Accept(Peer); })), Cut, Cut},
+    {"Connect", Connecting(0.0), Cut, GoesOn},
+    {"Connect with a limit", Connecting(100.0), Cut, Cut},
+    {"Send", SendingOne(0.0), Cut, GoesOn},
+    {"Send with a limit", SendingOne(100.0), Cut, Cut},
+    {"Send of which a part is out", [](TScene& s) { return [&] { return SendTooMuch(s.Net.Server) > 0; }; }, "1", "1"},
+    {"SendTo", Once([](TScene& s) { SendToFull(s, 0.0); }), Cut, GoesOn},
+    {"SendTo with a limit", Once([](TScene& s) { SendToFull(s, 100.0); }), Cut, Cut},
+    {"Sleep", Once([](TScene&) { TThreadInstance::Sleep(1000.0); }), "", ""},
+    {"Sleep without a limit", Once([](TScene&) { TThreadInstance::Sleep(0.0); }), GoesOn, GoesOn},
+    {"Wait", Once(Waiting(1, None)), GoesOn, GoesOn},
+    {"Wait with a limit", Once(Waiting(1, 1000.0)), GoesOn, GoesOn},
+    {"Enter", EnteringWhatIsHeld, GoesOn, GoesOn, {}, true},
+    {"WaitFor", Once([](TScene& s) { s.Other.WaitFor(); }), GoesOn, GoesOn, {}, true},
+#ifndef KEST_CALLS_WITHOUT_UNWINDING
+    {"Copy of a pipe that nobody opens", Once(Copy), CopyCut, GoesOn, PipeToFile},
+    {"Rename of a pipe that nobody opens", Once(Move), GoesOn, GoesOn, PipeToFile},
+    {"_RenameHelper of a pipe that nobody opens", Once(MoveOnce), MoveCut, GoesOn, PipeToFile},
+#endif
+    {"_RenameHelper of a silent pipe", Once(Held("from", MoveOnce)), GoesOn, GoesOn, PipeToFile},
+};
+
+using SignalledThread = TWaitingThread<TWait>;
+INSTANTIATE_TEST_SUITE_P(Rows, SignalledThread, testing::ValuesIn(Waits), TNameOfRow());
+
+TEST_P(SignalledThread, GoesOnOrEndsWhateverTheHandler) {
+    const TWait& row = GetParam();
+    for (const int flags : {0, SA_RESTART}) {
+        SCOPED_TRACE(flags == 0 ? "without SA_RESTART" : "with SA_RESTART");
+        TScene scene(row.Tree);
+        const std::string expected = Filled(flags == 0 ? row.Plain : row.Restarting, scene, 0);
+        const auto wait = row.Prepare(scene);
+        std::string outcome;
+        std::atomic<bool> isOver{false};
+        std::atomic<pid_t> number{0};
+        TFunctionThread thread([&] {
+            const TScene::TWitness witness(scene);
+            number = ::gettid();
+            outcome = wait();
+            isOver = true;
+        });
+        thread.Start();
+        EXPECT_TRUE(FallsAsleep(number));
+        Signal(thread.GetId(), flags);
+        for (int tries = 0; expected != GoesOn && !isOver && tries < 5000; ++tries, TThreadInstance::Sleep(0.001))
+            (void)::pthread_kill(thread.GetId(), SIGUSR1); // the one before may have come between two waits
+        EXPECT_TRUE(isOver || FallsAsleep(number));
+        EXPECT_EQ(isOver ? outcome : GoesOn, expected);
+        scene.Go.Open();
+        const bool isCancelled = !isOver && !row.EndsByGate;
+        if (isCancelled)
+            thread.Cancel();
+        EXPECT_EQ(thread.WaitFor(), isCancelled ? -1 : 0);
+        if (row.Tree == PipeToFile) {
+            EXPECT_EQ(TreeOf(scene.Place.GetPath()), row.Tree);
+        }
     }
 }
 

@@ -2,11 +2,8 @@
 
 #include "files.h"
 
-#include <atomic>
 #include <csignal>
-#include <thread>
 
-#include <pthread.h>
 #include <sys/fsuid.h>
 
 using namespace Kest::Test;
@@ -16,27 +13,6 @@ using Kest::EException;
 namespace {
 
 const char* const CopyFailed = "Kest: cross device link: tryed to copy and remove: copy failed";
-
-TEST_F(WithMounts, SignalThatEndsTheWaitForAPipeCostsNothing) {
-    const TTree tree{"far/to=old", "near/p|"};
-    InMounts([&] {
-        Make(Directory.GetPath(), tree);
-        struct sigaction handled {};
-        struct sigaction before {};
-        handled.sa_handler = [](int) {};
-        (void)::sigaction(SIGUSR1, &handled, &before);
-        std::atomic<bool> isOver{false};
-        auto other = std::async(std::launch::async, [&isOver, waiting = ::pthread_self()] {
-            for (; !isOver; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-                (void)::pthread_kill(waiting, SIGUSR1);
-        });
-        EXPECT_KEST_THROW(_RenameHelper(Directory / "near/p", Directory / "far/to"), EException, CopyFailed);
-        isOver = true;
-        other.get();
-        (void)::sigaction(SIGUSR1, &before, nullptr);
-        EXPECT_EQ(MountedTree(), tree);
-    });
-}
 
 TEST_F(WithMounts, LeaseIsWaitedForAndTheWaitCanBeCancelled) {
     InMounts([this] {
