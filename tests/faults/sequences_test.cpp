@@ -84,6 +84,17 @@ FAULT_TEST(SymbolThatIsNotThereIsNull, dlsym, "GetSymbolAddress", "the result `n
     EXPECT_EQ(TDLL("libc.so.6").GetSymbolAddress("no such symbol"), nullptr);
 }
 
+TEST(Fault, DescriptorZeroIsOneLikeAnyOther) {
+    TWorld world;
+    (void)::close(0);
+    EXPECT_EQ(TSocket(StreamOf("fs")).GetDescriptor(), 0);
+    const int before = OpenDescriptors();
+    TPlan plan({{C::rename, EXDEV}});
+    plan.Run([&] { TFile::Copy(world.From, world.To), _RenameHelper(world.From, world.To); });
+    EXPECT_EQ(OpenDescriptors(), before);
+    (void)::open("/dev/null", O_RDONLY); // the number is taken again
+}
+
 // Sockets.
 
 TAddress NoPeer() {
