@@ -115,7 +115,7 @@ for architecture in "$@"; do
 
     [[ -e /examples ]] || cp -r /usr/share/doc/libkest-dev/examples /examples
     symbols=/usr/lib/debug/.build-id/$(readelf -n "/usr/lib/$multiarch/libkest.so.1" | sed -nE 's|.*Build ID: (..)(.*)|\1/\2.debug|p')
-    dpkg-deb --contents /packages/libkest1-dbgsym_*_"$architecture".deb | grep -q "$symbols" || fail "no debug symbols of the library"
+    grep -q "$symbols" <<<"$(dpkg-deb --contents /packages/libkest1-dbgsym_*_"$architecture".deb)" || fail "no debug symbols of the library"
 
     library_folder=/usr/lib/$multiarch
     export PKG_CONFIG_LIBDIR=$library_folder/pkgconfig:/usr/share/pkgconfig
