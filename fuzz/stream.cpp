@@ -24,10 +24,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
 
     while (input.remaining_bytes() != 0) {
         const bool onStream = input.ConsumeBool();
-        const std::string name = TStreamWalk::Operations[input.ConsumeIntegralInRange<unsigned int>(0, TStreamWalk::OperationCount - 1)];
-        const std::string argument =
-            name == "write" ? input.ConsumeRandomLengthString(60) : std::to_string(input.ConsumeIntegralInRange<unsigned int>(0, 60));
-        Compare(walk.Step(name + ' ' + argument, onStream));
+        std::string words = TStreamWalk::Operations[input.ConsumeIntegralInRange<unsigned int>(0, TStreamWalk::OperationCount - 1)];
+        words += ' ';
+        words +=
+            words == "write " ? input.ConsumeRandomLengthString(60) : std::to_string(input.ConsumeIntegralInRange<unsigned int>(0, 60));
+        Compare(walk.Step(words, onStream));
     }
     Compare(walk.End());
     return 0;

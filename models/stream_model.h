@@ -37,11 +37,10 @@ struct TOperation {
         const std::size_t end = std::min(words.find(' ', begin), words.size());
         Name = words.substr(begin, end - begin);
         Argument = words.substr(std::min(end + 1, words.size()));
-        Number = static_cast<int>(std::strtol(Argument.c_str(), nullptr, 10));
     }
+    int Number() const { return static_cast<int>(std::strtol(Argument.c_str(), nullptr, 10)); }
 
     std::string Name, Argument;
-    int Number;
     bool OnBuffer;
 };
 
@@ -57,8 +56,9 @@ inline std::string Perform(TStream& stream, const TOperation& operation) {
     if (is("get"))
         return std::to_string(onBuffer ? buffer.sbumpc() : stream.get());
     if (is("read")) {
-        std::string text(static_cast<std::size_t>(operation.Number), ' ');
-        const auto length = onBuffer ? buffer.sgetn(text.data(), operation.Number) : stream.read(text.data(), operation.Number).gcount();
+        std::string text(static_cast<std::size_t>(operation.Number()), ' ');
+        const auto length =
+            onBuffer ? buffer.sgetn(text.data(), operation.Number()) : stream.read(text.data(), operation.Number()).gcount();
         return text.substr(0, static_cast<std::size_t>(length));
     }
     if (is("unget"))
@@ -74,7 +74,7 @@ inline std::string Perform(TStream& stream, const TOperation& operation) {
     else if (is("clear"))
         stream.clear();
     else if (is("allocate"))
-        stream.allocate(operation.Number);
+        stream.allocate(operation.Number());
     else if (is("destroy"))
         stream.DestroyBuffer();
     else if (is("doallocate"))
@@ -186,7 +186,7 @@ inline std::string Perform(TStreamModel& model, const TOperation& operation) {
     const bool onStream = !operation.OnBuffer; // whose operations set bits of their own
     const auto fail = [&](std::ios::iostate bits) { model.State |= onStream ? bits : std::ios::goodbit; };
     const std::string& argument = operation.Argument;
-    const auto number = static_cast<unsigned int>(operation.Number);
+    const auto number = static_cast<unsigned int>(operation.Number());
     int next = 0;
     if (is("peek") || is("get")) {
         next = model.Next(is("get"));
