@@ -54,16 +54,17 @@ struct TLoop {
             characters += (each & 0xC0) != 0x80 ? 1 : 0;
         std::wstring result(characters, 0);
         std::size_t count = 0;
+        const auto byte = [&](std::size_t place) -> unsigned { return static_cast<unsigned char>(text[place]); };
         for (std::size_t index = 0; index < text.size() && count < characters;) {
-            const auto lead = static_cast<unsigned char>(text[index]);
+            const unsigned lead = byte(index);
             const std::size_t form = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : 3;
             if (index + form > text.size())
                 break;
             unsigned value = lead;
             if (form == 2)
-                value = (lead & 0x1FU) << 6 | (text[index + 1] & 0x3FU);
+                value = (lead & 0x1FU) << 6 | (byte(index + 1) & 0x3FU);
             else if (form == 3)
-                value = (lead & 0x0FU) << 12 | (text[index + 1] & 0x3FU) << 6 | (text[index + 2] & 0x3FU);
+                value = (lead & 0x0FU) << 12 | (byte(index + 1) & 0x3FU) << 6 | (byte(index + 2) & 0x3FU);
             result[count++] = static_cast<wchar_t>(value);
             index += form;
         }
