@@ -64,7 +64,7 @@ def try_conan(folder):
     assert recipe.version == version, recipe.version
     recipe.export_sources()
     options = ["-DKEST_BUILD_TESTS=OFF", "-DKEST_BUILD_EXAMPLES=OFF"]
-    subprocess.run(["cmake", "-S", work / "exported", "-B", work / "alone", *options], check=True)
+    subprocess.run(["cmake", "-G", "Ninja", "-S", work / "exported", "-B", work / "alone", *options], check=True)
     assert pathlib.Path(recipe.export_sources_folder, "debian/copyright").is_file()
     recipe.package_info()
     told = pathlib.Path(build, "kest/kest.pc").read_text()
