@@ -110,10 +110,13 @@ void Signal(unsigned long thread, int flags) {
     action.sa_handler = [](int) { ++handled; };
     action.sa_flags = flags;
     (void)::sigaction(SIGUSR1, &action, nullptr);
-    const int before = handled;
+    [[maybe_unused]] const int before = handled;
     EXPECT_EQ(::pthread_kill(thread, SIGUSR1), 0);
+// ThreadSanitizer keeps the handler back until a call ends that it does not take for one that waits, and such a call goes on.
+#if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG)
     while (handled == before)
         std::this_thread::yield();
+#endif
 }
 
 /// Waits in a guard that is entered so often, or once in one that is not recursive.
