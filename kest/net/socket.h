@@ -60,7 +60,7 @@ namespace Kest::System {
 /// Descriptors are inherited over exec, as the system's own calls leave them; GetDescriptor() lets a caller change that.
 ///
 /// As a member. The destructor may throw, so the implicit destructor of a class that has a socket as a member may throw too. Where that
-/// class derives from one whose virtual destructor may not, a TThread for instance, compilers refuse it ("looser exception specification",
+/// class derives from one whose virtual destructor may not, a TThread for instance, compilers refuse it ("looser exception",
 /// "more lax than base version"). One word mends it, and a close that fails there ends the process:
 ///
 ///     class TWorker : public TThread {
