@@ -1,7 +1,7 @@
 #!/bin/bash
-# Runs the test programs of the preset debug under valgrind's memcheck, then under helgrind, or under the one that is named; those of the
-# preset's tests that are scripts are left out. Takes half an hour on two cores. Prints a line for each program. Fails on a failing test
-# and on any report that tests/valgrind.supp does not explain.
+# Runs the test programs of the preset debug under valgrind: valgrind.sh [memcheck] [helgrind], both without an argument. Tests that are
+# scripts are left out. Both take about half an hour on two cores. Prints a line for each program. Fails on a failing test and on any report
+# that tests/valgrind.supp does not explain.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -15,7 +15,8 @@ done
 "$root/scripts/setup.sh" valgrind
 logged valgrind-build build_preset debug
 
-# A thread that is cancelled in a system call of valgrind's own wrappers, and a child that dies on purpose, are no subject of its reports.
+# Only memory that nothing points to any more is a leak. helgrind's approximate history tells the place of the
+# older access only roughly; the full history needs much more time and memory.
 declare -A options=(
     [memcheck]="--leak-check=full --errors-for-leak-kinds=definite"
     [helgrind]="--history-level=approx"
@@ -34,7 +35,8 @@ for tool in "${tools[@]}"; do
         name=$(basename "$program")
         log=$logs/$tool.$name.log
         begin=$SECONDS result=0
-        # Operators new that a test program brings itself stay its own: some of them fail when they are told to.
+        # A child that dies on purpose reports nothing. Operators new that a test program brings stay in place: some of them fail when
+        # they are told to.
         # shellcheck disable=SC2086 # the options are words
         valgrind -q --tool="$tool" ${options[$tool]} --error-exitcode=99 --child-silent-after-fork=yes --fair-sched=yes \
             --soname-synonyms=somalloc=nouserintercepts \
