@@ -52,14 +52,14 @@ SUBJECTS = {
     "mutex": "Mutexes. Contended: two threads, each on a processor of its own.",
     "condition": "Conditions. There and back: two threads wake each other by turns.",
     "thread": "Threads. From the constructor to the end of the wait.",
-    "file": "Files. The state of one, the full path of one, a name against a pattern.",
-    "directory": "Directories. All entries of one, by their number.",
-    "copy": "Copying and renaming. By size, within a disk, within memory, and from one to the other.",
-    "connection": "Connections. A connection made, accepted and closed.",
-    "echo": "Transfers. A block sent to another thread, and sent back; by the size of the block.",
+    "file": "Files. The state of a file, the full path of a file, a name compared with a pattern.",
+    "directory": "Directories. All entries of a directory, by their number.",
+    "copy": "Copying and renaming. By size, within a disk, within memory, and from disk to memory.",
+    "connection": "Connections. A connection is made, accepted and closed.",
+    "echo": "Transfers. A block is sent to another thread and sent back, by the size of the block.",
     "stream": "Streams. 64 KiB in blocks, lines and characters, by the size of the stream's buffer.",
     "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string. "
-            "Of arm64 there are [instructions instead of times](performance/arm64.md).",
+            "For arm64 [instructions were counted](performance/arm64.md) instead of times.",
     "symbol": "Symbols of loaded libraries",
     "clock": "The clock",
     "singleton": "Singletons",
@@ -286,17 +286,17 @@ def page_of(runs, pictures, run, quick):
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
     lines += [
-        "Kest makes the calls of the system that a program would make itself, and adds little to them. Ten tasks, done with bare calls, with",
-        "Kest, and with what a program would take instead (the standard library, APR, Boost, POCO):",
-        "", "![Ten tasks, by Kest and by others; an arrow is more than the picture holds](performance/tasks.svg)", "", table_of_tasks(topics), "",
-        "The bare calls are those that Kest makes, in its order. Another library may make fewer, and then takes less: Kest waits for readiness",
-        "before it receives, since its limits promise that.", "",
-        "The figures are from this machine, and from `scripts/bench.sh`; anyone can repeat them.", "",
+        "Kest makes the calls of the system that a program would make itself, and adds little to them. The picture and the table show ten tasks.",
+        "Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost, POCO).",
+        "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "", table_of_tasks(topics), "",
+        "The bare calls are those that Kest makes, in its order. Another library may make fewer calls, and then takes less time. Kest waits for",
+        "readiness before it receives, since its limits promise that.", "",
+        "`scripts/bench.sh` measured the figures, on this machine. The same command repeats the measurement.", "",
         table([["", ""]] + [[name, value] for name, value in run.items()]), "",
         "## How to read the tables", "",
-        "\"Bare calls\" is the time of the calls of the system alone, the median of the repetitions. The other columns are ratios to it:",
-        "1.05 takes 5 % longer. \"Between\" are the ratios between which the middle half of Kest's repetitions lies. Repetitions are in random",
-        "order, and every program has a second, sleeping thread. The pictures show time per byte, character or entry over size."]
+        "\"Bare calls\" is the time of the calls of the system alone, the median of the repetitions. The other columns are ratios to that time:",
+        "1.05 takes 5 % longer. The middle half of Kest's repetitions lies within the ratios in \"between\". The repetitions run in random",
+        "order. Every program has a second, sleeping thread. The pictures show the time per byte, character or entry over the size."]
     for topic, about in SUBJECTS.items():
         if topic not in topics:
             continue
@@ -308,7 +308,7 @@ def page_of(runs, pictures, run, quick):
             lines += ["", f"### {title}, on 32 bits", "", table_of(*topics_32[topic])]
     count, missed = summary_of(runs)
     lines += ["", "## For those who work on Kest: goals", "",
-              "A goal is a ratio that the library should not be above; `scripts/bench_goals.csv` has them all. " + count]
+              "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
