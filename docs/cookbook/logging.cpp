@@ -23,7 +23,7 @@ public:
     /// Adds a line. A cancellation that arrives meanwhile is acted on at the caller's next cancellation point, so that no line ends in its
     /// middle. That also makes it safe where streams are not: in a handler, and in a destructor.
     void Add(const std::string& line) {
-        const TCancellationOff off; // before the lock: it is held no longer than a line takes
+        const TCancellationOff off; // before the lock, which is held no longer than a line takes
         const std::lock_guard<TMutex> inside(Mutex);
         File << line << '\n' << std::flush; // a full disk shows in the state, and the program goes on
     }

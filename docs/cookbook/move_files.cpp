@@ -33,7 +33,7 @@ std::string Content(const std::string& path) {
 /// Tells what became of a move, which is never half of it.
 void Move(const std::string& source, const std::string& destination) {
     try {
-        TFile::Rename(source, destination); // over file systems it copies and removes
+        TFile::Rename(source, destination); // over file systems Rename() copies and removes
         std::cout << source << " is now " << destination << std::endl;
     } catch (const Kest::EException& failure) {
         std::cout << failure.GetMessage() << std::endl;
@@ -44,13 +44,13 @@ void Move(const std::string& source, const std::string& destination) {
 
 int main() try {
     Save("settings", "volume = 1");
-    Save("settings", "volume = 2"); // replaces the old one
+    Save("settings", "volume = 2"); // replaces the old file
     std::cout << Content("settings") << std::endl;
 
     TDirectory::Create("archive");
     Move("settings", "no such folder/settings"); // the source stays
     Move("settings", "archive/settings");
-    Move("settings", "archive/settings"); // it is gone: that of the archive stays
+    Move("settings", "archive/settings"); // there is no "settings" any more: the file in the archive stays
     std::cout << Content("archive/settings") << std::endl;
 
     TFile::Remove("archive/settings");

@@ -16,7 +16,7 @@ namespace {
 template <class T>
 class TQueue {
 public:
-    using TClock = std::chrono::steady_clock; // nobody sets it
+    using TClock = std::chrono::steady_clock; // nobody can set this clock
 
     void Put(T item) {
         const std::lock_guard<TMutex> inside(Mutex);
@@ -33,12 +33,12 @@ public:
 
     /// The next item; nothing when the queue is closed and empty, or at the deadline. Cancellation point.
     std::optional<T> Take(TClock::time_point deadline) {
-        const std::lock_guard<TMutex> inside(Mutex); // left by a return, an exception and a cancellation
+        const std::lock_guard<TMutex> inside(Mutex); // a return, an exception and a cancellation leave the mutex
         while (Items.empty() && !IsClosed) {         // a wait may end for no reason
             const auto rest = deadline - TClock::now();
             if (rest <= 0s)
                 return std::nullopt;
-            Changed.Wait(Mutex, TimeLimit(rest)); // TimeLimit: a rest is never taken for "no limit"
+            Changed.Wait(Mutex, TimeLimit(rest)); // TimeLimit never gives 0.0, "no limit"
         }
         if (Items.empty())
             return std::nullopt;

@@ -1,4 +1,4 @@
-// Makes one tree of files like another: sync_tree SOURCE DESTINATION. What fails is told at the end and stops nothing else.
+// Makes one tree of files like another: sync_tree SOURCE DESTINATION. Failures are told at the end and stop nothing else.
 #include <kest/kest.h>
 
 #include <filesystem>
@@ -30,17 +30,17 @@ private:
     void Attempt(const TAction& action) {
         try {
             action();
-        } catch (const Kest::EException& failure) { // one entry's: those beside it go on
+        } catch (const Kest::EException& failure) { // of one entry: the others go on
             Failures.push_back(failure.GetMessage());
         }
     }
 
     static bool Exists(const std::string& path) {
-        std::error_code ignored; // what cannot be looked at fails where it is used
+        std::error_code ignored; // an entry that cannot be looked at fails where it is used
         return std::filesystem::exists(UTF8ToSystem(path), ignored);
     }
 
-    /// The directory is closed before its entries are looked at: a deep tree needs one descriptor, not one a level.
+    /// The directory is closed before its entries are looked at: a deep tree needs one descriptor in all.
     static std::set<std::string> NamesIn(const std::string& path) {
         std::set<std::string> names;
         TDirectory directory(path);
@@ -56,7 +56,7 @@ private:
 
     void Entry(const std::string& source, const std::string& destination) {
         std::error_code ignored;
-        if (std::filesystem::is_symlink(UTF8ToSystem(source), ignored)) { // TState would follow it, round and round
+        if (std::filesystem::is_symlink(UTF8ToSystem(source), ignored)) { // TState would follow the link, maybe in a circle
             ++Skipped;
             return;
         }
@@ -64,7 +64,7 @@ private:
             const TFile::TState state(source);
             if (state.GetType() == TFile::Directory)
                 Directory(source, destination);
-            else if (state.GetType() != TFile::Regular) // a pipe would be waited for
+            else if (state.GetType() != TFile::Regular) // opening a pipe would wait
                 ++Skipped;
             else if (IsSame(state, destination))
                 ++Same;

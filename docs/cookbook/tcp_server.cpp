@@ -63,7 +63,7 @@ unsigned Serve(TSocket& listener) {
         } catch (const Errors::EWouldBlock&) { // the client has gone again
         } catch (const Errors::EShutdown&) {   // a signal ended the wait
         } catch (const Kest::EException& failure) {
-            std::cerr << failure.GetMessage() << std::endl; // no descriptor or no thread to be had
+            std::cerr << failure.GetMessage() << std::endl; // the descriptors or the threads are used up
             Kest::System::TThreadInstance::Sleep(0.1);      // go on when a client has left
         }
     }

@@ -1,4 +1,4 @@
-# Starts the server at a port of the system's choice, talks to it as two clients, one of which stays, and ends it.
+# Starts the server at a port of the system's choice, talks to it as two clients, and ends it while one client stays.
 "$@" 127.0.0.1:0 >server.output &
 server=$!
 for _ in {1..500}; do

@@ -33,7 +33,7 @@ public:
                     Socket.SendTo(answer.data(), static_cast<unsigned>(answer.size()), client);
             } catch (const Errors::EShutdown&) { // an empty datagram, which anybody can send
             } catch (const Kest::EException& failure) {
-                const Kest::System::TCancellationOff off; // streams in a handler and a cancellation do not go together
+                const Kest::System::TCancellationOff off; // a cancellation in a stream in a handler ends the process
                 std::cerr << failure.GetMessage() << std::endl;
             }
     }
@@ -42,7 +42,7 @@ private:
     TSocket& Socket;
 };
 
-/// Sends @p request until its answer comes. Each request has a text of its own, so that a late answer to another is known as one.
+/// Sends @p request until its answer comes. Each request has a text of its own, which tells a late answer to another request.
 /// @throw ETimeout  nobody answered.
 std::string Ask(TSocket& socket, const TSocket::TAddress& server, const std::string& request) {
     double limit = 0.05; // seconds, for the first attempt
@@ -52,7 +52,7 @@ std::string Ask(TSocket& socket, const TSocket::TAddress& server, const std::str
         limit *= 2;
         while (true) {
             const double rest = end - Kest::System::GetCurrentTime();
-            if (rest <= 0.0) // as a limit it would be none at all
+            if (rest <= 0.0) // a limit of 0.0 would be no limit
                 break;
             socket.SetReceiveTimeout(rest);
             try {

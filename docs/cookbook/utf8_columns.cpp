@@ -1,4 +1,4 @@
-// Reads lines of UTF-8, tells which are none, and shows the others in columns: text in, wide text between, text out.
+// Reads lines, tells which are no UTF-8, and shows the others in columns: text in, wide text between, text out.
 #include <kest/kest.h>
 
 #include <clocale>
@@ -19,7 +19,7 @@ bool IsConvertible(const std::string& text) {
 
 /// @p text in @p width columns: cut between characters, never within one, or filled with spaces.
 std::string Column(const std::string& text, std::size_t width) {
-    std::wstring wide = UTF8ToUCS(text); // an element a character
+    std::wstring wide = UTF8ToUCS(text); // one element for each character
     wide.resize(width, L' ');
     return UCSToUTF8(wide);
 }

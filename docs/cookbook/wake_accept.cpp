@@ -1,4 +1,4 @@
-// Ends a thread that waits for connections, at once and without losing one: by a descriptor that wakes it.
+// Ends a thread that waits for connections, at once and without losing a connection: a descriptor wakes the thread.
 #include <kest/kest.h>
 
 #include <cerrno>
@@ -48,7 +48,7 @@ public:
         while (true) {
             if (::poll(wanted, 2, -1) < 0) // a signal; TThread blocks the usual ones
                 continue;
-            if (wanted[0].revents != 0) // first: who has come is let in
+            if (wanted[0].revents != 0) // the listener first: a client that has come is let in
                 count += Accept();
             else if (wanted[1].revents != 0)
                 return count;
@@ -61,11 +61,11 @@ private:
     int Accept() {
         try {
             TSocket::TAddress peer("inet");
-            const TSocket client = Listener.Accept(peer); // a program would hand it on
+            const TSocket client = Listener.Accept(peer); // a program would hand the client on
             return 1;
-        } catch (const Errors::EWouldBlock&) { // it has gone again
+        } catch (const Errors::EWouldBlock&) { // the client has gone again
         } catch (const Kest::EException& failure) {
-            std::cerr << failure.GetMessage() << std::endl; // no descriptor to be had
+            std::cerr << failure.GetMessage() << std::endl; // the descriptors are used up
             Kest::System::TThreadInstance::Sleep(0.1);      // poll would not wait
         }
         return 0;

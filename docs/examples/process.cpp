@@ -8,6 +8,6 @@ using namespace Kest::System;
 int main(int argc, char** argv) {
     const std::string program = GetFullPathName(GetApplicationFileName(argc, argv));
     std::cout << program.substr(program.rfind('/') + 1) << '\n';
-    SetProcessPriority(-50); // of -100 to 100; less than others is always allowed
+    SetProcessPriority(-50); // from -100 to 100; lowering it is always allowed
     std::cout << "priority " << GetProcessPriority() << '\n';
 }

@@ -7,7 +7,7 @@ using namespace Kest::System;
 
 int main() {
     const std::string text = "Grüße, €";
-    const std::wstring wide = UTF8ToUCS(text); // one element a character, up to U+FFFF
+    const std::wstring wide = UTF8ToUCS(text); // one element for each character, up to U+FFFF
     std::cout << text.size() << " bytes, " << wide.size() << " characters\n";
     std::cout << (UCSToUTF8(wide) == text ? "unchanged" : "changed") << '\n';
     std::cout << UTF8ToSystem(text) << '\n'; // before text or a path goes to the system

@@ -24,7 +24,7 @@ public:
 /// Has a worker of its own, and a socket.
 class TForeman : public TThread {
 public:
-    ~TForeman() noexcept override { Finish(); } // the word is needed: a socket's destructor may throw, a thread's may not
+    ~TForeman() noexcept override { Finish(); } // noexcept: a socket's destructor may throw, a thread's may not
 
     int Run() override {
         TWorker worker;
@@ -40,7 +40,7 @@ public:
 };
 
 int main() {
-    { const TWorker neverStarted; } // never begins, and nobody waits for it to begin
+    { const TWorker neverStarted; } // its body never begins, and its destructor does not wait for that
 
     TForeman foreman;
     foreman.Start();

@@ -40,5 +40,5 @@ int main() {
             slot.Filled.Wait(slot.Mutex);
         std::cout << "got " << slot.Number << '\n';
     }
-    std::cout << "the thread ended with " << worker.WaitFor() << '\n'; // who wants the exit value asks before the destructor
+    std::cout << "the thread ended with " << worker.WaitFor() << '\n'; // ask for the exit value before the destructor runs
 }
