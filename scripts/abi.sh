@@ -1,11 +1,12 @@
 #!/bin/bash
-# Compares the library's binary interface with the one in abi/: abi.sh [check|update] [TARGET...], a target being x86-64, i386 or an architecture
-# of cross.sh, without one the first two and arm64. The exported symbols must be those of abi/TARGET.symbols, no more and no less; of what
-# abi/TARGET.abi knows of types and functions nothing may have changed or gone unless the SONAME has. Types are looked at for x86-64 and i386
-# alone: other processors are built from the same sources. What was only added is fine once it is written down: "abi.sh update" writes both
-# kinds of files, and refuses an incompatible change under the old SONAME as well.
-# Under another SONAME everything passes; the test of the version fails until "abi.sh update" has written that down too.
-# KEST_ABI_SOURCE names another tree than this one to look at, for trying changes.
+# Compares the library's binary interface with abi/: abi.sh [check|update] [TARGET...]. A target is x86-64, i386 or an architecture of cross.sh;
+# without a target x86-64, i386 and arm64 are compared.
+# The exported symbols must be those of abi/TARGET.symbols, no more and no less. Nothing in abi/TARGET.abi, which lists types and functions, may
+# have changed or gone while the SONAME is the old one. Types are compared only for x86-64 and i386: other processors are built from the same
+# sources.
+# "abi.sh update" writes both kinds of files, which makes additions part of the interface. It also refuses an incompatible change under the old
+# SONAME. Under another SONAME everything passes, but the test of the version fails until "abi.sh update" has run.
+# The environment variable KEST_ABI_SOURCE names another tree to compare, for trying changes.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 action=${1:-check}
@@ -23,9 +24,9 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir -p abi
 
-# What is shipped, with what a debugger knows of it, from which the tools read the types.
+# Builds the library as it is shipped, but with debug information, from which the tools read the types.
 build() { # BUILD_DIR FLAGS
-    # Paths as the compiler would see them in the tree's root: those of this machine are nobody's business.
+    # Paths in the debug information begin at the root of the tree, so that no path of this machine gets into abi/.
     cmake -S "$source_dir" -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=g++ \
         "-DCMAKE_CXX_FLAGS=$2 -g -ffile-prefix-map=$source_dir=. -fdebug-prefix-map=$1=." -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
         cmake --build "$1" -j2 --target kest
@@ -33,7 +34,7 @@ build() { # BUILD_DIR FLAGS
 
 soname_of() { sed -nE "s/^<abi-corpus .*\bsoname='([^']*)'.*/\1/p" "$1"; }
 
-# Kind and mangled name; weak symbols are inline functions, virtual tables and type information that callers may have too.
+# Writes kind and mangled name of each symbol. Weak symbols are inline functions, virtual tables and type information, which callers may have too.
 write_symbols() { # LIBRARY
     nm -D --defined-only --format=posix "$1" | awk '{ print $2, $1 }' | LC_ALL=C sort -k 2 >"$work/$target.symbols"
 }
@@ -44,7 +45,7 @@ compare_symbols() { # WHAT_ELSE
         cp "$work/$target".* abi/
         echo "abi: $target: written, $(wc -l <"$work/$target.symbols") symbols"
     elif ! diff -u "abi/$target.symbols" "$work/$target.symbols" | c++filt; then
-        echo "abi: $target: the exported symbols are not those of abi/$target.symbols; abi.sh update where that is meant"
+        echo "abi: $target: the exported symbols are not those of abi/$target.symbols; run abi.sh update if the change is intended"
         failures=$((failures + 1))
     else
         echo "abi: $target: unchanged, $(wc -l <"$work/$target.symbols") symbols$1"
@@ -67,15 +68,15 @@ for target in "${targets[@]}"; do
     library=$folder/kest/libkest.so
 
     write_symbols "$library"
-    # Only what callers can see: types of public headers, no paths, no lines.
+    # Only what callers can see: types of the headers, no paths, no lines.
     abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --headers-dir "$source_dir/kest" --drop-private-types \
         "$library" >"$work/$target.abi"
     ! grep -nF "='$root/" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
 
     if [[ -e abi/$target.abi ]]; then
         old=$(soname_of "abi/$target.abi") new=$(soname_of "$work/$target.abi")
-        # Bits of the answer: 1 and 2 are errors, 4 a change, 8 one that is incompatible beyond doubt. Additions are left out of it, so any
-        # change breaks callers or may do so.
+        # Bits of the result: 1 and 2 are errors, 4 is a change, 8 a change that is certainly incompatible. Additions do not count, so each
+        # change breaks callers or may break them.
         result=0
         abidiff --no-added-syms "abi/$target.abi" "$work/$target.abi" >"$work/difference" 2>&1 || result=$?
         if ((result & 3)); then
@@ -83,15 +84,15 @@ for target in "${targets[@]}"; do
             exit 1
         elif ((result != 0)) && [[ $old == "$new" ]]; then
             cat "$work/difference"
-            echo "abi: $target: INCOMPATIBLE, and the SONAME is still $new: raise KEST_VERSION_MAJOR in kest/version.h, or do without it"
+            echo "abi: $target: INCOMPATIBLE, and the SONAME is still $new: raise KEST_VERSION_MAJOR in kest/version.h, or take the change back"
             failures=$((failures + 1))
             continue
         elif [[ $old != "$new" && $action == check ]]; then
-            echo "abi: $target: the SONAME went from $old to $new, so anything may have changed; abi.sh update writes down what is kept from now on"
+            echo "abi: $target: the SONAME went from $old to $new, so anything may have changed; abi.sh update writes the new interface"
             continue
         fi
     elif [[ $action == check ]]; then
-        echo "abi: $target: there is nothing to compare with: abi.sh update"
+        echo "abi: $target: there is nothing to compare with; run abi.sh update"
         failures=$((failures + 1))
         continue
     fi

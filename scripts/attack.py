@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Attacks line_server, line_client and work_queue with hostile peers and with want of memory, threads and descriptors.
+"""Attacks line_server, line_client and work_queue with hostile peers and with lack of memory, threads and descriptors.
 
 Usage: attack.py FOLDER_OF_THE_PROGRAMS FAILING_MALLOC [ATTACK...]
 FAILING_MALLOC is the library built of tests/examples/failing_malloc.cpp. Without names, all attacks are made. Prints a line for each;

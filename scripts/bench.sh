@@ -1,8 +1,8 @@
 #!/bin/bash
-# Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...], where a topic is a file of benchmarks/, mutex for instance.
-# Prints a table a topic: what the library and its peers need, as ratios to the same work done with bare calls. A run of all topics also
-# writes docs/performance.md and its plots; it takes about half an hour and wants the machine for itself. --quick measures everything but the
-# largest sizes, a short time each: enough to see that it runs, not to quote a figure.
+# Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...]. A topic is a file of benchmarks/, mutex for instance. Prints a
+# table for each topic: the times of the library and of its peers, as ratios to the bare calls that do the same work. A run of all topics also
+# writes docs/performance.md and its plots; it takes about half an hour, during which the machine must do nothing else. --quick leaves out the
+# largest sizes and measures for a short time: enough to see that everything runs, and no figure to quote.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -40,7 +40,7 @@ build() { # PRESET [OPTION...]: builds the topics
     cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j2 --target "${topics[@]/#/bench_}"
 }
 
-# In random order, so that whatever else the machine does meanwhile meets all who are compared alike.
+# The repetitions run in random order, so that other work of the machine disturbs all that are compared alike.
 run() { # PRESET REPETITIONS
     local results=$root/build/$1/results topic
     local -a effort=(--benchmark_repetitions="$2" --benchmark_min_time=0.02)
@@ -53,8 +53,8 @@ run() { # PRESET REPETITIONS
     done
 }
 
-# Google Benchmark for 32 bits, unpacked beside the build from the packages of that architecture: to install them the system would have to
-# be told of the architecture first. What apt finds out of it is kept apart too.
+# Google Benchmark for 32 bits is unpacked beside the build, from the packages of i386: installing them would need the architecture added to
+# the system. The package lists of i386 are kept apart too.
 i386=$root/build/i386
 build_32() {
     if [[ ! -e $i386/complete ]]; then
@@ -63,7 +63,7 @@ build_32() {
             cd "$i386/packages"
             apt=(apt-get -qq -o "APT::Architectures::=$(dpkg --print-architecture)" -o APT::Architectures::=i386
                 -o "Dir::State::Lists=$i386/lists" -o "Dir::Cache=$i386/cache" -o Debug::NoLocking=1)
-            "${apt[@]}" update # one archive's list that fails says nothing of these packages
+            "${apt[@]}" update # the list of another archive may fail
             "${apt[@]}" download libbenchmark-dev:i386 libbenchmark1debian:i386
         ) || return
         local package
@@ -79,7 +79,7 @@ begin=$SECONDS
 logged bench build bench >&2
 run bench 15
 
-# Figures of an emulated processor would say nothing.
+# Figures of an emulated processor say nothing about a real one.
 results_32=()
 if ! runs_32_bits; then
     about_32="none: this machine runs no 32-bit programs itself, and figures from an emulation would say nothing"

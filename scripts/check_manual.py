@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Opens every page of the manual in a headless browser, as wide as a desk's and as narrow as a telephone's, light and dark, and fails on
+"""Opens every page of the manual in a headless browser, as wide as on a desk and as narrow as on a telephone, light and dark, and fails on
 what a reader would find broken: text off the edge or too pale, a link that leads nowhere, a picture that is not shown, a script that
 fails, a search that does not find, a reference that puts things where they do not belong.
 

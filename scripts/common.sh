@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share. Each begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", and is in the root of the checkout from then on.
+# What the scripts share. Each script begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", which also changes to the root of the checkout.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit
 logs=$root/build/logs
@@ -40,7 +40,7 @@ as_root() { # COMMAND...
     fi
 }
 
-# Installs those packages that are not there. Asks for nothing but root's rights.
+# Installs those of the packages that are missing. Asks no question, except sudo's for a password.
 install_missing() { # PACKAGE...
     local missing=() package
     for package in "$@"; do
@@ -53,8 +53,8 @@ install_missing() { # PACKAGE...
     as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# 32 bits for both compilers. The package g++-multilib, without the version, refuses to stand beside any cross compiler. The link by which
-# 32-bit programs find the headers of the kernel comes with that package alone, and goes with it.
+# Installs what both compilers need for 32 bits. The package g++-multilib, without the version, conflicts with each cross compiler. Only that
+# package brings the link by which 32-bit programs find the headers of the kernel, so the link is made here.
 install_multilib() {
     install_missing "g++-$(/usr/bin/g++ -dumpversion)-multilib"
     [[ -e /usr/include/asm || ! -d /usr/include/x86_64-linux-gnu/asm ]] || as_root ln -s x86_64-linux-gnu/asm /usr/include/asm
@@ -69,13 +69,13 @@ runs_32_bits() {
     return "$result"
 }
 
-# The architectures that are cross-compiled, by Debian's names, and what the names of their compilers begin with.
+# The architectures that are cross-compiled, by Debian's names, and the beginning of the names of their compilers.
 declare -A cross_machines=(
     [arm64]=aarch64-linux-gnu [armhf]=arm-linux-gnueabihf [s390x]=s390x-linux-gnu [riscv64]=riscv64-linux-gnu [ppc64el]=powerpc64le-linux-gnu
 )
 
-# Installs a cross compiler, of the version that the presets name, and the emulator. The package g++-multilib, without a version, makes way:
-# it refuses to stand beside them, and its compilers stay.
+# Installs a cross compiler, of the version that the presets name, and the emulator. The package manager removes g++-multilib, without a
+# version, which conflicts with cross compilers; g++-12-multilib keeps its compilers.
 install_cross() { # ARCHITECTURE
     install_missing qemu-user g++-12-multilib "g++-12-${cross_machines[$1]}"
     install_multilib

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Counts the instructions that the text conversions take on arm64, of which there is no machine to measure on: an emulator tells each
-# instruction that it runs, of texts of 4 KiB. Prints a table: instructions per byte of UTF-8 by each codec, counting and allocating
-# included, and their ratio. Not a time. With "page" it also writes docs/performance/arm64.md.
+# Counts the instructions of the text conversions on arm64: count_text.sh [page]. There was no arm64 machine to measure times on, so an emulator
+# reports each instruction that runs while texts of 4 KiB are converted. Prints a table: instructions per byte of UTF-8 by each codec, counting
+# and allocating included, and the ratio of the codecs. With "page" it also writes docs/performance/arm64.md.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 install_missing g++-12-aarch64-linux-gnu qemu-user
@@ -18,12 +18,12 @@ size=4096
 logged count_text aarch64-linux-gnu-g++-12 -std=c++23 -O3 -DNDEBUG -static -I. -o "$work/text_count" \
     benchmarks/text_count.cpp kest/text/utf8.cpp kest/text/utf8_*.cpp
 
-executed() { # CODEC DIRECTION SCRIPT ROUNDS: all that the program runs
+executed() { # CODEC DIRECTION SCRIPT ROUNDS: the number of all instructions of the program
     qemu-aarch64 -singlestep -d nochain,exec -D "$work/log" "$work/text_count" "$@"
     wc -l <"$work/log"
 }
 
-# Of one round more, with memory that is known already.
+# The instructions of one round more: the third round finds its memory allocated.
 per_byte() { # CODEC DIRECTION SCRIPT
     local three two
     two=$(executed "$@" 2)

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Runs the tests and says which lines and branches of kest/ they ran: a table a file, then each line that never ran. Branches that only an
-# exception takes, out of any call that may throw, are left out. The report to click through is build/coverage/report/index.html.
+# Runs the tests and tells which lines and branches of kest/ they ran: a table of lines and a table of branches, with a row for each file, then
+# a summary. Each row names the lines that have something that never ran. Branches that only an exception takes are left out. The report for a browser is
+# build/coverage/report/index.html.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 (($# == 0)) || { echo "usage: coverage.sh" >&2; exit 2; }
@@ -9,7 +10,7 @@ set -euo pipefail
 build=$root/build/coverage
 logged coverage-build build_preset coverage
 find "$build" -name '*.gcda' -delete # counts of an earlier run
-# What counts is a part of the library here and makes calls of its own, which the tests of faults do not know.
+# The code that counts is a part of the library here, and makes calls that the tests of faults do not know.
 logged coverage ctest --preset coverage -j2 -E '^faults\.page$'
 
 mkdir -p "$build/report"

@@ -1,16 +1,16 @@
 #!/bin/bash
-# Builds Kest for processors other than this machine's and runs the whole suite under qemu's emulation of a process: cross.sh [ARCHITECTURE...],
-# Debian's names, all of them without an argument. Prints what was built, how many tests passed, and each skipped test with its reason.
-# cross.sh compilers builds the library with every compiler of the distribution, and its headers in every standard that the
-# compiler knows. Last it links a program with -static, and says what of the C library musl has not.
-# Fails when a build warns, a test fails, or the exported symbols are not those in abi/.
+# Builds Kest for other processors and runs the tests of their presets under qemu's emulation of a process: cross.sh [ARCHITECTURE...], by
+# Debian's names; without an argument for all. Prints what was built, how many tests passed, and each skipped test with its reason. Fails when a
+# build warns, a test fails, or the exported symbols are not those in abi/.
+# "cross.sh compilers" builds the library with every compiler of the distribution, and its headers in every standard that the compiler knows.
+# Then it links the examples with -static and runs one, and tells which of the library's imports musl lacks.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 mapfile -t architectures < <(printf '%s\n' "${!cross_machines[@]}" | sort)
 failures=0
 
-# The newest version of LIBRARY's symbols that FILE imports: what a system must have at least to load it.
+# The newest version of LIBRARY's symbols that FILE imports: the oldest LIBRARY that can load FILE.
 newest() { # FILE LIBRARY
     objdump -T "$1" | grep -oE "\b$2_[0-9.]+" | sort -uV | tail -n 1
 }
@@ -34,7 +34,7 @@ test_architecture() { # ARCHITECTURE
     "$root/scripts/abi.sh" check "$1" || failures=$((failures + 1))
 }
 
-# Each with the standards that it knows beside C++17, under the names that it knows them by.
+# Each compiler, with its names for the standards that it knows beside C++17.
 declare -A compilers=(
     [g++-11]="c++20 c++2b" [g++-12]="c++20 c++2b"
     [clang++-13]="c++20 c++2b" [clang++-14]="c++20 c++2b" [clang++-15]="c++20 c++2b" [clang++-16]="c++20 c++2b"
@@ -70,7 +70,7 @@ build_static() {
         cmake --build build/static -j2 --target line_server line_client work_queue
 }
 
-# A static program works as one that is not: what ends threads and finds hosts is loaded when it is first needed.
+# A static program works too. glibc loads the parts that look names up when the program first needs them.
 test_static() {
     local answer
     if ! logged static build_static; then
@@ -82,7 +82,7 @@ test_static() {
     echo "-static: links; work_queue says: $answer"
 }
 
-# Asked of every function that the library imports from the C library. All are called in one program that is only linked.
+# Links one program that calls every function that the library imports from the C library.
 test_musl() {
     local imported
     install_missing musl-tools
@@ -90,8 +90,8 @@ test_musl() {
     {
         awk '{ print "char " $1 "();" } END { print "int main(void) { return 0" }' <<<"$imported"
         awk '{ print "+ " $1 "()" } END { print "; }" }' <<<"$imported"
-    } | musl-gcc -w -fno-builtin -x c - -o build/musl 2>&1 | sed -nE 's/.*undefined reference to .([A-Za-z0-9_]+).$/\1/p' | sort -u >build/missing || true # as a whole it cannot be linked
-    echo "musl: has not, of what the library imports: $(paste -sd ' ' build/missing)"
+    } | musl-gcc -w -fno-builtin -x c - -o build/musl 2>&1 | sed -nE 's/.*undefined reference to .([A-Za-z0-9_]+).$/\1/p' | sort -u >build/missing || true # the program lacks what musl lacks
+    echo "musl: of what the library imports it lacks: $(paste -sd ' ' build/missing)"
 }
 
 tasks=("$@")

@@ -1,8 +1,8 @@
 #!/bin/bash
 # Builds the examples and shows them at work: a server and its clients over TCP and over a socket in the file system, with
-# the sources of this repository as their text, and a client whose server never answers. Every answer is compared with what
-# awk makes of the same text. Then a tour through the other examples. Fails when a byte differs or a program ends otherwise than it should.
-# Everything happens on this machine, in a temporary directory.
+# the sources of this repository as their text, and a client whose server never answers. The demo compares every answer with
+# what awk makes of the same text. Then it shows the other examples. Fails when a byte differs, or when a program ends otherwise than it
+# should. Everything happens on this machine, in a temporary directory.
 set -euo pipefail
 export LC_ALL=C
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -13,7 +13,7 @@ finish() {
     local status=$?
     trap - EXIT
     ((${#processes[@]} == 0)) || kill "${!processes[@]}" 2>/dev/null || true
-    wait 2>/dev/null # or the shell tells of each that a signal ended
+    wait 2>/dev/null # else the shell would report each process that a signal ended
     rm -rf "$work"
     ((status == 0)) || echo "demo: FAILED" >&2
     exit "$status"
@@ -63,7 +63,7 @@ stop_server() { # NAME PROCESS SIGNAL
     echo "$1: ended by SIG$3, status 0"
 }
 
-talk() { # NAME DOMAIN ADDRESS: a client sends NAME.text, and its time is kept
+talk() { # NAME DOMAIN ADDRESS: a client sends NAME.text; its time goes to NAME.seconds
     local begin=$EPOCHREALTIME status=0
     "$examples/line_client" "$2" "$3" 10 <"$work/$1.text" >"$work/$1.answers" 2>"$work/$1.errors" || status=$?
     elapsed_since "$begin" >"$work/$1.seconds"
@@ -71,7 +71,7 @@ talk() { # NAME DOMAIN ADDRESS: a client sends NAME.text, and its time is kept
 }
 
 total_lines=0 total_bytes=0
-check() { # NAME: the answers of a client, against what awk says
+check() { # NAME: compares the answers of a client with what awk says
     awk '{ print length($0) " " $0 }' "$work/$1.text" >"$work/$1.expected"
     cmp "$work/$1.answers" "$work/$1.expected" || fail "the answers to client $1 are not what they should be"
     local lines bytes
@@ -86,7 +86,7 @@ logged demo-build build_preset release line_server line_client find_files move_f
 examples=$root/build/release/examples
 echo "the programs are in build/release/examples"
 
-# The clients' texts: all sources, the same from the last line to the first, and the headers.
+# The clients' texts: all sources, all sources from the last line to the first, and the headers.
 find kest examples tests \( -name '*.h' -o -name '*.cpp' \) -print0 | sort -z | xargs -0 cat >"$work/tcp-1.text"
 tac "$work/tcp-1.text" >"$work/tcp-2.text"
 find kest -name '*.h' -print0 | sort -z | xargs -0 cat >"$work/fs.text"
@@ -105,7 +105,7 @@ clients+=($!)
 talk fs fs "$work/socket" &
 clients+=($!)
 for client in "${clients[@]}"; do
-    wait "$client" || exit 1 # it has said why
+    wait "$client" || exit 1 # talk() has said why
 done
 echo
 echo "the first answers to client tcp-1:"
@@ -148,4 +148,4 @@ show ./plugin_host ./plugin Square 12
 show ./plugin_host libm.so.6 cos 1
 show ./work_queue "$work/tcp-1.text" 4
 
-printf '\ndemo: 3 clients, %d lines, %d bytes, no byte differs; 1 time-out as it should be\n' "$total_lines" "$total_bytes"
+printf '\ndemo: 3 clients, %d lines, %d bytes, no byte differs; 1 time-out, as expected\n' "$total_lines" "$total_bytes"

@@ -1,11 +1,11 @@
 #!/bin/bash
-# Runs the fuzz targets, each for SECONDS and from its seeds in fuzz/corpus, and prints a line a target. With "corpus" in place of SECONDS
-# the seeds and a few seconds more. What a target finds new stays out of the checkout. Fails on a finding, whose input is copied to
-# build/findings; a fixed one belongs into fuzz/corpus.
+# Runs the fuzz targets: fuzz.sh SECONDS|corpus [TARGET]. Each target begins with its seeds in fuzz/corpus and runs for SECONDS; "corpus" means
+# the seeds and three seconds. Prints a line for each target. New inputs stay out of the checkout. Fails on a finding, and copies its input to
+# build/findings. The input of a fault that is mended belongs into fuzz/corpus.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# Beyond these lengths an input says nothing that a shorter one does not.
+# A longer input than these finds nothing that a shorter input does not find.
 declare -A lengths=([address]=320 [fs_address]=640 [path]=512 [stream]=640 [utf8]=512)
 mapfile -t targets < <(printf '%s\n' "${!lengths[@]}" | sort)
 
@@ -25,7 +25,7 @@ logged fuzz-build build_preset fuzz
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/tmp"
-export TMPDIR=$work/tmp # for the folders of targets, which a finding leaves behind
+export TMPDIR=$work/tmp # targets make their folders here, which a finding leaves behind
 export ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1
 
 statistic() { # NAME FILE
@@ -41,7 +41,7 @@ for name in "${targets[@]}"; do
     "build/fuzz/fuzz/fuzz_$name" "$work/$name/corpus" -max_total_time="$seconds" -max_len="${lengths[$name]}" -timeout=10 \
         -artifact_prefix="$work/$name/findings/" -print_final_stats=1 >"$output" 2>&1 </dev/null || result=$?
     crashes=$(find "$work/$name/findings" -type f | wc -l)
-    # A target that fails without an input, or that made no run at all, has not shown anything either.
+    # A target that fails without a finding, or that ran nothing, is a failure too.
     executions=$(statistic number_of_executed_units "$output")
     ((result == 0 && ${executions:-0} > 0)) || failures=$((failures + 1))
     printf '%-12s %10d executions  %6d new units  %d crashes\n' \
@@ -50,7 +50,7 @@ for name in "${targets[@]}"; do
         show_end "$output"
         mkdir -p "$findings/$name"
         ((crashes == 0)) || cp "$work/$name/findings/"* "$findings/$name"
-        echo "fuzz: $name ended with $result; what it found is in $findings/$name"
+        echo "fuzz: $name ended with status $result; its findings are in ${findings#"$root/"}/$name"
     fi
 done
 ((failures == 0))

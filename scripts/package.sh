@@ -1,8 +1,8 @@
 #!/bin/bash
-# Builds the source package and from it the Debian packages libkest1, its debug symbols and libkest-dev for amd64 and i386, and libkest-doc,
-# all into build/packages, and lets lintian look at them: package.sh [ARCHITECTURE...]. With arguments only those of these architectures:
-# amd64, which brings libkest-doc, i386, and those of cross.sh, arm64 for instance. Fails when lintian has anything to say that is not
-# explained in debian/*.lintian-overrides. What is packaged is in debian/; here is which sources and which compiler.
+# Builds the Debian packages into build/packages: package.sh [ARCHITECTURE...], by default amd64 and i386; the architectures of cross.sh can be
+# named too. Builds the source package, and from the source package libkest1, its debug symbols and libkest-dev for each architecture, and
+# libkest-doc with the packages of this machine's own architecture. Then runs lintian. Fails when lintian finds anything that
+# debian/*.lintian-overrides does not explain. debian/ says what is packaged; this script chooses the sources and the compiler.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("${@:-amd64}")
@@ -12,7 +12,7 @@ for architecture in "${architectures[@]}"; do
         { echo "usage: package.sh [amd64 i386 ${!cross_machines[*]}]..." >&2; exit 2; }
 done
 
-# Not what developers need besides: whoever only wants the packages need not wait for compilers and tools of another kind.
+# Only what the packages need, and not all tools of developers, so that a user waits less.
 needed=(cmake ninja-build g++ build-essential debhelper dpkg-dev lintian doxygen doxygen-awesome-css python3 file xz-utils)
 install_missing "${needed[@]}"
 [[ " ${architectures[*]} " != *" i386 "* ]] || { install_multilib; install_missing binutils-i686-linux-gnu; }
@@ -20,19 +20,19 @@ for architecture in "${architectures[@]}"; do
     [[ ! ${cross_machines[$architecture]:-} ]] || install_cross "$architecture"
 done
 packages=$root/build/packages
-work=$root/build/package # always the same, so that a cache of the compiler's results knows it again
+work=$root/build/package # always the same path, so that ccache knows the files again
 rm -rf "$work"
 mkdir -p "$packages" "$work"
 
-# The same sources give the same packages: the times in them are that of the newest entry of debian/changelog. Packages of several
-# architectures share files, and can only be installed together when those are the same.
+# The same sources give the same packages: all times in them are the time of the newest entry of debian/changelog. Packages of several
+# architectures share files, and can be installed together only when these files are the same.
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -S Timestamp)
 export SOURCE_DATE_EPOCH
 revision=$(dpkg-parsechangelog -S Version)
 version=${revision%-*}
 sources=$work/kest-$version
 
-# The sources are what git knows and does not ignore; where there is no git, as in the source package, everything but what is built.
+# The sources are the files that git does not ignore. Without git, as in the source package, they are all files that no build makes.
 list_sources() {
     if [[ -e .git ]]; then
         git ls-files -z --cached --others --exclude-standard
@@ -44,7 +44,7 @@ list_sources() {
 make_source_package() {
     mkdir "$sources" &&
         list_sources | while IFS= read -rd '' file; do
-            [[ ! -e $file ]] || cp --parents --preserve=mode "$file" "$sources" || return 1 # a file that is deleted is still known
+            [[ ! -e $file ]] || cp --parents --preserve=mode "$file" "$sources" || return 1 # git still lists a deleted file
         done &&
         tar -C "$work" --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 --numeric-owner --exclude="kest-$version/debian" \
             -cJf "$work/kest_$version.orig.tar.xz" "kest-$version" &&
@@ -53,9 +53,9 @@ make_source_package() {
         cp "$work"/kest_*.{dsc,tar.xz} "$packages"
 }
 
-# From the source package and not from here, so that what it lacks is missed.
+# Builds from the source package and not from the checkout, so that a file that the source package lacks is missed.
 make_packages() { # ARCHITECTURE
-    local native options=(-B -d) # the compilers for another architecture are not those that the package asks for
+    local native options=(-B -d) # -d: cross compilers are not the packages that debian/control asks for
     native=$(dpkg --print-architecture)
     case $1 in
     "$native") options=(-b) ;;
@@ -65,7 +65,7 @@ make_packages() { # ARCHITECTURE
     rm -rf "$sources" &&
         dpkg-source --extract "$work"/kest_*.dsc "$sources" &&
         (cd "$sources" && dpkg-buildpackage -us -uc "${options[@]}" "--host-arch=$1") &&
-        rm -f "$packages"/*_"$1".deb && # those of an earlier version would be taken for this one's
+        rm -f "$packages"/*_"$1".deb && # else packages of an earlier version would stay
         { [[ $1 != "$native" ]] || rm -f "$packages"/*_all.deb; } &&
         mv "$work"/*.deb "$packages"
 }
@@ -86,7 +86,7 @@ rm -rf "$work"
 cd "$packages"
 echo "package: lintian"
 status=0
-# Run as root, which a container's user is, lintian would complain about that.
+# --allow-root: in a container the user is root, and lintian would complain.
 lintian --allow-root --fail-on error,warning --display-level '>=warning' --tag-display-limit 0 ./*.dsc ./*.deb || status=$?
 for package in ./*.dsc ./*.deb; do
     depends=

@@ -1,8 +1,8 @@
 #!/bin/bash
-# Installs the Debian packages into a clean system and builds and runs every example there as a user would: with find_package, pkg-config
-# and add_subdirectory, with the shared and the static library, for 64 and 32 bits. Needs root, since it enters the clean system with chroot,
-# and the packages' mirror that this system has. The system is made once and kept in build/clean-root; KEST_CLEAN_ROOT names another place.
-# With an argument, amd64 or i386, only the packages of that architecture.
+# Tests the Debian packages in a clean system: package_test.sh [amd64] [i386], by default both. Builds the packages, installs them into the clean
+# system, and builds and runs every example there as a user would: with find_package, pkg-config and add_subdirectory, with the shared and the
+# static library. Needs root, since it enters the clean system with chroot, and the package mirror of this system. The clean system is made once
+# and kept in build/clean-root; the environment variable KEST_CLEAN_ROOT names another place.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("$@")
@@ -12,7 +12,7 @@ architectures=("$@")
 "$root/scripts/package.sh" "${architectures[@]}"
 for example in "$root"/examples/*.cpp; do examples+=" $(basename "$example" .cpp)"; done
 
-# Unpacked with what a user of C++ has, but nothing of the library's and none of its dependencies.
+# The clean system has what a user of C++ has, but nothing of Kest and none of its dependencies.
 base=${KEST_CLEAN_ROOT:-$root/build/clean-root}
 in_root() { # COMMAND...
     chroot "$system" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
@@ -48,7 +48,7 @@ mount -t proc proc "$system/proc"
 
 mkdir -p "$system/packages" "$system/source"
 cp build/packages/*.deb "$system/packages"
-# What add_subdirectory adds is the tree as it is, without what is built in it.
+# add_subdirectory adds the sources of the checkout, without what is built in it.
 git ls-files -z --cached --others --exclude-standard kest cmake examples CMakeLists.txt | xargs -0 cp --parents -t "$system/source"
 cp "$root/scripts/package_test_inside.sh" "$system/"
 in_root bash /package_test_inside.sh "$examples" "${architectures[@]}"

@@ -1,6 +1,6 @@
 #!/bin/bash
-# What package_test.sh runs inside of the clean system: package_test_inside.sh "EXAMPLE..." ARCHITECTURE...; the packages are in /packages,
-# the library's tree in /source. The examples are those that the packages bring, copied so that nothing but the packages is found from them.
+# package_test.sh runs this inside the clean system: package_test_inside.sh "EXAMPLE..." ARCHITECTURE.... The packages are in /packages, the
+# library's tree is in /source. The examples are those that the packages bring. They are copied to /examples, where they find only the packages.
 set -euo pipefail
 read -ra examples <<<"$1"
 shift
@@ -15,8 +15,8 @@ run() { # PROGRAM ARGUMENT...
 # Runs each example in FOLDER on a task of which the result is known.
 run_examples() { # FOLDER
     local folder=$1 server address answers result
-    : >"$work/ready" # not only by the server: until it begins, the address of the one before would stand there
-    $emulator "$folder/line_server" inet 127.0.0.1:0 10 >"$work/ready" & # not run(): $! is then the server itself
+    : >"$work/ready" # until the server begins, the file would hold the address of the last server
+    $emulator "$folder/line_server" inet 127.0.0.1:0 10 >"$work/ready" & # without run(), so that $! is the server itself
     server=$!
     for ((round = 0; round < 500; round++)); do
         grep -q '^listening on ' "$work/ready" && break
@@ -42,7 +42,7 @@ run_examples() { # FOLDER
     [[ $result == "2 lines, 7 characters, 0 changed, 2 workers" ]] || fail "work_queue printed: $result"
 }
 
-# A program of the shared library needs it, one of the static library needs what that needs.
+# A program with the shared library needs that library. A program with the static library needs what the static library needs.
 check_linkage() { # FOLDER KIND
     local program needed
     for program in "${programs[@]}"; do
@@ -106,7 +106,7 @@ for architecture in "$@"; do
     amd64) bits=-m64 multiarch=x86_64-linux-gnu ;;
     i386) bits=-m32 multiarch=i386-linux-gnu ;;
     esac
-    # Runtime and development alone first: what they need comes with them, and no more is needed.
+    # Only libkest1 and libkest-dev: the package manager must bring everything else that they need.
     apt-get install -y -qq --no-install-recommends /packages/libkest1_*_"$architecture".deb /packages/libkest-dev_*_"$architecture".deb \
         >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; fail "the packages of $architecture cannot be installed"; }
     [[ -e /etc/protocols ]] || fail "netbase was not installed"

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs what the build, the tests and the lint need on a Debian system, and the packages named as arguments besides; does nothing when all
-# of it is there.
+# Installs what the build, the tests and the lint need on a Debian system, and the packages that are named as arguments. Does nothing when all
+# packages are there.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -9,14 +9,14 @@ packages=(
     clang-format clang-tidy                     # the lint; clang-tidy brings run-clang-tidy
     googletest                                  # its sources are built with each preset's flags
     libbenchmark-dev                            # the lint looks at the benchmarks too
-    netbase                                     # /etc/protocols, which sockets are made with
+    netbase                                     # /etc/protocols, where sockets look up their protocol
     pkg-config binutils                         # the tests of the package
-    netcat-openbsd socat                        # programs that are not ours to talk to
+    netcat-openbsd socat                        # programs of others that the tests talk to
     python3 git
 )
 
 if ! command -v dpkg-query >/dev/null; then
-    echo "setup: not a Debian system; these packages, or what they are called here, must be there: ${packages[*]}, and a g++ -m32" >&2
+    echo "setup: not a Debian system; install what these packages have, and a g++ that knows -m32: ${packages[*]}" >&2
     exit 0
 fi
 
