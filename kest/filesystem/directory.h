@@ -16,17 +16,19 @@
 namespace Kest::System {
 
 /// Reads the entries of one directory, one at a time, in the order in which the system delivers them: not sorted, "." and ".." among
-/// them. Entries that are made or removed meanwhile may be seen or not. The object owns the open directory and is not copied. Paths are
-/// UTF-8 and end at their first zero byte.
+/// them. The reader may see or miss an entry that somebody makes or removes meanwhile. The object owns the open directory and is not
+/// copied. Paths are UTF-8 and end at their first zero byte.
 ///
-/// Several threads may read and rewind one object: each entry is delivered to one of them. The static operations may be called from any
-/// thread; the current directory is the whole process's.
+/// Waits: for the file system, and for another thread's Read() or Rewind() on the object. A signal ends no operation, unless a file system
+/// in user space answers it with EINTR: the operation fails then. No operation is a cancellation point.
+/// Threads: several threads may read and rewind one object, and each entry is delivered to one of them. Any thread may call the static
+/// operations. The whole process has one current directory.
 class KEST_EXPORT TDirectory : public Interface::TDirectory<TFile> {
 public:
     /// An entry: a value that does not refer back to its directory.
     class KEST_EXPORT TEntry : public Interface::TDirectory<System::TFile>::TEntry {
     public:
-        /// An entry of that name.
+        /// Makes an entry with the name @p name.
         explicit TEntry(std::string name) noexcept;
         ~TEntry() override;
         TEntry(const TEntry&) = default;
@@ -34,50 +36,54 @@ public:
         TEntry& operator=(const TEntry&) = default;
         TEntry& operator=(TEntry&&) noexcept = default;
 
-        /// The bare name in UTF-8, without the directory's path. Valid as long as the entry lives.
+        /// The bare name in UTF-8, without the directory's path. The reference is valid until the entry is destroyed or assigned to.
         const std::string& GetName() const override;
 
     private:
         std::string Name;
     };
 
-    /// Opens the directory @p path.
+    /// Opens the directory @p path. Programs that the process executes do not inherit it.
     /// @throw EException  "directory opening failed: " + the system's description.
     explicit TDirectory(const std::string& path);
     TDirectory(const TDirectory&) = delete;
     TDirectory& operator=(const TDirectory&) = delete;
 
-    /// The next Read() delivers the first entry again. Never throws.
+    /// Makes the next Read() deliver the first entry again. Never throws.
     void Rewind() override;
 
+    /// Closes the directory. An error of closing is not reported.
+    /// Requires: no other thread uses the object.
     ~TDirectory() override;
 
-    /// The next entry.
-    /// @throw EEnd            "end of directory": there are no more, now and at each further call until Rewind().
-    /// @throw EException      "directory reading failed: " + the system's description; the object stays usable.
-    /// @throw std::bad_alloc  there is no memory for the entry; the next call delivers it.
+    /// Delivers the next entry.
+    /// @throw EEnd            "end of directory": no entry is left. Each further call throws this too, until Rewind().
+    /// @throw EException      "directory reading failed: " + the system's description. The object stays usable.
+    /// @throw std::bad_alloc  there is no memory for the entry. The next call delivers this entry.
     virtual TEntry Read();
 
-    /// Makes the directory @p path with the permissions 0755 less the process's mask. Its parent must exist.
-    /// @throw EException  "unable to create directory: " + the system's description.
+    /// Makes the directory @p path with the permissions 0755 less the process's mask.
+    /// @throw EException  "unable to create directory: " + the system's description. The parent is missing, or something of that name
+    ///                    exists, for instance.
     static void Create(const std::string& path);
 
-    /// Removes the directory @p path, which must be empty.
-    /// @throw EException  "unable to remove directory: " + the system's description.
+    /// Removes the empty directory @p path.
+    /// @throw EException  "unable to remove directory: " + the system's description. The directory is not empty, for instance.
     static void Remove(const std::string& path);
 
-    /// The process's current directory, absolute.
-    /// @throw EException  "unable to get current directory: " + the system's description; a path of more than 510 bytes is one reason.
+    /// The absolute path of the process's current directory.
+    /// @throw EException  "unable to get current directory: " + the system's description. The path has more than 510 bytes, for instance.
     static std::string GetCurrent();
 
     /// Makes @p path the process's current directory.
-    /// @throw EException  "unable to set current directory to " + @p path + ": " + the system's description; it is as before.
+    /// @throw EException  "unable to set current directory to " + @p path + ": " + the system's description. The current
+    ///                    directory is unchanged.
     static void Change(const std::string& path);
 
 private:
     DIR* Stream;
     TMutex ReadLock;
-    const dirent* Undelivered = nullptr; ///< read from the stream, but its name found no memory
+    const dirent* Undelivered = nullptr; ///< was read from the stream, and there was no memory for its name
 };
 
 } // namespace Kest::System

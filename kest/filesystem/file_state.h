@@ -2,7 +2,7 @@
 #define KEST_FILESYSTEM_FILE_STATE_H
 
 /// @file
-/// TFile::TState: what the system knows of a file, read once; its times can be set.
+/// TFile::TState: the status of a file (kind, size and times), read once, with operations that set the times.
 
 #include <kest/export.h>
 #include <kest/filesystem/file.h>
@@ -14,42 +14,47 @@
 
 namespace Kest::System {
 
-/// The status of one file, read once, when the object is made, and through symbolic links. Nothing is refreshed: the object tells what
-/// the file was, and what its own operations set. It holds a copy of the path and of the system's record, no resource of the system, and
-/// touches no file when it is destroyed. Copies are independent.
+/// The status of one file. The constructor reads it once, and follows symbolic links. Nothing is refreshed: the object tells what the file
+/// was then, and what its own set operations changed. The object holds a copy of the path and of the system's record, and no resource of
+/// the system. Destroying it touches no file. Copies are independent.
 ///
 /// Sizes and times have 64 bits on every platform. Times are whole seconds since 1970-01-01 00:00:00 UTC, negative before.
 ///
-/// Several threads may read an object at once; a set operation must be alone.
+/// Waits: the constructor and the set operations, for the file system. A signal ends none of them, unless a file system in user space
+/// answers it with EINTR: the operation fails then. No operation is a cancellation point.
+/// Threads: several threads may read one object at once. While one thread sets a time, no other thread uses the object.
 class KEST_EXPORT TFile::TState : public Interface::TFile::TState {
 public:
-    /// Reads the status of @p path.
-    /// @throw EException  "getting file state failed: " + the system's description.
+    /// Reads the status of the file @p path.
+    /// @throw EException  "getting file state failed: " + the system's description. The file is missing, or the path is a symbolic link
+    ///                    that leads nowhere, for instance.
     explicit TState(const std::string& path);
     ~TState() override;
     TState(const TState&) = default;
     TState& operator=(const TState&) = default;
 
-    /// What the file is. Never a symbolic link: the status is that of its target.
+    /// The kind of the file. Of a symbolic link it is the kind of the target.
     Interface::TFile::TType GetType() const override;
 
-    /// Size in bytes.
+    /// The size in bytes. For a kind of file that has no size, such as a pipe, it is what the system says.
     std::int64_t GetSize() const override;
 
-    double GetLastChangeTime() const override;       ///< when the status changed last
-    double GetLastAccessTime() const override;       ///< when it was read last, as far as the file system keeps that
-    double GetLastModificationTime() const override; ///< when its content changed last
+    double GetLastChangeTime() const override;       ///< when the status of the file changed last
+    double GetLastAccessTime() const override;       ///< when the file was read last, as far as its file system notes that
+    double GetLastModificationTime() const override; ///< when the content of the file changed last
 
-    /// Sets the file's modification time to @p time, truncated toward zero to whole seconds, and its access time to what this object
-    /// holds. A time that the file system cannot hold is stored as the nearest it can, without an error.
-    /// @throw EException  "SetLastModificationTime failed: " + the system's description. The object holds the new time, the file may not.
-    ///                    A time beyond 64 bits, or NaN, is refused with the description of EOVERFLOW; object and file are as before.
+    /// Sets the file's modification time to @p time, truncated toward zero to whole seconds, and its access time to the one that this
+    /// object holds. A file system stores a time that it cannot hold as the nearest that it can, without an error.
+    /// @throw EException  "SetLastModificationTime failed: " + the system's description. The object holds the new time, and the file is
+    ///                    unchanged. For NaN and for a time beyond 64 bits the description is that of EOVERFLOW, and the object is
+    ///                    unchanged too.
     void SetLastModificationTime(double time) override;
 
-    /// Sets the file's access time, and its modification time to what this object holds.
-    /// @p time is truncated toward zero to whole seconds, and a time that the file system cannot hold becomes the nearest it can.
-    /// @throw EException  "SetLastAccessTime failed: " + the system's description. The object holds the new time, the file may not.
-    ///                    A time beyond 64 bits, or NaN, is refused with the description of EOVERFLOW; object and file are as before.
+    /// Sets the file's access time to @p time, truncated toward zero to whole seconds, and its modification time to the one that this
+    /// object holds. A file system stores a time that it cannot hold as the nearest that it can, without an error.
+    /// @throw EException  "SetLastAccessTime failed: " + the system's description. The object holds the new time, and the file is
+    ///                    unchanged. For NaN and for a time beyond 64 bits the description is that of EOVERFLOW, and the object is
+    ///                    unchanged too.
     void SetLastAccessTime(double time) override;
 
 private:
@@ -57,7 +62,7 @@ private:
 
     KEST_HIDDEN void StoreTimes(const char* failure) const;
 
-    // The size of the record depends on these flags, and the library is built with them.
+    // The size of the record depends on these flags. The library is built with them, so its users must be too.
     static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "compile with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64, as kest.pc says");
 
     std::string Path; ///< in the system's encoding

@@ -2,7 +2,7 @@
 #define KEST_INTERFACE_FILE_H
 
 /// @file
-/// Interface::TFile, the abstract class of System::TFile, with what a file is and what happens to it by its name.
+/// Interface::TFile, the base of System::TFile: what a file is, and what happens to it by its name.
 
 #include <kest/export.h>
 
@@ -11,7 +11,10 @@
 
 namespace Kest::System::Interface {
 
-/// What the system offers on files. Paths are UTF-8. No objects: a namespace for the operations and for TState.
+// GetPathName and Remove are defined in filesystem/file.cpp, beside the operations of System::TFile.
+
+/// Holds the operations on files that every platform has, and TState. There are no objects of this class. Paths are UTF-8 and end at their
+/// first zero byte.
 class KEST_EXPORT TFile {
 public:
     /// What a file is, seen through symbolic links.
@@ -46,14 +49,16 @@ public:
     };
 
     /// The directory that holds @p path, which must exist: absolute, without symbolic links, "." or "..", and without a separator at its
-    /// end. A path right under the root directory gives the empty string. A backslash counts as a separator like a slash: the existing
-    /// file "/tmp/a\b" gives "/tmp/a".
-    /// @throw EException  "realpath() failed": the path does not exist or cannot be resolved.
+    /// end. The root directory and a path right under it give the empty string. A backslash counts as a separator like a slash: the
+    /// existing file "/tmp/a\b" gives "/tmp/a".
+    /// @throw EException  "realpath() failed": the path does not exist or cannot be resolved, or the full path has 4096 bytes or more.
+    /// Waits: for the file system. Not a cancellation point.
     /// Threads: any may call it.
     static std::string GetPathName(const std::string& path);
 
-    /// Removes the file @p path, or the directory if it is empty. A symbolic link is removed itself.
-    /// @throw EException  "unable to remove file '" + @p path + "': " + the system's description.
+    /// Removes the file @p path, or the directory if it is empty. Of a symbolic link the link goes, and its target stays.
+    /// @throw EException  "unable to remove file '" + @p path + "': " + the system's description. Nothing was removed.
+    /// Waits: for the file system. Not a cancellation point.
     /// Threads: any may call it.
     static void Remove(const std::string& path);
 };
