@@ -10,7 +10,8 @@
 
 namespace Kest::System {
 
-/// Owns a descriptor, or none. Closing is a cancellation point, which a destructor must not act on.
+/// Owns a descriptor, or none. The descriptor is closed with cancellation off: close is a cancellation point, and a cancellation that
+/// unwound out of a destructor would end the process.
 class _TDescriptor {
 public:
     explicit _TDescriptor(int descriptor = -1) : Descriptor(descriptor) {}
@@ -24,7 +25,7 @@ public:
     }
     ~_TDescriptor() { (void)Close(); }
 
-    /// False when the system reports an error, which may be one of writing that it kept until now.
+    /// Closes the descriptor, if there is one. Returns false when the system reports an error: it may report only now that writing failed.
     bool Close() {
         const TCancellationOff off;
         const int descriptor = std::exchange(Descriptor, -1);

@@ -31,7 +31,7 @@ TDirectory::TDirectory(const std::string& path) : Stream(nullptr), ReadLock(fals
 
 TDirectory::~TDirectory() {
     const TCancellationOff off;
-    (void)::closedir(Stream); // releasing never reports
+    (void)::closedir(Stream); // no destructor reports an error of releasing
 }
 
 void TDirectory::Rewind() {
@@ -43,7 +43,7 @@ void TDirectory::Rewind() {
 TDirectory::TEntry TDirectory::Read() {
     const _TScopedEntry lock(ReadLock);
     if (Undelivered == nullptr) {
-        errno = 0; // alone tells a failure from the end
+        errno = 0; // readdir returns null for both a failure and the end: only errno tells them apart
         Undelivered = ::readdir(Stream);
         if (Undelivered == nullptr) {
             if (errno != 0)

@@ -22,15 +22,16 @@ namespace Kest::System {
 
 namespace {
 
-/// Whether as many bytes were copied as the source had. Some files hold less than they say, and say it again.
+/// Whether as many bytes were copied as the source had. Fewer bytes are the whole where the source still states the size that it stated
+/// before: some files of the system hold less than they state.
 bool IsWhole(const _TOpenFile& source, std::int64_t bytes) {
     struct stat now {};
     return bytes >= source.State.st_size ||
            (bytes >= 0 && ::fstat(source.Descriptor.Get(), &now) == 0 && now.st_size == source.State.st_size);
 }
 
-/// Copies over what stands at the destination, which is emptied only when both files are open and turned out to be two. False when the
-/// source could not be read or the destination not be written whole.
+/// Copies the content of the source over that of the destination. The destination is emptied only when both files are open and are two
+/// files. Returns false when the source could not be read or the destination could not be written whole.
 KEST_LEFT_BY_CANCELLATION bool Overwrite(const _TOpenFile& source, const _TOpenFile& destination, _TCopyBuffer& buffer) {
     if (!source.IsOpen() || !destination.IsOpen() || _IsSameFile(source.State, destination.State))
         return false;
@@ -40,8 +41,8 @@ KEST_LEFT_BY_CANCELLATION bool Overwrite(const _TOpenFile& source, const _TOpenF
     return IsWhole(source, _CopyContent(source, destination.Descriptor, buffer));
 }
 
-/// After a rename that succeeded: the source if it is still there because it and the destination are hard links of one file, for which the
-/// system does nothing.
+/// The state of the source if a rename that succeeded left it, and nothing otherwise. The system does nothing, and reports success, when
+/// source and destination are hard links of one file.
 std::optional<struct stat> FindLeftHardLink(const std::string& source, const std::string& destination) {
     struct stat from {};
     struct stat to {};

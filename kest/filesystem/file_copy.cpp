@@ -12,15 +12,15 @@ namespace Kest::System {
 
 namespace {
 
-constexpr int AlwaysFlags = O_CLOEXEC | O_NOCTTY; ///< a terminal that is copied to does not become that of the process
+constexpr int AlwaysFlags = O_CLOEXEC | O_NOCTTY; ///< a terminal that is copied does not become the terminal of the process
 
-/// One call with cancellation off, which must not wait.
+/// Opens in one call with cancellation off. The call must not wait, hence O_NONBLOCK.
 int OpenAtOnce(int folder, const char* path, int flags) {
     const TCancellationOff off;
     return ::openat(folder, path, flags | O_NONBLOCK | AlwaysFlags, 0666);
 }
 
-/// Opens without waiting, except for the end of another process's lease. A signal ends that wait, as it ends the system's own.
+/// Opens without waiting, except for the end of another process's lease. A signal ends that wait: nanosleep fails, and so does the opening.
 KEST_LEFT_BY_CANCELLATION int OpenWithoutWaiting(int folder, const char* path, int flags) {
     const timespec pause{0, 5000000};
     for (;;) {
@@ -30,21 +30,22 @@ KEST_LEFT_BY_CANCELLATION int OpenWithoutWaiting(int folder, const char* path, i
     }
 }
 
-/// Opens what may have to wait for somebody.
+/// Opens a pipe or a device, which may make its user wait until somebody opens the other end.
 KEST_LEFT_BY_CANCELLATION int OpenAndWait(int folder, const char* path, int flags) {
     const _TCancellationOffInCall off;
     return ::openat(folder, path, flags | AlwaysFlags, 0666);
 }
 
+/// Reads the state of the open file into @p file. Returns false when the system refuses.
 bool ReadState(_TOpenFile& file) {
     return ::fstat(file.Descriptor.Get(), &file.State) == 0;
 }
 
-/// Lets the kernel move the next @p size bytes from file to file, or somewhat more, until it refuses or there are none. Whatever stopped
-/// it: both files stand behind what it moved, and reading goes on from there to the true end.
-/// @return the number of bytes.
+/// Lets the kernel copy about @p size bytes from @p in to @p out. It stops earlier when the kernel refuses or finds no more bytes. Both
+/// files stand behind the last byte that the kernel copied, so that the caller can read and write from there to the true end.
+/// @return the number of bytes, which may be somewhat more than @p size.
 KEST_LEFT_BY_CANCELLATION std::int64_t MoveInKernel(int in, int out, std::int64_t size) {
-    constexpr std::size_t most = 1 << 26; // a cancellation is acted on between two calls
+    constexpr std::size_t most = 1 << 26; // of one call, since a cancellation may be acted on only between two calls
     std::int64_t sum = 0;
     while (sum < size) {
         const _TCancellationOffInCall off;
@@ -56,14 +57,14 @@ KEST_LEFT_BY_CANCELLATION std::int64_t MoveInKernel(int in, int out, std::int64_
     return sum;
 }
 
-/// Lets reading and writing wait from now on, which some regular files of the system's own and of a daemon's make their user do, though
-/// they were opened without waiting. False when they did already.
+/// Makes reading and writing wait from now on. Regular files are opened with O_NONBLOCK, and some that the system or a daemon provides then
+/// answer EAGAIN. Returns false when reading and writing waited already, or when the system refuses.
 bool BeginToWait(int descriptor) {
     const int flags = ::fcntl(descriptor, F_GETFL);
     return flags >= 0 && (flags & O_NONBLOCK) != 0 && ::fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0;
 }
 
-/// Writes @p size bytes; true when all of them went out.
+/// Writes @p size bytes. Returns whether all of them were written.
 KEST_LEFT_BY_CANCELLATION bool WriteAll(int out, const char* bytes, ssize_t size) {
     for (ssize_t done = 0; done < size;) {
         const ssize_t written = ::write(out, bytes + done, static_cast<std::size_t>(size - done));
@@ -74,8 +75,8 @@ KEST_LEFT_BY_CANCELLATION bool WriteAll(int out, const char* bytes, ssize_t size
     return true;
 }
 
-/// Reads and writes everything that is left of @p in.
-/// @return the number of bytes, or -1.
+/// Copies the bytes of @p in, from where it stands to its end, by reading and writing.
+/// @return the number of bytes, or -1 when reading or writing failed.
 KEST_LEFT_BY_CANCELLATION std::int64_t MoveRest(int in, int out, char* buffer, std::size_t size) {
     for (std::int64_t sum = 0;;) {
         const ssize_t count = ::read(in, buffer, size);
@@ -108,7 +109,7 @@ KEST_LEFT_BY_CANCELLATION _TOpenFile _OpenDestination(const char* path) {
     const auto isReady = [&out] {
         return ReadState(out) && (S_ISREG(out.State.st_mode) || ::fcntl(out.Descriptor.Get(), F_SETFL, 0) == 0);
     };
-    if (out.IsOpen() && !isReady()) // writing is to wait, where a file has that
+    if (out.IsOpen() && !isReady()) // without O_NONBLOCK, so that writing to a pipe or a device waits
         (void)out.Descriptor.Close();
     return out;
 }

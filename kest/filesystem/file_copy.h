@@ -12,11 +12,12 @@
 
 namespace Kest::System {
 
+/// Whether both states are of one file.
 inline bool _IsSameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// A file that was opened, or not, and its state right after that.
+/// A file that was opened, and its state right after that; or none, where opening failed.
 struct _TOpenFile {
     bool IsOpen() const { return Descriptor.IsOpen(); }
 
@@ -24,17 +25,19 @@ struct _TOpenFile {
     struct stat State {};
 };
 
-/// Opens a file to read it. @p looked is what was found at the name just before: a regular file is opened without waiting and with
-/// cancellation off, since a cancellation that is acted on inside the call loses the descriptor; anything else may have to wait for
-/// somebody, with cancellation on. While another process holds a lease on a regular file, opening it is tried again and again, and a
-/// cancellation is acted on in between.
-/// @return no descriptor when the file cannot be opened, is a directory, or is of another kind than what was looked at.
+/// Opens a file to read it. @p looked is the state of the file that stood at the name just before.
+///
+/// A regular file is opened without waiting and with cancellation off, since a cancellation inside the call would lose the descriptor.
+/// While another process holds a lease on the file, opening is tried again and again, and a cancellation is acted on between two tries.
+/// Opening anything else may have to wait for somebody, and happens with cancellation on.
+/// @return no descriptor when the file cannot be opened, is a directory, or is a regular file where @p looked is none, or the reverse.
 _TOpenFile _OpenSource(int folder, const char* path, const struct stat& looked);
 
-/// Opens a file to write it, made where there is none and not emptied. Waits as _OpenSource() does.
+/// Opens a file to write it. Makes the file where there is none, and empties nothing. Waits as _OpenSource() does.
 _TOpenFile _OpenDestination(const char* path);
 
-/// What bytes pass through where the kernel does not move them. Made before a destination is touched.
+/// The memory that bytes pass through where the kernel does not move them. It is made before a destination is touched, so that an
+/// allocation that fails leaves the destination as it was.
 class _TCopyBuffer {
 public:
     explicit _TCopyBuffer(const struct stat& source);
@@ -44,15 +47,16 @@ public:
 private:
     static constexpr std::size_t LargeSize = 1U << 17U;
 
-    std::unique_ptr<char[]> Large; ///< null for a small file
+    std::unique_ptr<char[]> Large; ///< null for a small regular file, whose bytes pass through Small
     char Small[4096];
 };
 
-/// Moves everything from file to file.
-/// @return the number of bytes, or -1 when something could not be read or written.
+/// Copies the bytes of @p in, from where it stands to its end, to @p out.
+/// @return the number of bytes, or -1 when reading or writing failed.
 std::int64_t _CopyContent(const _TOpenFile& in, const _TDescriptor& out, _TCopyBuffer& buffer);
 
-/// Gives @p out the modification time of @p source, in whole seconds, and leaves its access time. False when the system refuses.
+/// Sets the modification time of @p out to that of @p source, in whole seconds, and leaves the access time of @p out. Returns false when
+/// the system refuses.
 bool _CopyTime(const struct stat& source, const _TDescriptor& out);
 
 } // namespace Kest::System

@@ -21,28 +21,28 @@ bool IsSameTime(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
 
-/// Whether a file is what it was, as far as its record tells without the change time, which renaming sets.
+/// Whether a file is what it was, as far as its record tells. The change time is not compared, since renaming sets it.
 bool IsUnchanged(const struct stat& now, const struct stat& then) {
     return _IsSameFile(now, then) && (!S_ISREG(then.st_mode) || (now.st_size == then.st_size && IsSameTime(now.st_mtim, then.st_mtim)));
 }
 
-/// The file that is moved: its entry, which may be a symbolic link to it, and the file that is read.
+/// The file that is moved: its entry, and the file that is read. They differ where the entry is a symbolic link.
 class TSource {
 public:
-    enum class TLook { Untouched, Gone, Touched };
+    enum class TLook { Untouched, Gone, Touched }; ///< touched: the entry or the file is not what was opened, or was written to
 
     explicit TSource(const std::string& path) : Entry(path) {}
 
     bool Open();
     bool IsWholeWith(std::int64_t bytes) const { return !S_ISREG(File.State.st_mode) || bytes >= File.State.st_size; }
 
-    /// Looks at the entry under its own name, its change time included.
+    /// Compares what stands at the source's own name with what was opened, change time included.
     TLook Look() const;
 
-    /// Whether what is called @p name, in the source's folder, is the entry that was opened, and the file behind it what was read.
+    /// Whether the name @p name in the source's folder denotes the entry that was opened, and leads to the file that was read, unchanged.
     bool IsUntouched(const char* name) const { return IsUntouched(name, _LookAt(Entry.GetFolder(), name)); }
 
-    /// Whether the entry stands there and is, or leads to, the file that was read, whatever was done to its content meanwhile.
+    /// Whether the source's own name denotes the entry that was opened, and leads to the file that was read. Its content may have changed.
     bool IsThere() const;
 
     const _TEntry Entry;
@@ -52,7 +52,7 @@ public:
 private:
     bool IsUntouched(const char* name, const std::optional<struct stat>& entry) const;
 
-    /// The file that what is called @p name is or leads to.
+    /// The state of the file that the name @p name leads to: that of @p entry itself unless this is a symbolic link.
     std::optional<struct stat> Follow(const char* name, const struct stat& entry) const;
 };
 
@@ -101,7 +101,7 @@ bool TSource::IsThere() const {
     return target && _IsSameFile(*target, File.State);
 }
 
-/// Writes a file or a folder through to the disk.
+/// Writes a file or a folder to the disk. Returns false when the system refuses.
 KEST_LEFT_BY_CANCELLATION bool WriteThrough(int descriptor) {
     int result = 0;
     do
@@ -110,7 +110,7 @@ KEST_LEFT_BY_CANCELLATION bool WriteThrough(int descriptor) {
     return result == 0;
 }
 
-/// The copy: a fresh file beside the destination, which goes with the object until it has replaced the destination.
+/// The copy: a fresh file beside the destination. The destructor removes the file, unless it has replaced the destination.
 class TCopy {
 public:
     explicit TCopy(const std::string& destination) : Entry(destination, O_RDONLY) {}
@@ -133,23 +133,24 @@ public:
     bool IsAtDestination() const { return Is(Entry.Look()); }
     void TakeAway(const TSource& source) const;
 
-    /// Whether that is this copy, which stays open so that no other file gets its number.
+    /// Whether @p state is that of this copy. The copy stays open, so that no other file gets its number.
     bool Is(const std::optional<struct stat>& state) const { return state && _IsSameFile(*state, File.State); }
 
 private:
     const _TEntry Entry;
     _TFreshName Name;
-    bool IsFresh = false; ///< the file has the fresh name
+    bool IsFresh = false; ///< whether the file has the fresh name
     _TOpenFile File;
-    _TDescriptor Output; ///< the file once more, to be closed before the destination is given up for it: some errors come only then
+    _TDescriptor Output; ///< the file again, closed before the destination is replaced: the system reports some errors only at closing
 };
 
-/// Whether the destination is neither a directory nor what would be read, by another mount or by a hard link.
+/// Whether the destination is no directory and not the file that would be read, which another mount or a hard link may show there.
 bool TCopy::MayReplace(const TSource& source) const {
     const auto old = Entry.Look();
     return !old || (!S_ISDIR(old->st_mode) && !_IsSameFile(*old, source.Link) && !_IsSameFile(*old, source.File.State));
 }
 
+/// Makes the fresh file and opens it twice.
 bool TCopy::Make() {
     const TCancellationOff off;
     const int folder = Entry.GetFolder();
@@ -162,42 +163,45 @@ bool TCopy::Make() {
     return Output.IsOpen();
 }
 
-/// Whether source and destination are one entry, though the system numbers their files differently by each road.
+/// Whether source and destination are one entry, though two mounts give it different device numbers: then the fresh file is seen in the
+/// source's folder too.
 bool TCopy::ShowsUpAs(const TSource& source) const {
     return std::string_view(source.Entry.GetName()) == Entry.GetName() && _LookAt(source.Entry.GetFolder(), Name.Get());
 }
 
+/// Copies the content and the modification time of the source. Returns false when any of it failed.
 KEST_LEFT_BY_CANCELLATION bool TCopy::Fill(const TSource& source, _TCopyBuffer& buffer) {
     const std::int64_t bytes = _CopyContent(source.File, Output, buffer);
     return bytes >= 0 && source.IsWholeWith(bytes) && _CopyTime(source.File.State, Output);
 }
 
-/// The content is on the disk, as far as the system tells.
+/// Writes the content to the disk. Returns false when the system reports an error.
 KEST_LEFT_BY_CANCELLATION bool TCopy::Secure() {
     return WriteThrough(Output.Get()) && Output.Close();
 }
 
+/// Renames the copy over the destination.
 bool TCopy::Replace() {
     IsFresh = ::renameat(Entry.GetFolder(), Name.Get(), Entry.GetFolder(), Entry.GetName()) != 0;
     return !IsFresh;
 }
 
-/// Gives the copy its name where nothing stands.
+/// Gives the copy the destination's name if nothing stands there.
 bool TCopy::Place() {
     IsFresh = !Entry.PutBack(Name);
     return !IsFresh;
 }
 
-/// The new entry is on the disk. Some systems have nothing to do for that and say so; a folder that must not be read cannot be asked for
-/// it.
+/// Writes the new entry to the disk. Returns false when the system reports an error. EINVAL is none: this file system has nothing to write
+/// for a folder. EBADF says that the folder could not be opened for reading, so the whole file system is written instead.
 bool TCopy::SecureEntry() const {
     if (WriteThrough(Entry.GetFolder()) || errno == EINVAL)
         return true;
     return errno == EBADF && ::syncfs(File.Descriptor.Get()) == 0;
 }
 
-/// Removes the copy from the destination, provided that the source is there. When the source goes meanwhile, or the copy cannot be removed,
-/// the copy stands again where it stood, unless somebody put another file there.
+/// Removes the copy from the destination, provided that the source is there. If the source goes meanwhile, or the copy cannot be removed,
+/// the copy gets its name back. Where somebody put another file there, the copy goes after all.
 void TCopy::TakeAway(const TSource& source) const {
     _TFreshName aside;
     if (!source.IsThere() || !IsAtDestination() || Entry.PutAside(aside) != 0)
@@ -209,11 +213,11 @@ void TCopy::TakeAway(const TSource& source) const {
         (void)Entry.Remove(aside);
 }
 
-enum class TRemoval { Done, Failed, Gone }; ///< gone: somebody else moves or has moved the source, for whom the copy is left alone
+enum class TRemoval { Done, Failed, Gone }; ///< gone: somebody else moves or has moved the source, so the copy must stay
 
-/// Removes the source, provided that it is still what was read and that the copy stands at the destination: otherwise somebody else has
-/// moved one of them, and whoever did that counts on the other. The first look spares the source to go aside for nothing: its name may be
-/// taken then.
+/// Removes the source, provided that it is still what was read and that the copy stands at the destination. Otherwise somebody else has
+/// moved one of the two, and the other may be all that is left. The destination is looked at first, so that the source is not put aside
+/// for nothing: somebody could take its name meanwhile.
 TRemoval RemoveSource(const TSource& source, const TCopy& copy) {
     if (!copy.IsAtDestination())
         return TRemoval::Failed;
@@ -228,10 +232,10 @@ TRemoval RemoveSource(const TSource& source, const TCopy& copy) {
     return TRemoval::Failed;
 }
 
-/// Puts the copy that is complete and on the disk in the destination's place, and removes the source.
+/// Replaces the destination by the copy, which is complete and on the disk, and removes the source.
 _TMoveEnd Complete(const TSource& source, TCopy& copy) {
     const TSource::TLook look = source.Look();
-    if (look == TSource::TLook::Gone) // the copy may be all that is left
+    if (look == TSource::TLook::Gone) // the copy may be all that is left of the content
         return copy.Place() ? _TMoveEnd::RemoveFailed : _TMoveEnd::CopyFailed;
     if (look == TSource::TLook::Touched || !copy.Replace())
         return _TMoveEnd::CopyFailed;
@@ -245,14 +249,16 @@ _TMoveEnd Complete(const TSource& source, TCopy& copy) {
     return removal == TRemoval::Done ? _TMoveEnd::Done : _TMoveEnd::RemoveFailed;
 }
 
-/// Removes what was put aside if the destination is the same file. For a source that is another file by now there is nothing to do.
-/// @return 0 or the error, for which the source has its name again, unless that is taken.
+/// Removes the entry that was put aside if it and the destination are the file @p file. An entry of another file gets its name back, and
+/// that is no error: somebody replaced the source.
+/// @return 0, or the error. After an error the source has its name again, unless somebody took it.
 int RemoveAside(const _TEntry& source, const _TFreshName& aside, const _TEntry& destination, const struct stat& file) {
     const auto mine = _LookAt(source.GetFolder(), aside.Get());
     const auto theirs = destination.Look();
     int error = 0;
     if (mine && _IsSameFile(*mine, file)) {
-        if (!theirs && destination.Take(source, aside)) // both names were one entry, where case is folded, or somebody removed the other
+        // Either both names were one entry, in a folder that ignores case, or somebody removed the destination.
+        if (!theirs && destination.Take(source, aside))
             return 0;
         if (!theirs || !_IsSameFile(*theirs, file))
             error = EBUSY;
@@ -289,7 +295,7 @@ int _RemoveLeftHardLink(const std::string& source, const std::string& destinatio
     _TFreshName aside;
     const int error = from.PutAside(aside);
     if (error != 0)
-        return error == ENOENT ? 0 : error; // removed by somebody else, which is what was wanted
+        return error == ENOENT ? 0 : error; // ENOENT: somebody else removed the source, as was wanted here
     return RemoveAside(from, aside, to, file);
 }
 

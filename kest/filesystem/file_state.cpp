@@ -12,7 +12,7 @@ namespace Kest::System {
 
 namespace {
 
-/// @p time as the record's whole seconds; what they cannot count is @p failure.
+/// Returns @p time in the whole seconds of the record. Throws the failure @p failure for a time that they cannot count.
 time_t ToFileTime(double time, const char* failure) {
     if (!_Interval::IsCountable(time))
         _ThrowError(EOVERFLOW, failure);
@@ -72,7 +72,7 @@ void TFile::TState::SetLastAccessTime(double time) {
     StoreTimes(failure);
 }
 
-/// Gives the file both times of the record.
+/// Sets both times of the file to those of the record.
 void TFile::TState::StoreTimes(const char* failure) const {
     utimbuf times{};
     times.actime = Status.st_atime;

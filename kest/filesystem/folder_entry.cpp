@@ -14,12 +14,13 @@ namespace {
 
 std::atomic<unsigned> FreshNames{0};
 
-/// A path up to and with its last separator; its own folder is that of a path without one.
+/// The beginning of @p path up to its last separator, that one included. For a path without a separator it is the current folder.
 std::string FolderOf(std::string_view path) {
     const std::size_t separator = path.rfind('/');
     return separator == std::string_view::npos ? "." : std::string(path.substr(0, separator + 1));
 }
 
+/// Opens a folder with @p flags, or with O_PATH where it must not be read.
 _TDescriptor OpenFolder(const std::string& path, int flags) {
     const TCancellationOff off;
     int descriptor = ::openat(AT_FDCWD, path.c_str(), flags | O_DIRECTORY | O_CLOEXEC, 0);
@@ -28,8 +29,8 @@ _TDescriptor OpenFolder(const std::string& path, int flags) {
     return _TDescriptor(descriptor);
 }
 
-/// Makes an empty file, which needs no descriptor by the first call. Some file systems do not have that call, and some containers refuse
-/// it.
+/// Makes an empty file. mknodat needs no descriptor for that, but some file systems lack it, and some containers refuse it.
+/// @return 0, or -1 for a failure, which errno tells.
 int MakePlaceholder(int folder, const char* name) {
     if (::mknodat(folder, name, S_IFREG | 0600, 0) == 0)
         return 0;
@@ -41,8 +42,8 @@ int MakePlaceholder(int folder, const char* name) {
 }
 
 #ifdef RENAME_NOREPLACE
-/// Whether the system or the file system cannot rename without replacing, by the error that it gave. A filter of a container may answer
-/// EPERM to whatever is asked; the system itself says of an empty name that there is no such file.
+/// Whether @p error says that the system or the file system cannot rename without replacing. EPERM may come from the file, or from a
+/// container that refuses the call whatever its arguments are. An empty name tells them apart: the system answers it with ENOENT.
 bool IsWithoutNoReplace(int error) {
     if (error == EPERM)
         return ::renameat2(AT_FDCWD, "", AT_FDCWD, "", RENAME_NOREPLACE) != 0 && errno == EPERM;
@@ -59,18 +60,19 @@ std::optional<struct stat> _LookAt(int folder, const char* name) {
     return state;
 }
 
-/// Counted by process and within it: two processes that see different numbers for themselves may meet, and then find each other's file.
+/// Makes the next name, of the number of the process and a number that counts within it. Two processes in different containers may have one
+/// number: then one finds the other's file, and Find() goes on.
 void _TFreshName::Advance() {
     constexpr std::string_view prefix = ".kest-";
     char* place = Text + prefix.copy(Text, prefix.size());
     place = std::to_chars(place, std::end(Text), ::getpid()).ptr;
     *place++ = '-';
-    place = std::to_chars(place, std::end(Text), FreshNames.fetch_add(1, std::memory_order_relaxed)).ptr; // any number will do, once
+    place = std::to_chars(place, std::end(Text), FreshNames.fetch_add(1, std::memory_order_relaxed)).ptr; // each number once, in any order
     *place = '\0';
 }
 
 _TEntry::_TEntry(const std::string& path, int flags) {
-    const std::string_view whole(path.c_str()); // which ends at its first zero byte
+    const std::string_view whole(path.c_str()); // a path ends at its first zero byte
     Name = whole.substr(whole.rfind('/') + 1);
     Folder = OpenFolder(FolderOf(whole), flags);
 }

@@ -13,17 +13,19 @@
 
 namespace Kest::System {
 
-/// The state of a name in a folder, of a symbolic link itself, or that of the folder by an empty name; nothing where there is none.
+/// The state of the entry @p name in a folder: of a symbolic link it is that of the link. The empty name gives the state of the folder.
+/// Nothing when there is no such entry.
 std::optional<struct stat> _LookAt(int folder, const char* name);
 
-/// A name of the library's own, which hides in listings and is short enough for every file system.
+/// A name of the library's own. It begins with a dot, so that listings hide it, and is short enough for every file system.
 class _TFreshName {
 public:
-    /// Calls @p make, which makes something of that name and fails when it exists, until the name is a new one.
-    /// @return the last result of @p make, negative for a failure, which errno tells.
+    /// Calls @p make with one name after the other until a call does not fail with EEXIST. @p make makes something of the name that it
+    /// gets.
+    /// @return the result of the last call. It is negative for a failure, and errno tells which.
     template <class TMake>
     int Find(const TMake& make) {
-        constexpr int most = 100; // those in the way were left by processes that were killed
+        constexpr int most = 100; // a name is taken only where a process was killed, so that a few tries suffice
         int result = -1;
         for (int tries = 0; tries < most; ++tries) {
             Advance();
@@ -42,10 +44,10 @@ private:
     char Text[32] = "";
 };
 
-/// A name in a folder that is held open, whatever becomes of the folder's own name meanwhile.
+/// A name in a folder. The folder is held open, so that the entry is found even if somebody renames the folder.
 class _TEntry {
 public:
-    /// Opens the folder of @p path by @p flags, and where it must not be read, only to find names in it.
+    /// Opens the folder of @p path with @p flags. A folder that must not be read is opened with O_PATH, only to find names in it.
     explicit _TEntry(const std::string& path, int flags = O_PATH);
 
     bool IsOpen() const { return Folder.IsOpen(); }
@@ -53,22 +55,24 @@ public:
     const char* GetName() const { return Name.c_str(); }
     std::optional<struct stat> Look() const { return _LookAt(GetFolder(), GetName()); }
 
-    /// Whether both are one entry by the names of its folder and its own.
+    /// Whether both are one entry: the names are equal, and the folders are one. Two names that differ only in case count as two entries.
     bool IsSameEntry(const _TEntry& other) const;
 
-    /// Whether the folder is append-only: an entry is made there and never removed or renamed. False also where the system does not tell.
+    /// Whether the folder is append-only, so that no entry can be removed or renamed there. False also where the system does not tell.
     bool IsForGood() const;
 
-    /// Gives the entry a fresh name, so that it can be looked at and removed without touching what comes to stand at the old name. This
-    /// needs neither space nor an inode where the system can rename without replacing anything. Elsewhere it goes by way of an empty file
-    /// of the fresh name.
-    /// @return 0 or the error, for which nothing is changed.
+    /// Gives the entry a fresh name. Under this name it can be looked at and removed without touching what somebody puts at the old name.
+    /// Where the system can rename without replacing anything, this needs neither space nor an inode. Elsewhere the entry is renamed over
+    /// an empty file that is made for it under the fresh name.
+    /// @return 0, or the error. After an error nothing has changed.
     int PutAside(_TFreshName& aside) const;
 
-    /// Gives what is called @p aside in the folder of @p other this name, unless there is something of this name by now. That may be the
-    /// same file: then @p aside goes.
-    /// @return whether the file has this name. It keeps the fresh one otherwise.
+    /// Renames the entry @p aside in the folder of @p other to this name, unless something of this name exists by now. If that is the same
+    /// file, the entry @p aside is removed.
+    /// @return whether the file has this name now. Otherwise it keeps the fresh name.
     bool Take(const _TEntry& other, const _TFreshName& aside) const;
+
+    /// Renames what was put aside as @p aside back to this name, unless something of this name exists by now.
     bool PutBack(const _TFreshName& aside) const { return Take(*this, aside); }
 
     bool Remove(const _TFreshName& aside) const { return ::unlinkat(GetFolder(), aside.Get(), 0) == 0; }
