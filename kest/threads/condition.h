@@ -2,7 +2,7 @@
 #define KEST_THREADS_CONDITION_H
 
 /// @file
-/// TCondition: waiting until another thread says that something has changed.
+/// TCondition: a thread waits until another thread tells that something has changed.
 
 #include <kest/export.h>
 #include <kest/interface/condition.h>
@@ -12,20 +12,22 @@
 
 namespace Kest::System {
 
-/// A condition variable: threads wait for what another thread announces. It is not bound to a mutex; each wait names its guard, and
-/// threads that wait at the same time name the same one. A signal that finds nobody waiting is lost.
+/// A condition variable: threads wait until another thread wakes them. A condition is not bound to a mutex. Each wait names its guard, and
+/// threads that wait at one time name one guard. A Signal() or Broadcast() that finds no thread waiting is lost. Objects are neither copied
+/// nor moved.
 ///
-/// Threads: any thread may call any operation. Objects are neither copied nor moved.
+/// Threads: any thread may call any operation.
 class KEST_EXPORT TCondition : public Interface::TCondition<Interface::TProtectionGuard> {
 public:
+    /// Makes a condition on which no thread waits.
     /// @throw EException  "initialization of condition failed: " + the system's description.
     TCondition();
     TCondition(const TCondition&) = delete;
     TCondition& operator=(const TCondition&) = delete;
 
-    /// Waits until woken. The guard is released meanwhile, and held again whichever way the wait ends. A wait may end although nobody
-    /// called Signal() or Broadcast(): test again what you wait for.
-    /// @param guard  a TMutex; the entries of a recursive one are put aside for the wait and restored.
+    /// Waits until woken. The guard is released meanwhile, and held again whichever way the wait ends, by an exception too. A wait may end
+    /// although nobody called Signal() or Broadcast(): test again what you wait for.
+    /// @param guard  a TMutex. All entries of a recursive one are given up for the wait and restored after it.
     /// @throw std::bad_cast  @p guard is not a TMutex; nothing was touched.
     /// @throw EException     "condition wait failed: " + the system's description.
     /// Requires: the calling thread holds @p guard.
@@ -33,13 +35,13 @@ public:
     /// Cancellation point: a cancelled wait unwinds with the guard held, so that the scope that entered the guard leaves it.
     void Wait(Interface::TProtectionGuard& guard) override;
 
-    /// Waits until woken, for at most @p timeout seconds. The guard is released meanwhile, and held again whichever way the wait ends. A
-    /// wait may end although nobody called Signal() or Broadcast(): test again what you wait for.
-    /// @param guard    a TMutex; the entries of a recursive one are put aside for the wait and restored.
-    /// @param timeout  seconds from now; EndlessTimeInterval (0.0) waits without limit, through the other Wait; negative and NaN time
-    ///                 out at once; one past the end of time waits as long as the system can count. The deadline is one of the settable
-    ///                 clock: setting the clock moves it.
-    /// @return true when woken, by whatever, false when the time ran out.
+    /// Waits until woken, for at most @p timeout seconds. The guard is released meanwhile, and held again whichever way the wait ends, by
+    /// an exception too. A wait may end although nobody called Signal() or Broadcast(): test again what you wait for.
+    /// @param guard    a TMutex. All entries of a recursive one are given up for the wait and restored after it.
+    /// @param timeout  seconds from now. EndlessTimeInterval (0.0) waits without a limit, as the other Wait does. A negative limit and NaN
+    ///                 time out at once. A limit that is too large for the system's clock is cut to the end of that clock. The deadline
+    ///                 stands on the settable clock: setting the clock moves it.
+    /// @return true when woken, also without a signal. False when the time ran out.
     /// @throw std::bad_cast  @p guard is not a TMutex; nothing was touched.
     /// @throw EException     "condition timed wait failure: " + the call that failed + ": " + the system's description.
     /// Requires: the calling thread holds @p guard.
@@ -56,9 +58,9 @@ public:
     /// Wakes every waiting thread. The caller may hold the guard or not. Never throws.
     void Broadcast() override;
 
-    /// Waits a moment for threads that were woken and have not left their wait yet, so that who called Broadcast() with the guard held may
-    /// destroy the condition next. Not a cancellation point.
-    /// Requires: no other thread waits, or begins to.
+    /// Destroys the condition. A thread that has called Broadcast() may do so at once: the destructor waits a moment for threads that were
+    /// woken and have not left their wait yet. A signal does not end this wait. Not a cancellation point.
+    /// Requires: no thread waits that was not woken, and no thread begins to wait.
     ~TCondition() override;
 
 private:

@@ -6,7 +6,7 @@
 
 namespace Kest::System {
 
-/// Holds a lock while the object lives; an exception or a cancellation that leaves the scope releases it.
+/// Holds a lock while the object lives. The lock is released whichever way the scope ends, by an exception or a cancellation too.
 class _TScopedEntry {
 public:
     explicit _TScopedEntry(Interface::TProtectionGuard& guard) : Guard(guard) { Guard.Enter(); }

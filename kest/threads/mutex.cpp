@@ -6,8 +6,8 @@ namespace Kest::System {
 
 namespace {
 
-/// The handle of the calling thread. On x86 the C library's threads are named by the pointer to their own data, which needs no call: the
-/// call would take longer than all else that entering again takes. Clang 13 has a word for that pointer and cannot compile it.
+/// The handle of the calling thread. On x86 the C library's handle is the pointer to the thread's own data, and reading that pointer needs
+/// no call. The call would take longer than everything else that entering again does. Clang 13 knows the builtin and cannot compile it.
 pthread_t Self() {
 #if (defined(__x86_64__) || defined(__i386__)) && (defined(__clang__) ? __clang_major__ >= 14 : __has_builtin(__builtin_thread_pointer))
     return reinterpret_cast<pthread_t>(__builtin_thread_pointer());
@@ -37,12 +37,12 @@ TMutex::~TMutex() {
     (void)::pthread_mutex_destroy(&Mutex);
 }
 
-/// For a recursive mutex: whether the calling thread is inside. A free one has no owner.
+/// Whether the calling thread is inside. For a recursive mutex only. A free mutex has no owner.
 bool TMutex::IsMine() const {
     return Owner.load(std::memory_order_relaxed) == Self();
 }
 
-/// Of a recursive mutex, with the system mutex just taken.
+/// Notes the calling thread as the owner of a recursive mutex. The thread has just taken the system mutex.
 void TMutex::NoteFirstEntry() {
     Owner.store(Self(), std::memory_order_relaxed);
     Count.store(1, std::memory_order_relaxed);
@@ -86,7 +86,7 @@ void TMutex::Leave() {
         Count.store(left, std::memory_order_relaxed);
         if (left > 0)
             return;
-        // Cleared before the system mutex is free: a look without it must not find a stale owner.
+        // Cleared before the system mutex is free: the unlocked reading in IsMine() must not find a stale owner.
         Owner.store(0, std::memory_order_relaxed);
     }
     (void)::pthread_mutex_unlock(&Mutex);

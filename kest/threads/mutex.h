@@ -14,8 +14,8 @@
 
 namespace Kest::System {
 
-/// A mutex of the system, and the library's one lock class. Made recursive, it may be entered again by the thread that is inside,
-/// and is free when that thread has left as often as it entered.
+/// A mutex of the system. It is the only lock class of the library. The thread that is inside a recursive mutex may enter it again. The
+/// mutex is free when that thread has left it as often as it entered.
 ///
 /// |               | free to others | Enter() by the holder | TryEnter() by the holder |
 /// |---------------|----------------|-----------------------|--------------------------|
@@ -24,36 +24,41 @@ namespace Kest::System {
 /// | held n times, | no             | held n + 1 times      | true, held n + 1 times   |
 /// | recursive     |                |                       |                          |
 ///
-/// std::lock_guard, std::unique_lock and std::scoped_lock hold it for a scope. No operation throws, and none reports a system result.
+/// std::lock_guard, std::unique_lock and std::scoped_lock hold a mutex for a scope. No operation throws, and none reports a system result.
+/// Objects are neither copied nor moved.
 ///
-/// Threads: any thread may call any operation. Objects are neither copied nor moved.
+/// Threads: any thread may call any operation.
 class KEST_EXPORT TMutex : public Interface::TMutex<Interface::TProtectionGuard> {
 public:
-    /// A free mutex; @p recursive lets its holder enter again.
+    /// Makes a free mutex. With @p recursive its holder may enter it again.
     explicit TMutex(bool recursive);
     TMutex(const TMutex&) = delete;
     TMutex& operator=(const TMutex&) = delete;
 
-    /// Requires: nobody is inside, or waits to be.
+    /// Destroys the mutex.
+    /// Requires: no thread is inside, and no thread waits to enter.
     ~TMutex() override;
 
     /// Waits until the calling thread is inside.
-    /// Requires, unless recursive: the calling thread is not inside already; it would wait for ever.
+    /// Requires: the calling thread is not inside already, unless the mutex is recursive. It would wait for ever.
     /// Waits: without a limit. A signal does not end the wait. Not a cancellation point.
     void Enter() override;
 
-    /// Enters if nobody else is inside; false otherwise, at once.
+    /// Enters if that is possible without waiting.
+    /// @return true when the calling thread has entered. False when another thread is inside, and when the calling thread is inside a mutex
+    ///         that is not recursive.
     bool TryEnter() override;
 
-    /// Gives up one entry. Requires: the calling thread is inside. A recursive mutex asserts that in debug builds.
+    /// Gives up one entry.
+    /// Requires: the calling thread is inside. A recursive mutex asserts that in debug builds.
     void Leave() override;
 
 private:
-    friend class TCondition; // waits on the system mutex and puts the bookkeeping aside meanwhile
+    friend class TCondition; // it waits with the system mutex, and puts the bookkeeping aside meanwhile
 
     /// @cond
-    /// Count and owner, put aside while the object lives: for a wait, which gives the system mutex to others. A cancelled wait unwinds
-    /// with the system mutex held again, so the destructor may write them.
+    /// Puts count and owner aside while the object lives, for a wait on a condition: other threads may hold the system mutex meanwhile. A
+    /// wait ends with the system mutex held again, a cancelled wait too, so the destructor may write count and owner.
     class KEST_HIDDEN _TBookkeepingAside {
     public:
         explicit _TBookkeepingAside(TMutex& mutex);
@@ -71,14 +76,15 @@ private:
     KEST_HIDDEN bool IsMine() const;
     KEST_HIDDEN void NoteFirstEntry();
     KEST_HIDDEN void NoteFurtherEntry();
-    /// A function of its own, so that the other ways through Enter need no stack frame.
+    /// Enters a recursive mutex whose holder is another thread or nobody. A function of its own spares the other ways through Enter a stack
+    /// frame.
     KEST_HIDDEN __attribute__((noinline)) void EnterFirst();
 
     pthread_mutex_t Mutex;
     const bool Recursive;
 
-    // Used by recursive mutexes only, and written only by the thread that holds the system mutex. They are also looked at without it:
-    // only the owner can find its own id there, and it wrote that itself, so relaxed accesses decide correctly.
+    // Used by recursive mutexes only. Only the thread that holds the system mutex writes them. Other threads read them without holding it:
+    // only the owner can find its own id there, and the owner itself wrote it, so relaxed accesses decide correctly.
     std::atomic<std::int32_t> Count{0};
     std::atomic<pthread_t> Owner{0};
 };

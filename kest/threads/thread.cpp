@@ -24,7 +24,7 @@ static_assert(std::is_same_v<pthread_t, unsigned long>, "a handle of the interfa
 
 namespace {
 
-/// Takes the handle out for a wait. Unless the wait took place it is put back, by an unwinding too.
+/// Takes the handle out of an object for a wait. The destructor puts it back if a cancellation ended the wait.
 class THandleForWait {
 public:
     explicit THandleForWait(unsigned long& handle) : Place(handle), Handle(std::exchange(handle, 0)) {}
@@ -89,16 +89,16 @@ KEST_LEFT_BY_CANCELLATION void TThreadInstance::Sleep(const double& seconds) {
             (void)::nanosleep(&aWhile, nullptr);
     }
     const timespec interval = _Interval::ToTimeSpec(seconds);
-    (void)::nanosleep(&interval, nullptr); // refuses what is negative, and an interruption just ends the sleep
+    (void)::nanosleep(&interval, nullptr); // the system refuses a negative interval, and a signal ends the sleep
 }
 
 void TThreadInstance::Yield() {
     ::pthread_testcancel();
 }
 
-/// The mutex that a new thread waits at. It is made held and opened once: by Start(), or by who turns the thread away. A lock alone does
-/// not tell its owner whether the thread was started: the thread may not have reached the gate yet, or hold it for a moment on its way
-/// through. So the gate also knows whether it was opened and whether the thread is past it.
+/// The mutex that a new thread waits at. The constructor holds it. Start() opens it once, or whoever turns the thread away. Trying a lock
+/// would not tell whether the thread was started: the thread may not have reached the gate yet, or hold it for a moment on its way through.
+/// So the gate also notes whether it was opened, and whether the thread is past it.
 class _TStartGate : public TMutex {
 public:
     _TStartGate() : TMutex(false) { TMutex::Enter(); }
@@ -106,24 +106,24 @@ public:
         Open(); // a system mutex is never destroyed while it is held
     }
 
-    /// Lets the thread through; done once, a second call finds it done.
+    /// Lets the thread through. A second call does nothing.
     void Open() {
         if (!Opened.exchange(1, std::memory_order_acq_rel))
             TMutex::Leave();
     }
 
-    /// For the new thread: waits until the gate is open, and goes past it. False when it has been turned away.
+    /// Waits, on the new thread, until the gate is open, and goes past it. Returns false when the thread was turned away.
     bool Pass() {
         const _TScopedEntry entry(*this);
-        (void)Opened.load(std::memory_order_acquire); // see the fields
+        (void)Opened.load(std::memory_order_acquire); // for ThreadSanitizer, as the comment on the fields tells
         IsPassed.store(true, std::memory_order_release);
         return !IsTurnedAway.load(std::memory_order_acquire);
     }
 
-    /// Turns the thread away unless it is past already, and tells which. Either way the gate is open afterwards.
+    /// Turns the thread away unless it is past the gate. Returns whether it did. Afterwards the gate is open.
     bool TurnAway() {
         if (Opened.exchange(1, std::memory_order_acq_rel))
-            TMutex::Enter(); // else it is still held from its making, and nobody else will leave it
+            TMutex::Enter(); // a gate that was not opened is still held by its constructor, and nobody else will leave it
         const bool isPast = IsPassed.load(std::memory_order_acquire);
         IsTurnedAway.store(!isPast, std::memory_order_release);
         TMutex::Leave();
@@ -131,11 +131,11 @@ public:
     }
 
 private:
-    // Release and acquire repeat what the mutex orders already: ThreadSanitizer forgets that of a mutex that another thread unlocked
-    // than locked it, which is so when Start() is called elsewhere than the constructor.
-    std::atomic<int> Opened{0};            ///< whether, as a whole word: riscv64 exchanges a byte by a call into another library
-    std::atomic<bool> IsPassed{false};     ///< read and written inside
-    std::atomic<bool> IsTurnedAway{false}; ///< read and written inside
+    // The mutex orders these accesses already. Release and acquire repeat that for ThreadSanitizer: it forgets the order when one thread
+    // locks a mutex and another unlocks it, as happens when Start() and the constructor are called by two threads.
+    std::atomic<int> Opened{0};            ///< 0 or 1, in a whole word: riscv64 exchanges a byte by a call into another library
+    std::atomic<bool> IsPassed{false};     ///< read and written by the holder of the mutex
+    std::atomic<bool> IsTurnedAway{false}; ///< read and written by the holder of the mutex
 };
 
 TThread::TThread() : StartGate(new _TStartGate) {
@@ -157,20 +157,20 @@ void TThread::CancelAndFinish() noexcept {
     End(true);
 }
 
-/// Both ways to finish; @p cancels tells whether a body that runs is asked to end.
+/// Does what Finish() does, and with @p cancels what CancelAndFinish() does.
 void TThread::End(bool cancels) noexcept {
     const TCancellationOff off;
     const bool isSelf = ::pthread_equal(Handle, ::pthread_self()) != 0;
     assert(!isSelf);
     if (isSelf)
-        return; // who waited for itself would wait for ever
+        return; // a thread that waited for itself would wait for ever
     if (!StartGate->TurnAway() && cancels && Handle != 0)
         (void)::pthread_cancel(Handle);
     (void)TThreadInstance::WaitFor();
 }
 
 TThread::~TThread() {
-    const TCancellationOff off; // the wait for an abandoned thread must come to its end
+    const TCancellationOff off; // the wait for a thread that is turned away must come to its end
     if (StartGate->TurnAway())
         (void)TThreadInstance::WaitFor();
     delete StartGate;
@@ -183,11 +183,11 @@ void* TThread::ThreadFunc(void* thread) {
     (void)::sigemptyset(&blocked);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGIO, SIGALRM, SIGPIPE})
         (void)::sigaddset(&blocked, signal);
-    (void)::sigprocmask(SIG_BLOCK, &blocked, nullptr); // on this platform the mask of the calling thread alone
+    (void)::sigprocmask(SIG_BLOCK, &blocked, nullptr); // on this platform it changes the mask of the calling thread alone
     return reinterpret_cast<void*>(static_cast<std::intptr_t>(static_cast<TThread*>(thread)->ThreadFunc()));
 }
 
-// The new thread never reads the handle: pthread_create may store it only after the thread has begun.
+// Never reads the handle: pthread_create may store it only after the new thread has begun.
 int TThread::ThreadFunc() {
     if (!StartGate->Pass())
         return 0;
