@@ -10,14 +10,15 @@ namespace Kest::System {
 
 namespace {
 
-/// The text of the loader's last failure in this thread. Asking for it clears it.
+/// The text of the loader's last failure in this thread. dlerror forgets the text that it returns.
 std::string LoaderText() noexcept {
     const char* text = ::dlerror();
     return SystemToUTF8(text == nullptr ? "" : text);
 }
 
+/// Loads the library @p name, at the second attempt with ".so" appended. Throws with the loader's text when both attempts fail.
 void* Load(const std::string& name) {
-    const TCancellationOff off; // cut off in a library's start code, the loader would keep its lock
+    const TCancellationOff off; // a cancellation in a library's start code would leave the loader with its lock held
     std::string systemName = UTF8ToSystem(name);
     void* handle = ::dlopen(systemName.c_str(), RTLD_LAZY);
     if (handle == nullptr) {
@@ -35,7 +36,7 @@ TDLL::TDLL(const std::string& name) : _Template::TDLL<void*>(Load(name)) {}
 
 TDLL::~TDLL() {
     const TCancellationOff off;
-    (void)::dlclose(Handle); // releasing never reports
+    (void)::dlclose(Handle); // no destructor reports an error of releasing
 }
 
 void* TDLL::GetSymbolAddress(const std::string& name) {

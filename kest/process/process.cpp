@@ -44,7 +44,7 @@ void SetProcessPriority(int priority) {
 }
 
 int GetProcessPriority() {
-    errno = 0; // alone tells a failure from the nice value -1
+    errno = 0; // getpriority returns -1 for a failure and for the nice value -1: only errno tells them apart
     const int nice = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::getpid()));
     if (nice == -1 && errno != 0)
         _ThrowLastError();

@@ -15,12 +15,13 @@ namespace Kest::System {
 
 namespace {
 
+/// The value of the environment variable @p name. Empty when there is no such variable.
 std::string EnvironmentValue(const char* name) {
     const char* value = std::getenv(name);
     return value == nullptr ? std::string() : std::string(value);
 }
 
-/// Whether this platform converts between UTF-8 and @p encoding. One that does implements UTF8ToEncoding and EncodingToUTF8 as well.
+/// Whether this platform converts between UTF-8 and @p encoding. A platform that does implements UTF8ToEncoding and EncodingToUTF8 too.
 bool CanConvert(const std::string& /*encoding*/) noexcept {
     return false;
 }
@@ -49,7 +50,8 @@ _TSystemLocaleDetector::_TSystemLocaleDetector() {
     }
 }
 
-/// Takes a locale's name apart; false when anything is amiss with it. No exception says so: its message would need memory.
+/// Takes the name of a locale apart. Returns false when the name has another form or when its encoding cannot be converted to. A result
+/// says so and not an exception, since the message of an exception needs memory.
 bool _TSystemLocaleDetector::Detect(const std::string& name) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string::npos || dot + 1 == name.size())

@@ -7,40 +7,44 @@
 #include <string>
 
 /// @file
-/// The user's language, country and text encoding, and conversion to and from named encodings, which this platform does not offer. Any
-/// thread may call anything.
+/// The user's language, country and text encoding; and conversion to and from named encodings, which this platform does not offer.
+///
+/// Waits: for the first query of another thread only. No operation is a cancellation point.
+/// Threads: any thread may call any operation. While the first of the three queries runs, no other thread changes the environment.
 
 namespace Kest::System {
 
-/// What the locale environment says, found out once, by the constructor. The queries below use one object of this class, made at the
-/// first of them: later changes of the environment are not seen.
+/// What the locale environment says, read once, by the constructor. GetDefaultLanguage(), GetDefaultCountry() and GetSystemEncoding() use
+/// one object of this class, which the first of these calls makes. They do not see later changes of the environment.
 ///
-/// The name of the locale is the value of LANG, or of LC_ALL where that gives nothing: language, "_", country, ".", encoding, of which
-/// "_" and the country may be absent. If the platform cannot convert to that encoding, and on this platform therefore always, or if
-/// anything else is amiss, the encoding is "UTF-8" and the others are empty.
+/// The name of the locale is the value of LANG, or that of LC_ALL when LANG is missing or empty. The name consists of the language, "_",
+/// the country, "." and the encoding. "_" and the country may be absent. If the name has another form, or if the platform cannot convert to
+/// the encoding, the encoding is "UTF-8", and language and country are empty. This platform converts to no encoding, so this always
+/// happens.
 class KEST_EXPORT _TSystemLocaleDetector {
 public:
-    /// Detects. Whatever is amiss gives the defaults, and so does memory that runs out while the name is taken apart.
+    /// Reads the environment and takes the name of the locale apart. If memory runs out meanwhile, the encoding is "UTF-8", and the other
+    /// two are empty.
     /// @throw std::bad_alloc  there is no memory for a copy of the environment's value.
     /// Requires: no other thread changes the environment meanwhile.
     _TSystemLocaleDetector();
 
-    /// Changes every byte from 'a' to 'z' into its capital and no other byte, in any locale.
+    /// Changes every byte from 'a' to 'z' into its capital, and no other byte, whatever the program's locale is.
     static void UpperCase(std::string& text);
 
-    std::string Encoding; ///< upper-case where detected
-    std::string Language; ///< upper-case where detected, empty when unknown
-    std::string Country;  ///< upper-case where detected, empty when unknown
+    std::string Encoding; ///< in capitals
+    std::string Language; ///< in capitals, empty when unknown
+    std::string Country;  ///< in capitals, empty when unknown
 
 private:
     KEST_HIDDEN bool Detect(const std::string& name);
 };
 
-/// The user's language, "" when unknown: on this platform always.
+/// The user's language, in capitals. Empty when unknown, and so always on this platform.
 /// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetDefaultLanguage();
 
-/// The user's country, "" when unknown: on this platform always.
+/// The user's country, in capitals. Empty when unknown, and so always on this platform.
 /// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetDefaultCountry();
 
@@ -48,12 +52,15 @@ KEST_EXPORT std::string GetDefaultCountry();
 /// @throw std::bad_alloc  nothing is detected yet, and there is no memory for a copy of the environment's value.
 KEST_EXPORT std::string GetSystemEncoding();
 
+/// Would convert @p text from UTF-8 to @p encoding. This platform does not offer it.
 /// @throw EException  "UTF8ToEncoding not implemented", whatever the arguments.
 KEST_EXPORT std::string UTF8ToEncoding(const std::string& encoding, const std::string& text);
 
+/// Would convert @p text from @p encoding to UTF-8. This platform does not offer it.
 /// @throw EException  "EncodingToUTF8 not implemented", whatever the arguments.
 KEST_EXPORT std::string EncodingToUTF8(const std::string& encoding, const std::string& text);
 
+/// The class of _SystemLocaleDetector.
 class KEST_EXPORT _TSystemLocaleDetectorPlace {};
 
 /// An object without content, for programs that link against the name. Nothing reads it.

@@ -13,15 +13,17 @@ namespace Kest::System {
 
 namespace {
 
-// A codec writes a few elements beyond its text, for which a counted buffer has no room: its last characters are left to the plain rule of
-// one codec.
+// A codec writes a few elements beyond its result, and a counted buffer has no room for them. So the codec does not convert the last
+// characters of a text. A loop converts them one by one.
 
 constexpr std::size_t Slack = _TUTF8Codec::Slack;
 
-/// A codec decodes up to so many bytes before the end. What its last step leaves has at least as many characters as it may write too many.
+/// A codec decodes up to this many bytes before the end. The bytes that its last step leaves hold at least Slack characters, and that is
+/// how many elements the codec may write beyond its result.
 constexpr std::size_t SlackOfBytes = _TUTF8Codec::LongestStep + 3 * Slack;
 
-/// The code units before the first 0. A codec reads by blocks, and the buffer may end with the 0, however large @p length is.
+/// The number of code units before the first 0, at most @p length. A codec reads in blocks, so it must know where the text ends: the buffer
+/// may end with the 0, however large @p length is.
 std::size_t CutAtZero(const wchar_t* text, std::size_t length) {
     const wchar_t* const zero = std::wmemchr(text, 0, length);
     return zero != nullptr ? static_cast<std::size_t>(zero - text) : length;
