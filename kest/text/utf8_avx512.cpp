@@ -1,6 +1,7 @@
 #if defined(__x86_64__)
 
-// GCC 12 warns of the registers that its own header leaves undefined on purpose, where it has put their users into functions of this file.
+// GCC's own header leaves registers undefined on purpose. GCC 12 warns of them where it has inlined that header into functions of this
+// file.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
@@ -8,7 +9,7 @@
 
 #include <immintrin.h>
 
-// With the extensions that move chosen bytes together without a table.
+// avx512vbmi2 moves chosen bytes together without a table.
 #define KEST_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt")))
 
 #include <kest/text/utf8_frame.h>
@@ -17,13 +18,14 @@ namespace Kest::System {
 
 namespace {
 
-// No vector has an address here: GCC 12 with the sanitizer of addresses does not align it in memory.
+// No variable of a vector class has its address taken here: GCC 12 with AddressSanitizer would not align it in memory.
 
+/// The places from which a permutation takes 64 bytes.
 struct alignas(64) TPlaces {
     std::array<std::uint8_t, 64> Each;
 };
 
-/// The bytes one before each.
+/// For each byte the place of the byte before it.
 constexpr TPlaces MakePlacesBefore() {
     TPlaces places{};
     for (unsigned byte = 1; byte < 64; ++byte)
@@ -31,7 +33,7 @@ constexpr TPlaces MakePlacesBefore() {
     return places;
 }
 
-/// Sixteen elements of four bytes: the low bytes from the first of two registers, the next from the second.
+/// The places for sixteen code units of four bytes: the lowest byte comes from the first of two registers, the next byte from the second.
 constexpr TPlaces MakePlacesOfUnits(unsigned quarter) {
     TPlaces places{};
     for (unsigned byte = 0; byte < 64; ++byte)
@@ -46,7 +48,7 @@ KEST_STEP __m512i Load(const void* place) noexcept {
     return _mm512_loadu_si512(place);
 }
 
-/// The mask's bits for two registers of sixteen elements.
+/// Joins the masks of two registers of sixteen elements.
 KEST_STEP std::uint64_t Both(__mmask16 low, __mmask16 high) noexcept {
     return std::uint64_t{low} | std::uint64_t{high} << 16U;
 }
@@ -55,12 +57,12 @@ KEST_STEP __mmask16 FindAbove(__m512i units, int most) noexcept {
     return _mm512_test_epi32_mask(units, _mm512_set1_epi32(~most));
 }
 
-/// Bits from @p first where they are set in @p choice, else from @p second.
+/// Takes each bit from @p first where it is set in @p choice, and from @p second elsewhere.
 KEST_STEP __m512i Choose(char choice, __m512i first, __m512i second) noexcept {
     return _mm512_ternarylogic_epi32(_mm512_set1_epi8(choice), first, second, 0xCA);
 }
 
-/// Writes the bytes whose bits are set, and more.
+/// Writes those bytes whose bits are set in @p used, one behind the other, and zeros up to 64 bytes. Returns the end of the bytes.
 KEST_STEP char* StoreBytes(__m512i bytes, std::uint64_t used, char* out) noexcept {
     _mm512_storeu_si512(out, _mm512_maskz_compress_epi8(used, bytes));
     return out + __builtin_popcountll(used);
@@ -179,7 +181,8 @@ struct TSteps {
 
     KEST_STEP static char* EncodeAny(const wchar_t* text, char* out) noexcept {
         const __m512i units = Load(text);
-        // From each unit the bits from 12, 6 and 0 on, or from 6 and 0.
+        // Each byte gets eight bits of its code unit: for three bytes those from bit 12, 6 and 0 on, for two bytes those from bit 6 and 0
+        // on.
         const __m512i three = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x0020262C'0000060C), units);
         const __m512i two = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x00202026'00000006), units);
         const __m512i twoBytes = _mm512_or_si512(_mm512_and_si512(two, _mm512_set1_epi32(0x3F1F)), _mm512_set1_epi32(0x80C0));
@@ -197,7 +200,7 @@ private:
         return _mm512_mask_add_epi32(counts, FindAbove(units, 0x7FF), counts, one);
     }
 
-    /// Each byte at the place behind its own, and a zero at the first.
+    /// Moves each byte one place up, and puts a zero at the first place.
     KEST_STEP static __m512i MoveUp(__m512i bytes) noexcept {
         return _mm512_maskz_permutexvar_epi8(~std::uint64_t{1}, _mm512_load_si512(PlacesBefore.Each.data()), bytes);
     }

@@ -4,45 +4,48 @@
 
 #include <cstddef>
 
-// What callers enter. Programs for 32 bits may hold the stack aligned to four bytes only, and vectors have to lie on it at their own.
+// Marks the functions that callers of a codec enter. A program for 32-bit x86 may align the stack to four bytes only. Vectors on the stack
+// need more, so these functions align it themselves.
 #ifdef __i386__
 #define KEST_CODEC_ENTRY __attribute__((force_align_arg_pointer))
 #else
 #define KEST_CODEC_ENTRY
 #endif
 
-// Of arm64 with the usual order of bytes. Every such processor has the instructions.
+// Every arm64 processor has these instructions. The codec is written for the little-endian order of bytes.
 #if defined(__aarch64__) && defined(__ARM_NEON) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 #define KEST_HAS_NEON
 #endif
 
 namespace Kest::System {
 
-/// The loops of the conversions, written for one instruction set. All codecs give the same results.
+/// The loops of the conversions, written for one instruction set. All codecs give equal results.
 struct _TUTF8Codec {
     /// How many elements beyond its result Decode or Encode may write.
     static constexpr std::size_t Slack = 16;
 
-    /// How many bytes beyond its limit Decode may go.
+    /// How many bytes beyond @p limit Decode may decode.
     static constexpr std::size_t LongestStep = 64;
 
-    const char* Name;
+    const char* Name; ///< for the output of tests and measurements
 
-    /// As _UTF8Length() counts.
+    /// Returns what _UTF8Length() returns.
     std::size_t (*CountCharacters)(const char* text, std::size_t length) noexcept;
 
-    /// As _UTF8LengthOfUCS2() counts. Cuts @p length at the first code unit 0.
+    /// Returns what _UTF8LengthOfUCS2() returns, and sets @p length to the number of code units before the first 0.
     std::size_t (*CountBytes)(const wchar_t* text, std::size_t& length) noexcept;
 
-    /// Decodes @p text in steps that begin before @p limit, until @p room code units or a few more are written. Moves @p text behind what
-    /// it decoded and returns the number of code units.
+    /// Decodes @p text up to @p end in steps. No step begins at or after @p limit, or when @p room code units are written. The last step
+    /// may write Slack elements beyond @p room. Moves @p text behind the bytes that were decoded.
+    /// @return the number of code units.
     std::size_t (*Decode)(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept;
 
-    /// Encodes @p length code units, zeros too, and returns the end of the bytes.
+    /// Encodes @p length code units, zeros too.
+    /// @return the end of the bytes at @p out.
     char* (*Encode)(const wchar_t* text, std::size_t length, char* out) noexcept;
 };
 
-/// The fastest codec that this processor can use for a text of @p length elements. Cheap enough to ask for at every call.
+/// The fastest codec that this processor can use for a text of @p length elements. Choosing is cheap enough for every call.
 const _TUTF8Codec& _ChooseUTF8Codec(std::size_t length) noexcept;
 
 /// Puts every codec that this processor can use into @p codecs, the fastest first, and returns their number.

@@ -2,7 +2,7 @@
 
 namespace Kest::System {
 
-// Which codecs there are, what of the processor each needs, and for how long a text it is worth while.
+// The codecs there are, what each needs of the processor, and from which length of a text on it is worth while.
 
 #if defined(__x86_64__) || defined(__i386__)
 
@@ -26,7 +26,7 @@ bool HasAVX512() noexcept {
 } // namespace
 
 const _TUTF8Codec& _ChooseUTF8Codec(std::size_t length) noexcept {
-    // A processor is slower at first when it turns to its wider registers, which a short text does not make up for.
+    // A processor is slower for a while after it begins to use its wider registers. A short text does not make up for that.
 #ifdef __x86_64__
     if (length >= 256 && HasAVX512())
         return _AVX512UTF8Codec;
@@ -52,7 +52,7 @@ std::size_t _GetUTF8Codecs(const _TUTF8Codec* (&codecs)[4]) noexcept {
 
 #else
 
-// Elsewhere the compiler's target decides.
+// On these processors the target of the compiler decides.
 
 const _TUTF8Codec& _ChooseUTF8Codec(std::size_t /*length*/) noexcept {
 #ifdef KEST_HAS_NEON

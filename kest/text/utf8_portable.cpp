@@ -13,9 +13,10 @@ namespace Kest::System {
 
 namespace {
 
-// Inner loops have a fixed length and no branch, which lets compilers use whatever vectors the processor has at least.
+// The inner loops have a fixed length and no branch, so that compilers can use the vectors that every processor of the target has.
 
-/// A run of ASCII that is worth a look. In mixed text a shorter one would be a matter of luck.
+/// The length of a run that is tested for ASCII at once. Shorter runs of mixed text would be ASCII by chance, and the branch hard to
+/// predict.
 constexpr std::size_t RunLength = 64;
 
 constexpr std::size_t BlockLength = 16;
@@ -29,7 +30,7 @@ std::uint64_t LoadEight(const char* text) noexcept {
 }
 
 KEST_CODEC_ENTRY std::size_t CountCharacters(const char* text, std::size_t length) noexcept {
-    constexpr std::size_t step = 128; // less than a byte can count
+    constexpr std::size_t step = 128; // a count in one byte cannot overflow
     constexpr std::size_t shortStep = 8;
     std::size_t characters = 0;
     std::size_t index = 0;
@@ -41,7 +42,7 @@ KEST_CODEC_ENTRY std::size_t CountCharacters(const char* text, std::size_t lengt
     }
     for (; index + shortStep <= length; index += shortStep) {
         const std::uint64_t bytes = LoadEight(text + index);
-        const std::uint64_t aboveC0 = (bytes & ~HighBits) + 0x3F3F3F3F3F3F3F3FU; // the highest bits, of bytes that have them
+        const std::uint64_t aboveC0 = (bytes & ~HighBits) + 0x3F3F3F3F3F3F3F3FU; // highest bit set: the low seven bits exceed 0x40
         const std::uint64_t counted = (~bytes | aboveC0) >> 7U & 0x0101010101010101U;
         characters += static_cast<std::size_t>(counted * 0x0101010101010101U >> 56U);
     }
@@ -58,13 +59,13 @@ bool IsASCII(const wchar_t* text) noexcept {
     return any <= 0x7F;
 }
 
-/// Four code units. Compilers turn operations on them into whatever the processor has; a comparison gives -1 where it holds.
+/// Four code units. Compilers turn operations on them into the instructions that the processor has. A comparison gives -1 where it holds.
 using TUnits = std::uint32_t __attribute__((vector_size(16)));
 
-/// The bytes of so many code units.
+/// The number of bytes of @p Length code units.
 template <std::size_t Length>
 std::size_t CountBytesOf(const wchar_t* text) noexcept {
-    TUnits minusShorter{}; // for less than three bytes, and for less than two
+    TUnits minusShorter{}; // -1 for each code unit of less than three bytes, and again for each of less than two
     for (std::size_t each = 0; each < Length; each += 4) {
         TUnits units;
         std::memcpy(&units, text + each, sizeof units);
@@ -92,7 +93,8 @@ bool IsASCII(const char* text) noexcept {
     return (any & HighBits) == 0;
 }
 
-/// A long run of ASCII as it is, anything else sequence by sequence, up to the last two bytes without a look at the end.
+/// Copies a run of ASCII as it is, and decodes any other run sequence by sequence. In a run only the last two bytes can begin a sequence
+/// that goes beyond the run, so the sequences before them are decoded without a test for the end.
 KEST_CODEC_ENTRY std::size_t Decode(const char*& text, const char* limit, const char* end, wchar_t* out, std::size_t room) noexcept {
     constexpr std::ptrdiff_t run = RunLength;
     const wchar_t* const begin = out;
@@ -113,10 +115,11 @@ KEST_CODEC_ENTRY std::size_t Decode(const char*& text, const char* limit, const 
     return static_cast<std::size_t>(out - begin);
 }
 
-/// Writes the code units as bytes. False if they are not all ASCII, perhaps also because of a 0: what is written is of no use then.
+/// Writes the code units as bytes. Returns false if not all of them are ASCII, and with SSE2 also if one is 0. The caller then writes other
+/// bytes over these.
 template <std::size_t Length>
 bool EncodeASCII(const wchar_t* text, char* out) noexcept {
-#ifdef __SSE2__ // which has an instruction that makes 0 of what is negative and more than 0x7F of what is
+#ifdef __SSE2__ // its packing instructions make 0 of a negative number, and keep a number above 0x7F above 0x7F
     __m128i any = _mm_setzero_si128();
     __m128i least = _mm_set1_epi8(-1);
     for (std::size_t each = 0; each < Length; each += 16) {

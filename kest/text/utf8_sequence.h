@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+/// @file
 /// The rules of a single sequence: the one to three bytes of a character.
 namespace Kest::System {
 
@@ -18,7 +19,7 @@ inline unsigned _UTF8BytesOf(std::uint32_t unit) noexcept {
     return 1U + (unit > 0x7F ? 1U : 0U) + (unit > 0x7FF ? 1U : 0U);
 }
 
-/// Returns the bytes of the code units from @p index on, and cuts @p length at the first 0 of them.
+/// Returns how many bytes the code units from @p index on take, and sets @p length to the index of the first 0 among them.
 inline std::size_t _CountUTF8Bytes(const wchar_t* text, std::size_t index, std::size_t& length) noexcept {
     std::size_t bytes = 0;
     for (; index < length && text[index] != 0; ++index)
@@ -27,9 +28,9 @@ inline std::size_t _CountUTF8Bytes(const wchar_t* text, std::size_t index, std::
     return bytes;
 }
 
-/// Decodes the sequence at @p text, which is before @p end, and moves @p text behind it.
+/// Decodes the sequence at @p text and moves @p text behind it. Requires: @p text is before @p end.
 inline wchar_t _DecodeUTF8Sequence(const char*& text, const char* end) noexcept {
-    // A branch each: compilers would make one chain of dependent instructions of a common sum.
+    // Each length has a branch of its own. Of one sum for all, compilers make a chain of instructions of which each waits for the last.
     const auto byte = [&text](int index) { return std::uint32_t{static_cast<unsigned char>(text[index])}; };
     const std::uint32_t lead = byte(0);
     if (lead <= 0x7F) {
@@ -60,7 +61,7 @@ inline void _EncodeUTF8Sequence(std::uint32_t unit, char*& out) noexcept {
         *out++ = static_cast<char>(0xC0 | unit >> 6);
         *out++ = static_cast<char>(0x80 | (unit & 0x3F));
     } else {
-        *out++ = static_cast<char>(0xE0 | unit >> 12); // the low eight bits of it
+        *out++ = static_cast<char>(0xE0 | unit >> 12); // only the low eight bits are kept
         *out++ = static_cast<char>(0x80 | (unit >> 6 & 0x3F));
         *out++ = static_cast<char>(0x80 | (unit & 0x3F));
     }

@@ -2,7 +2,8 @@
 
 #include <immintrin.h>
 
-// What a codec may use of the processor stands at each function, since only the codec is chosen when the program runs.
+// Each function is marked with what it may use of the processor. The rest of the library runs on any processor, and the codec is chosen
+// when the program runs.
 #define KEST_TARGET __attribute__((target("sse4.2,popcnt")))
 
 #include <kest/text/utf8_frame.h>
@@ -32,24 +33,24 @@ KEST_STEP __m128i FindContinuations(__m128i bytes) noexcept {
     return _mm_cmpgt_epi8(_mm_set1_epi8(-64), bytes);
 }
 
-/// Eight elements, those above 0x800 as that, in half the space.
+/// Eight code units in words of 16 bits. A code unit above 0x800 becomes 0x800.
 KEST_STEP __m128i Narrow(const wchar_t* text) noexcept {
     const __m128i most = _mm_set1_epi32(0x800);
     return _mm_packus_epi32(_mm_min_epu32(Load(text), most), _mm_min_epu32(Load(text + 4), most));
 }
 
-/// What bits 16 code units have together.
+/// The bits that any of 16 code units has.
 KEST_STEP __m128i AnyOf(const wchar_t* text) noexcept {
     return _mm_or_si128(_mm_or_si128(Load(text), Load(text + 4)), _mm_or_si128(Load(text + 8), Load(text + 12)));
 }
 
-/// Sixteen code units as bytes: what is negative as 0, what is above 0x7F with its highest bit set.
+/// Sixteen code units as bytes. A negative one becomes 0, and one above 0x7F becomes a byte whose highest bit is set.
 KEST_STEP __m128i NarrowToBytes(const wchar_t* text) noexcept {
     const __m128i low = _mm_packs_epi32(Load(text), Load(text + 4));
     return _mm_packus_epi16(low, _mm_packs_epi32(Load(text + 8), Load(text + 12)));
 }
 
-/// Writes the code units of eight bytes: of the words those whose bits are set in @p ends.
+/// Writes those of eight words whose bits are set in @p ends, as code units.
 KEST_STEP wchar_t* StoreWords(__m128i words, unsigned ends, wchar_t* out) noexcept {
     const __m128i units = Shuffle(words, _WordShuffles[ends]);
     Store(out, _mm_unpacklo_epi16(units, _mm_setzero_si128()));
@@ -182,18 +183,19 @@ struct TSteps {
         const __m128i isOne = _mm_cmpeq_epi32(_mm_and_si128(units, _mm_set1_epi32(~0x7F)), _mm_setzero_si128());
         const __m128i isTwo = _mm_cmpeq_epi32(_mm_and_si128(units, _mm_set1_epi32(~0x7FF)), _mm_setzero_si128());
         const unsigned mask = BitsOf(_mm_packs_epi16(_mm_packs_epi32(isOne, isTwo), _mm_setzero_si128()));
-        // The three bytes, and the unit itself as the fourth.
+        // Each element gets the payload of a sequence of three bytes, and the code unit itself as the fourth byte.
         const __m128i first = _mm_and_si128(_mm_srli_epi32(units, 12), _mm_set1_epi32(0xFF));
         const __m128i second = _mm_and_si128(_mm_slli_epi32(units, 2), _mm_set1_epi32(0x3F00));
         const __m128i third = _mm_and_si128(_mm_slli_epi32(units, 16), _mm_set1_epi32(0x3F0000));
         const __m128i payload = _mm_or_si128(_mm_or_si128(first, second), _mm_or_si128(third, _mm_slli_epi32(units, 24)));
-        // The second of them is the lead of a sequence of two.
+        // In a sequence of two bytes the second of these is the lead.
         const __m128i marks = _mm_or_si128(_mm_set1_epi32(0x8080E0), _mm_and_si128(isTwo, _mm_set1_epi32(0x4000)));
         Store(out, Shuffle(_mm_or_si128(payload, marks), _ThreeByteShuffles[mask]));
         return out + (12 - _mm_popcnt_u32(mask));
     }
 
 private:
+    /// Whether each code unit of a run is from 1 to 0x7F.
     KEST_STEP static bool IsASCIIWithoutZero(const wchar_t* text) noexcept {
         const __m128i a = NarrowToBytes(text);
         const __m128i b = NarrowToBytes(text + 16);
@@ -204,7 +206,8 @@ private:
         return BitsOf(_mm_or_si128(any, _mm_cmpeq_epi8(least, _mm_setzero_si128()))) == 0;
     }
 
-    /// Counts at each place the code units of a run that are above 0x7F, and again those above 0x7FF.
+    /// Counts, at each of eight places, the code units of a run that are above 0x7F, and counts those above 0x7FF once more. Sets @p zeros
+    /// to something other than 0 if a code unit is 0.
     KEST_STEP static __m128i CountLonger(const wchar_t* text, unsigned& zeros) noexcept {
         __m128i minus = _mm_setzero_si128();
         __m128i isZero = _mm_setzero_si128();

@@ -11,10 +11,11 @@
 
 namespace Kest::System {
 
-// A codec writes a few elements more than the result has, for which there is room in the string until its length is set.
+// A codec writes a few elements more than the result has. The string has room for them until its length is set.
 
-/// A string of @p length elements, which @p write fills and of which it may write Slack more. One that is short enough needs no memory of
-/// its own. A newer standard library does not fill the others with zeros before.
+/// Makes a string of @p length elements, which @p write writes. @p write may write Slack elements more. A string that is short enough is
+/// written to the stack first, so that it needs no memory of its own. A longer one is written in place. A newer standard library does not
+/// fill it with zeros before that.
 template <class TString, class TWrite>
 TString _WriteString(std::size_t length, const TWrite& write) {
     TString string;
@@ -38,7 +39,7 @@ TString _WriteString(std::size_t length, const TWrite& write) {
     return string;
 }
 
-/// UTF8ToUCS() by @p codec.
+/// Does what UTF8ToUCS() does, by @p codec.
 inline std::basic_string<wchar_t> _DecodeUTF8String(const _TUTF8Codec& codec, const std::string& text) {
     const std::size_t characters = codec.CountCharacters(text.data(), text.size());
     return _WriteString<std::basic_string<wchar_t>>(characters, [&](wchar_t* units) {
@@ -50,7 +51,7 @@ inline std::basic_string<wchar_t> _DecodeUTF8String(const _TUTF8Codec& codec, co
     });
 }
 
-/// UCSToUTF8() by @p codec.
+/// Does what UCSToUTF8() does, by @p codec.
 inline std::string _EncodeUTF8String(const _TUTF8Codec& codec, const std::basic_string<wchar_t>& text) {
     std::size_t units = text.size();
     const std::size_t bytes = codec.CountBytes(text.data(), units);
