@@ -1,5 +1,5 @@
-// The text of an address, beside a model of which texts are one and of what they mean; and whatever is accepted comes back from its own
-// text.
+// Compares the texts of addresses with a model, which tells whether a text is an address and what it means. An address that is accepted
+// must come back from its own text.
 #include "fuzz.h"
 
 #include <kest/net/address.h>
@@ -33,7 +33,7 @@ bool IsHost(const std::string& text) {
     return at == text.size();
 }
 
-/// The low 16 bits of the number that the text begins with; one too large for a long is the nearest that is not.
+/// The low 16 bits of the number that the text begins with. A number that is too large for a long counts as the nearest long.
 unsigned int PortOf(const std::string& text) {
     std::size_t at = 0;
     while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r')))
@@ -50,7 +50,7 @@ unsigned int PortOf(const std::string& text) {
     return static_cast<unsigned int>((isNegative ? 0UL - value : value) & 0xFFFF);
 }
 
-/// The text of the address that @p text is, or the message of its refusal.
+/// What the library must answer: the text of the address, or the message of the refusal.
 struct TExpected {
     std::optional<std::string> Text;
     std::string Message{};

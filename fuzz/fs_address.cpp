@@ -1,5 +1,5 @@
-// Addresses that the system fills in: those of "fs" peers with any name that a socket can have, put into address objects of any domain that
-// are used again and again.
+// Checks addresses that the system fills in: those of "fs" peers with any name that a socket can have. They are put into address objects of
+// any domain, which are used again and again.
 #include "fuzz.h"
 
 #include <kest/net/socket.h>
@@ -24,8 +24,8 @@ namespace {
 
 constexpr std::size_t PathOffset = offsetof(sockaddr_un, sun_path);
 
-/// A datagram socket that receives and a stream socket that listens, in a folder that is the working one for the rest of the run: a peer's
-/// path may then have all its length for itself.
+/// A datagram socket that receives and a stream socket that listens, in a folder that is the working folder for the rest of the run. So the
+/// path of a peer is its name alone, and the name may be as long as an address allows.
 struct TPlace {
     TPlace() : Receiver({"fs", TSocket::Datagram, "ip"}), Listener({"fs", TSocket::Stream, "ip"}) {
         std::filesystem::current_path(Folder.GetPath());
@@ -41,11 +41,11 @@ struct TPlace {
     TSocket Listener;
 };
 
-/// A socket bound to the bytes of @p name, or to none; its file goes with it.
+/// A socket that is bound to the bytes of a name, or not bound. The destructor removes its file.
 class TPeer {
 public:
     TPeer(TSocket::TType type, const std::optional<std::string>& name)
-        : Socket(::socket(AF_UNIX, TSocket::MapType(type), 0), AF_UNIX) { // without the look-up of a protocol, which takes the most time
+        : Socket(::socket(AF_UNIX, TSocket::MapType(type), 0), AF_UNIX) { // no protocol is looked up, which would take most of the time
         if (!name)
             return;
         sockaddr_un address{};

@@ -9,13 +9,12 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-/// What libFuzzer calls with each input. A target whose input is more than one text takes its numbers and texts from a
-/// FuzzedDataProvider.
+/// libFuzzer calls this with each input. A target whose input is more than one text takes its numbers and texts from a FuzzedDataProvider.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace Kest::Fuzz {
 
-/// Ends the run, which libFuzzer reports with the input, unless @p holds.
+/// Ends the run unless @p holds. libFuzzer then reports the input.
 inline void Require(bool holds, const char* claim) {
     if (holds)
         return;
@@ -23,7 +22,7 @@ inline void Require(bool holds, const char* claim) {
     std::abort();
 }
 
-/// The same for two texts that have to be equal.
+/// Ends the run unless both texts are equal. libFuzzer then reports the input.
 inline void RequireEqual(const std::string& actual, const std::string& expected, const char* claim) {
     if (actual != expected)
         (void)std::fprintf(stderr, "'%s', expected '%s'\n", actual.c_str(), expected.c_str());

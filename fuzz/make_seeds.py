@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-NN. Other files there, the inputs of faults found, are left alone.
+"""Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-NN. Other files there are inputs of faults that were found, and stay.
 
-A target takes numbers from the end of its input and texts from the beginning, as libFuzzer's FuzzedDataProvider does: a text of
-random length has its backslashes doubled and ends with a backslash and some other byte.
+A target takes numbers from the end of its input and texts from the beginning, as libFuzzer's FuzzedDataProvider does. In a text of random
+length each backslash is doubled, and a backslash with some other byte ends the text.
 """
 import pathlib
 import struct
@@ -36,7 +36,7 @@ def address():
 
 
 def stream():
-    # The first number is the size of the buffers, then come the answers' and each operation's; any bytes are some walk.
+    # The first number is the size of the buffers. The numbers of the answers and of each operation follow. Any bytes are a valid walk.
     for size in range(10):
         for factor in (37, 101):
             yield bytes(i * factor % 251 for i in range(60 + size * 20)) + bytes([size])
@@ -48,7 +48,7 @@ def path():
 
 
 def fs_address():
-    def peer(datagram, name):  # numbers in the order in which they are taken; the last taken stands first in the input
+    def peer(datagram, name):  # gives the numbers in the order in which the target takes them, which is from the end of the input
         return (b"" if name is None else text(name)), bytes([datagram, 0 if name is None else 1])
 
     names = [None, b"", b"short", b"x" * 107, b"y" * 108, b"\0abstract", b"\0a\0b", b"zero\0inside", b"sl/ash", b".", b"receiver",

@@ -1,5 +1,5 @@
-// Path names of arbitrary bytes in a folder with all kinds of entries. The system's answer about the path decides what has to come; what
-// comes is taken apart and looked at.
+// Checks path names of arbitrary bytes in a folder with all kinds of entries. The system's answer about a path decides whether the library
+// must give a full path, and a full path is taken apart and checked.
 #include "fuzz.h"
 
 #include <kest/filesystem/file.h>
@@ -21,7 +21,7 @@ using Kest::System::TFile;
 
 namespace {
 
-/// The folder, which is the working one for the rest of the run, so that short paths lead into it.
+/// The folder. It is the working folder for the rest of the run, so that short paths lead into it.
 class TPlayground {
 public:
     TPlayground() {
@@ -55,6 +55,7 @@ private:
     std::string Written;
 };
 
+/// The result of @p operation, or nothing when it refuses the path.
 std::optional<std::string> ResultOf(std::string (&operation)(const std::string&), const std::string& path) {
     try {
         return operation(path);
@@ -64,7 +65,7 @@ std::optional<std::string> ResultOf(std::string (&operation)(const std::string&)
     }
 }
 
-/// Absolute, no separator too many, no "." or "..", and no component that is a link.
+/// Whether a path is absolute and has no empty component, no ".", no ".." and no component that is a symbolic link.
 bool IsCanonical(const std::string& path) {
     if (path == "/")
         return true;
@@ -89,7 +90,7 @@ bool IsCanonical(const std::string& path) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const TPlayground playground;
     std::string path(reinterpret_cast<const char*>(data), size);
-    path.erase(0, path.find_first_not_of('/')); // below the folder, or by way of it
+    path.erase(0, path.find_first_not_of('/')); // a relative path begins in the folder
     const std::string systemPath = UpToZero(path);
 
     const std::optional<std::string> full = ResultOf(GetFullPathName, path);

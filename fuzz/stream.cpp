@@ -1,4 +1,4 @@
-// A stream over a transport beside a model of it: any operations, sizes and answers of the transport.
+// Compares a stream over a transport with a model: with any operations, buffer sizes and answers of the transport.
 #include "fuzz.h"
 
 #include <models/stream_model.h>

@@ -1,5 +1,5 @@
-// UTF-8 to UCS-2 and back, by every codec that the processor can use, beside a model. Everything works on buffers of exactly the size that
-// it may use, so that the sanitizer sees a step beyond.
+// Compares the conversions of UTF-8 and UCS-2 with a model, by every codec that the processor can use. Each buffer has exactly the size
+// that a conversion may use, so that the sanitizer sees every access beyond it.
 #include "fuzz.h"
 
 #include <kest/text/utf8.h>
@@ -14,7 +14,7 @@ using namespace Kest::Test;
 
 namespace {
 
-/// A codec decodes in pieces of at least @p room code units, which together are those of the model.
+/// Checks that a codec that decodes in pieces, each of @p room code units or a few more, gives the code units of the model.
 void CheckDecodingInPieces(const _TUTF8Codec& codec, const std::vector<char>& text, std::size_t room, const TWide& units) {
     const char* place = text.data();
     const char* const end = place + text.size();

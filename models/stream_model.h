@@ -1,6 +1,9 @@
 #ifndef KEST_MODELS_STREAM_MODEL_H
 #define KEST_MODELS_STREAM_MODEL_H
 
+/// @file
+/// A model of _Gadgets::TStream, and what walks both side by side. Used by the tests and by the fuzz target of streams.
+
 #include <kest/foundation/stream.h>
 
 #include <algorithm>
@@ -18,7 +21,7 @@ using _Gadgets::TStream;
 
 constexpr int EndOfFile = -1;
 
-/// State and last result in one text, such as "eof fail 0".
+/// Tells a state and a last result in one text, such as "eof fail 0".
 inline std::string Outcome(std::ios::iostate state, int lastResult) {
     const auto bit = [&](std::ios::iostate mask, const char* name) { return (state & mask) != 0 ? name : ""; };
     return std::string(bit(std::ios::badbit, "bad ")) + bit(std::ios::eofbit, "eof ") + bit(std::ios::failbit, "fail ") +
@@ -29,8 +32,8 @@ inline std::string Outcome(const TStream& stream) {
     return Outcome(stream.rdstate(), stream.GetLastResult());
 }
 
-/// An operation in words, such as "read 3", "write text" or "flush". It is done through the stream, or through its buffer where the word
-/// "buffer" stands before it.
+/// An operation in words, such as "read 3", "write text" or "flush". The stream does it. With the word "buffer" before it the buffer of the
+/// stream does it.
 struct TOperation {
     TOperation(const std::string& words) : OnBuffer(words.rfind("buffer ", 0) == 0) {
         const std::size_t begin = OnBuffer ? words.find(' ') + 1 : 0;
@@ -44,7 +47,7 @@ struct TOperation {
     bool OnBuffer;
 };
 
-/// Does @p operation with @p stream. Returns its result as text.
+/// Does @p operation with @p stream. Returns the result as text.
 inline std::string Perform(TStream& stream, const TOperation& operation) {
     std::streambuf& buffer = *stream.rdbuf();
     const auto is = [&](const char* name) { return operation.Name == name; };
@@ -86,7 +89,8 @@ inline std::string Perform(TStream& stream, const TOperation& operation) {
     return "";
 }
 
-/// Delivers bytes that count up, so that a lost one shows; how many, and when it fails, is up to a source of random numbers.
+/// Delivers bytes that count up, so that a lost byte shows. A source of random numbers decides how many bytes each call delivers or takes,
+/// and when a call fails.
 class TRandomTransport final : public TStream::TInterface {
 public:
     using TSource = std::function<unsigned int()>;
@@ -119,15 +123,16 @@ private:
     std::string Log;
 };
 
-/// What a stream does, told with strings.
+/// A model of a stream, whose buffers are strings.
 struct TStreamModel {
     TStream::TInterface& Transport;
     unsigned int Size;
     std::string Input{}, Pending{};
-    std::size_t At = 0; ///< consumed of the input
+    std::size_t At = 0; ///< how much of the input is consumed
     std::ios::iostate State = std::ios::goodbit;
-    int Last = 0;
+    int Last = 0; ///< the last transport result
 
+    /// Notes the result of a call of the transport. Returns whether bytes went over.
     bool Note(int result) {
         Last = std::min(result, 0);
         if (result < 0)
@@ -135,6 +140,7 @@ struct TStreamModel {
         return result > 0;
     }
 
+    /// Returns the next byte of the input, or EndOfFile.
     int Next(bool consume) {
         if (Size != 0 && At == Input.size()) {
             std::string fresh(Size, ' ');
@@ -149,6 +155,8 @@ struct TStreamModel {
         return Size == 0 ? EndOfFile : static_cast<unsigned char>(Input[consume ? At++ : At]);
     }
 
+    /// Offers @p text to the transport and takes away what the transport took. Returns whether it took anything, or there was nothing to
+    /// take.
     bool Offer(std::string& text) {
         if (text.empty())
             return true;
@@ -181,9 +189,10 @@ struct TStreamModel {
     }
 };
 
+/// Does @p operation with @p model. Returns the result as text.
 inline std::string Perform(TStreamModel& model, const TOperation& operation) {
     const auto is = [&](const char* name) { return operation.Name == name; };
-    const bool onStream = !operation.OnBuffer; // whose operations set bits of their own
+    const bool onStream = !operation.OnBuffer; // the stream's operations set bits of their own
     const auto fail = [&](std::ios::iostate bits) { model.State |= onStream ? bits : std::ios::goodbit; };
     const std::string& argument = operation.Argument;
     const auto number = static_cast<unsigned int>(operation.Number());
@@ -234,8 +243,8 @@ inline std::string Perform(TStreamModel& model, const TOperation& operation) {
 /// A stream and its model side by side, over transports that answer alike.
 class TStreamWalk {
 public:
-    /// What Step takes; "write" takes a text and the others a number, which most leave alone. The seeds count on this order. Those that are
-    /// done through the stream only come last, the last three of them with new buffers.
+    /// The operations that Step takes. "write" takes a text, and every other operation takes a number, which most ignore. The seeds of the
+    /// fuzz target depend on this order. The last four are operations of the stream alone, and the last three of these change its buffers.
     static constexpr const char* Operations[] = {"peek",  "get",  "read",  "unget",    "write",   "flush",
                                                  "write", "read", "clear", "allocate", "destroy", "doallocate"};
     static constexpr unsigned int OperationCount = 12;
@@ -243,19 +252,19 @@ public:
     TStreamWalk(unsigned int size, const TRandomTransport::TSource& random)
         : Transport(random), Expected(random), Stream(std::make_unique<TStream>(Transport, size)), Model{Expected, std::max(size, 1u)} {}
 
-    /// Does an operation with both, through the stream where that is asked for and the stream is good. Both outcomes, which are to be
-    /// equal: result, state and the transport's calls.
+    /// Does an operation with both: through the stream if @p onStream and the stream is good, else through the buffer. Returns both
+    /// outcomes, which must be equal: result, state and the calls of the transport.
     std::pair<std::string, std::string> Step(const std::string& words, bool onStream) {
         TOperation operation(words);
         if (operation.Name == "unget" && Model.Input.empty())
-            operation = TOperation("clear"); // what would come back is whatever the buffer holds
+            operation = TOperation("clear"); // without input, the result of unget would be whatever the buffer holds
         operation.OnBuffer = operation.Name == "unget" || !onStream || !Stream->good();
         const std::string result = Perform(*Stream, operation), expected = Perform(Model, operation);
         return {words + ": " + result + " " + Outcome(*Stream) + " " + Transport.TakeLog(),
                 words + ": " + expected + " " + Outcome(Model.State, Model.Last) + " " + Expected.TakeLog()};
     }
 
-    /// The same for the end of the stream, which comes with this.
+    /// Destroys the stream. Returns the calls of both transports at that, which must be equal.
     std::pair<std::string, std::string> End() {
         Stream.reset();
         Model.Sync();

@@ -1,6 +1,9 @@
 #ifndef KEST_MODELS_TEMPORARY_DIRECTORY_H
 #define KEST_MODELS_TEMPORARY_DIRECTORY_H
 
+/// @file
+/// A directory for a test or a fuzz target.
+
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -9,7 +12,8 @@
 
 namespace Kest::Test {
 
-/// An empty directory of the test's own, with a short path so that sockets fit in. Removed with all it holds.
+/// Makes an empty directory of the test's own. The path is short, so that it fits into the address of a socket. The destructor removes the
+/// directory with all that it holds.
 class TTemporaryDirectory {
 public:
     TTemporaryDirectory() : Path((std::filesystem::temp_directory_path() / "kest-XXXXXX").string()) {

@@ -1,6 +1,9 @@
 #ifndef KEST_MODELS_UTF8_MODEL_H
 #define KEST_MODELS_UTF8_MODEL_H
 
+/// @file
+/// The rules of the text conversions once more, written with divisions and as plainly as possible, to compare the library with.
+
 #include <kest/text/utf8_codec.h>
 
 #include <algorithm>
@@ -9,7 +12,6 @@
 #include <string>
 #include <vector>
 
-/// The rules of the text conversions once more, as plainly as they can be said, with divisions.
 namespace Kest::Test {
 
 using TWide = std::basic_string<wchar_t>;
@@ -17,7 +19,7 @@ using TWide = std::basic_string<wchar_t>;
 inline std::string ModelOfEncoding(const TWide& text) {
     std::string bytes;
     for (const wchar_t each : text.substr(0, text.find(L'\0'))) {
-        // A wchar_t is no char, it has 32 bits here: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
+        // A wchar_t has 32 bits here and is no char: NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c)
         const auto unit = static_cast<std::uint32_t>(each);
         if (unit >= 2048)
             bytes += static_cast<char>((224 | unit / 4096) % 256);
@@ -33,7 +35,7 @@ inline std::size_t ModelOfLength(const std::string& text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), counts));
 }
 
-/// All that the bytes decode to, whatever the room.
+/// All code units that the bytes decode to, without a limit.
 inline TWide ModelOfDecoding(const std::string& text) {
     const auto byte = [&](std::size_t index) { return std::uint32_t{static_cast<unsigned char>(text[index])}; };
     TWide units;
