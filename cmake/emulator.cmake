@@ -1,8 +1,8 @@
-# Where the system itself does not run what is built, the tests run under qemu's emulation of a process, which is said when the build is
-# configured: another processor's programs, and 32-bit ones on an x86-64 kernel without them. Set CMAKE_CROSSCOMPILING_EMULATOR to choose
-# another emulator, to nothing for none.
-# Limits of the emulation: a program that starts another one of its kind has to start it with $KEST_EMULATOR, which is set in programs that
-# are emulated, and there is no search for leaks, which needs ptrace.
+# Where this system does not run the programs of the build, the tests run under qemu's emulation of a process. That concerns programs for
+# another processor, and 32-bit programs on an x86-64 kernel that does not run them. CMake says so when it configures the build. Set
+# CMAKE_CROSSCOMPILING_EMULATOR to choose another emulator, or to nothing for none.
+# Limits of the emulation: an emulated program has to start another program of the build with $KEST_EMULATOR, which is set in its
+# environment. The search for leaks does not work, since it needs ptrace.
 if(DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
     return()
 endif()
@@ -17,7 +17,7 @@ if(CMAKE_CROSSCOMPILING)
 elseif(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(source "${CMAKE_CURRENT_BINARY_DIR}/runs.cpp")
     file(WRITE "${source}" "int main() { return 0; }\n")
-    # Without flags: under a sanitizer the program might fail for another reason.
+    # No flags: with a sanitizer the program might fail for another reason.
     execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -m32 "${source}" -o "${source}.out" RESULT_VARIABLE result)
     if(result EQUAL 0)
         execute_process(COMMAND "${source}.out" RESULT_VARIABLE result ERROR_QUIET)

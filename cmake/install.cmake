@@ -1,5 +1,5 @@
-# The headers, the library, the CMake package and kest.pc. Component "runtime" is what a program needs to run, "development" what it
-# needs to be built.
+# Installs the headers, the library, the CMake package and kest.pc. The component "runtime" is what a program needs to run, the component
+# "development" what a program needs to be built.
 include(CMakePackageConfigHelpers)
 
 # Headers that only the library's own sources include.
@@ -45,7 +45,7 @@ write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/kestConfigVersion.
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kestConfig.cmake" "${CMAKE_CURRENT_BINARY_DIR}/kestConfigVersion.cmake"
     DESTINATION "${package_folder}" COMPONENT development)
 
-# kest.pc finds its prefix from where it lies, so the tree may be installed with another prefix, or moved.
+# kest.pc computes its prefix from its own place, so the tree may be installed with another prefix, or moved.
 set(pc_folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
     set(PC_PREFIX "${CMAKE_INSTALL_PREFIX}")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What Doxygen reads in place of a file: filter.py FILE.
+"""Prints what Doxygen reads in place of a file: filter.py FILE.
 
 A header is put under its subject of the reference (reference.dox). A page of the manual gets links to the pages before and after it, in the
 order of the tree (layout.xml).
@@ -8,19 +8,19 @@ import pathlib
 import re
 import sys
 
-# A header that is not here belongs to the subject that is called like its folder.
+# A header that is not listed belongs to the subject with the name of its folder.
 SUBJECTS = {"exception": "errors", "time": "time", "stream": "streams", "socket_stream": "streams", "socket_errors": "socket_errors",
             "cancellation": "threads", "mapper": "tools", "singleton": "tools"}
 FOLDERS = {"filesystem": "files", "net": "sockets", "interface": "interfaces", "foundation": "tools"}
 
 
 def header(path, text):
-    text = re.sub(r"^ +[^/\n]*= default;$", "", text, flags=re.M)  # a class says what a copy of it does
-    # Behind @throw, these would be shown as that exception's.
+    text = re.sub(r"^ +[^/\n]*= default;$", "", text, flags=re.M)  # the comment of a class says what a copy does
+    # Behind @throw, Doxygen would show these as a part of the exception.
     text = re.sub(r"^( *///) (Requires|Waits|Threads): ", r"\1 @par \2\n\1 ", text, flags=re.M)
     subject = SUBJECTS.get(path.stem) if path.parent.name != "interface" else None
     subject = subject or FOLDERS.get(path.parent.name, path.parent.name)
-    if path.parent.name == "kest":  # what includes or defines, and has no classes
+    if path.parent.name == "kest":  # kest.h, version.h and export.h have no classes
         return text
     def begin(found):
         is_tool = re.search(r"_Template|_Gadgets", found[0]) and subject != "streams"

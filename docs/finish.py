@@ -1,20 +1,20 @@
 #!/usr/bin/env python3
 """Finishes the manual that Doxygen has written: finish.py FOLDER_OF_THE_PAGES.
 
-Doxygen's search finds what begins with the text that is typed. Here each of its lists also gets the names that have the text within, so that
-"timeout" finds SetReceiveTimeout. Pages that list the members of a class once more go, and the page of a header names its classes before
-what they are made with.
+Doxygen's search finds names that begin with the typed text. This script adds each name to the lists under the ends of the name too, so that
+"timeout" finds SetReceiveTimeout. It removes pages that only list the members of a class again. It puts classes that programs use before
+the tools of the library on the page of a header.
 """
 import html
 import pathlib
 import re
 import sys
 
-SHORTEST = 3  # letters of a name's end that are worth a search
+SHORTEST = 3  # letters that the end of a name must have to be listed
 
 
 def encoded(name):
-    """A name as Doxygen's lists have it."""
+    """A name as Doxygen's lists write it."""
     return re.sub(r"[^a-z0-9\u0080-\uffff]", lambda each: f"_{ord(each[0]):02x}", name.lower())
 
 
@@ -33,7 +33,7 @@ def headings_of(path):
 
 
 def widen(root, section, letters):
-    """Writes the lists of a section anew, a letter each, with further entries for the ends of each name. Returns the letters."""
+    """Writes the lists of a section anew, one for each letter, with further entries for the ends of each name. Returns the letters."""
     search = root / "search"
     lists = {letter: list(entries_of(search / f"{section}_{place:x}.js")) for place, letter in enumerate(letters)}
     names = [entry for entries in lists.values() for entry in entries]

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Makes pages for man of what Doxygen has written for it: finish_man.py FOLDER VERSION.
+"""Turns what Doxygen has written for man into pages for man: finish_man.py FOLDER VERSION.
 
-What is left is a page for each class that programs name, called as they call it within its namespace: TSocket, TSocket::TAddress, ETimeout,
-and Interface::TSocket for the class to program against. The pages of files, namespaces, guides and of what classes are made with go.
+Each class that programs name keeps a page, under the name that programs use within the namespace: TSocket, TSocket::TAddress, ETimeout, and
+Interface::TSocket for the abstract class. The pages of files, namespaces, guides and tools of the library are removed.
 """
 import pathlib
 import re
@@ -12,7 +12,7 @@ NAMESPACES = r"Kest::(System::)?(Interface::_Socket::)?"
 
 
 def name_of(text):
-    """How programs call the class that a page is about, or nothing when it is about something else."""
+    """The name by which programs call the class of a page, or nothing when the page is about something else."""
     name = re.search(r"\n\.SH NAME\n(\S.*?)(?: \\- .*)?\n", text)
     name = name[1].replace("\\&", "").strip() if name else ""
     found = re.fullmatch(NAMESPACES + r"((?:Interface::)?[TE]\w+(?:::\w+)*)(?:<.*>)?", name)
@@ -20,7 +20,7 @@ def name_of(text):
 
 
 def rows(found):
-    """Doxygen has no tables for man: a table's rows, and then the cells, stand in one line."""
+    """Doxygen writes no tables for man: it puts the rows of a table, and the cells of a row, into one line."""
     text = ""
     for row in re.split(r" {4,}", found[0].strip()):
         key, _, rest = row.partition("   ")
@@ -41,7 +41,7 @@ def finished(text, name, version):
 
 def main():
     folder, version = pathlib.Path(sys.argv[1]), sys.argv[2]
-    for path in folder.glob("*.3kest"):  # a class that is gone leaves none
+    for path in folder.glob("*.3kest"):  # else pages of a removed class would stay
         path.unlink()
     for path in folder.glob("*.3"):
         text = path.read_text(encoding="utf-8")

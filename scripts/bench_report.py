@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Makes the tables, the page and the plots of a run of the benchmarks. Called by bench.sh.
 
-Measurements are named workload/variant/who[/size]; what differs in who alone is set beside each other. A goal is a line of
-bench_goals.csv: the ratio that it is about, and what that should be at most, for 64 or for 32 bits; beside it the reason why it is missed,
-where it is. "1000+" as its size means 1000 and more; "others" as what is compared with means the fastest of them; "spread" as what to reach
-means within what the repetitions of the one compared with are apart. A goal that no measurement of its topic is about counts as missed.
+Measurements are named workload/variant/who[/size]. Measurements that differ only in who make one row. A goal is a line of bench_goals.csv: a
+ratio, its largest good value, the bits (64 or 32), and for a goal that is missed the reason. The size "1000+" means 1000 and more. A ratio to
+"others" compares with the fastest of them. The value "spread" is reached within the spread of the repetitions of the compared one. A goal
+without a measurement in its topic counts as missed.
 """
 import argparse
 import collections
@@ -26,7 +26,7 @@ FIRST = ["limit", "kest", "std"]
 OWN = ["limit", "kest", "kest-avx512", "kest-avx2", "kest-sse4", "kest-portable", "loop"]
 NARROW = "\u00a0" # between a number and its unit, which stay together
 MOST_PERCENT = 350 # that the first picture shows
-# Told apart on white and on black.
+# Colours that can be told apart on white and on black.
 COLORS = dict(limit="#888888", kest="#d62728", std="#3a87c8", poco="#2ca02c", apr="#9467bd", boost="#d9700a")
 MORE_COLORS = ["#a0705f", "#d059ac", "#97982a", "#1798a8", "#7f8fc8", "#5f9f52", "#b0803f", "#7d7d7d"]
 NAMES = dict(limit="bare calls", kest="Kest", std="standard library", poco="POCO", apr="APR", boost="Boost", glib="GLib", icu="ICU")
@@ -76,7 +76,7 @@ def read_topic(path):
         if entry.get("error_occurred"):
             raise SystemExit(f"bench: {entry['name']}: {entry['error_message']}")
         name = entry["run_name"].split("/")
-        # Google Benchmark adds how it measured: process_time, real_time, manual_time, threads:2, iterations:1, repeats:3.
+        # Google Benchmark adds to the name how it measured: process_time, real_time, manual_time, threads:2, iterations:1, repeats:3.
         parts = [each for each in name if ":" not in each and not each.endswith("_time")]
         workload, variant, who = parts[:3]
         case = Case(workload, variant, int(parts[3]) if len(parts) > 3 else None)

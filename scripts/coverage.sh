@@ -1,7 +1,7 @@
 #!/bin/bash
 # Runs the tests and tells which lines and branches of kest/ they ran: a table of lines and a table of branches, with a row for each file, then
-# a summary. Each row names the lines that have something that never ran. Branches that only an exception takes are left out. The report for a browser is
-# build/coverage/report/index.html.
+# a summary. Each row names the lines that have something that never ran. Branches that only an exception takes are left out.
+# build/coverage/report/index.html is the report for a browser.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 (($# == 0)) || { echo "usage: coverage.sh" >&2; exit 2; }

@@ -1,23 +1,23 @@
 #!/usr/bin/env python3
-"""Keeps docs/faults.md true, and the calls that tests can make fail complete.
+"""Checks docs/faults.md against the tests, and that the tests can make every call fail.
 
 usage: page.py PAGE NM LIBRARY PROGRAM...
 
-PROGRAM, behind an emulator where there is one, tells its calls and its cases. Fails when a call has no case, when the page and the cases
-differ, or when the library imports a call that the program does not stand in front of. With KEST_WRITE_PAGE set in the environment the
-table of the page is written instead of compared.
+PROGRAM, under an emulator where there is one, lists its calls and its cases. The check fails when a call has no case, when the page and the
+cases differ, and when the library imports a call that the program does not define. With KEST_WRITE_PAGE set in the environment the script
+writes the table of the page instead of comparing it.
 """
 import os
 import re
 import subprocess
 import sys
 
-# What a library of this language imports besides calls of the system. Without the optimiser the order of bytes is changed by a call,
-# and where the runtime knows no cancellation pthread_exit goes on with one.
+# What a library in C++ imports besides calls of the system. Without the optimiser a call changes the order of bytes. With libc++ the library
+# calls pthread_exit to go on with a cancellation.
 LANGUAGE = re.compile(r"_Z|__cxa_|_ITM_|_Unwind_|__g(cc|xx)_|__gmon_start__|__dynamic_cast|__stack_chk_(fail|guard)|__getauxval$|__aeabi_|__errno_location|abort$|__assert_fail$|"
                       r"__(u?div|u?mod)[dt]i\d$|_*w?(mem|str)[a-z]+(_chk)?$|__(asan|tsan|ubsan|sanitizer)_|__tls_get_addr|__cpu_|bcmp$|"
                       r"__libc_single_threaded$|pthread_exit$|_GLOBAL_OFFSET_TABLE_$|[hn]to[hn]s$")
-# What fails by itself when it is asked for what is not there. Sanitizers need this one before any code of a program can run.
+# A call that fails by itself when the test asks for a symbol that does not exist. Sanitizers need it before any code of a program can run.
 REAL = ["dlsym"]
 BEGIN, END = "<!-- cases -->\n", "<!-- end -->\n"
 
