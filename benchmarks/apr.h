@@ -6,7 +6,7 @@
 
 namespace Kest::Benchmark {
 
-/// A pool of the Apache Portable Runtime, which everything of it is made in; the first one starts it.
+/// A pool of the Apache Portable Runtime, in which all its objects are made. The first pool starts the runtime.
 class TAprPool {
 public:
     TAprPool() {

@@ -1,4 +1,4 @@
-// Conditions: two threads that wake each other in turns, and a signal that finds nobody waiting.
+// Conditions: two threads that wake each other in turns, and a signal for which nobody waits.
 #include <benchmarks/topic.h>
 #include <kest/threads/condition.h>
 #include <kest/threads/mutex.h>
@@ -123,7 +123,7 @@ private:
 };
 #endif
 
-/// One iteration is there and back: this thread wakes the other and waits until that has woken it.
+/// One iteration is there and back: this thread wakes the other thread, and waits until the other thread has woken it.
 template <class TMonitor>
 void ThereAndBack(benchmark::State& state) {
     enum TTurn { Here, There, Over };

@@ -26,7 +26,7 @@ namespace {
 
 // A server of each kind: it listens on the loopback interface, and each call connects to it once.
 
-/// The library's calls in their order, bare.
+/// The bare calls that the library makes, in their order.
 class TBareServer {
 public:
     void ConnectOnce() {
@@ -98,7 +98,7 @@ public:
     }
 
     void ConnectOnce() {
-        const TAprPool pool; // closes both
+        const TAprPool pool; // closes both sockets
         apr_socket_t* client = nullptr;
         apr_socket_t* server = nullptr;
         (void)::apr_socket_create(&client, APR_INET, SOCK_STREAM, APR_PROTO_TCP, pool.Get());

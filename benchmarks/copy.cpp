@@ -1,4 +1,4 @@
-// Copying a file within the disk, within memory and from one to the other, and renaming one.
+// Copying a file within the disk, within memory and from disk to memory, and renaming a file.
 #include <benchmarks/topic.h>
 #include <kest/filesystem/file.h>
 
@@ -59,7 +59,7 @@ void StreamCopy(const std::string& from, const std::string& to) {
     out << in.rdbuf();
 }
 
-/// The look afterwards tells a move from two links of one file, for which the system does nothing.
+/// The look at the end tells a move from a rename of two links of one file, for which the system does nothing.
 void BareRename(const std::string& from, const std::string& to) {
     struct stat source {};
     (void)std::rename(from.c_str(), to.c_str());
@@ -168,7 +168,7 @@ void AddRename(const std::string& variant, const std::string& who, const TFolder
 void Add(const std::string& who, const TFolders& disk, const TFolders& memory, TOperation* copy, TOperation* rename) {
     AddCopy("disk", who, disk, disk, copy);
     AddCopy("memory", who, memory, memory, copy);
-    if (who != "boost") // it leaves a copy from one file system to another to the caller
+    if (who != "boost") // Boost leaves a copy from one file system to another to the caller
         AddCopy("across", who, disk, memory, copy);
     if (rename != nullptr) {
         AddRename("disk", who, disk, rename);

@@ -1,5 +1,5 @@
-// Listing a directory from its opening to its closing, each entry's name looked at: on the disk, and in memory, where the system's share is
-// smallest.
+// Listing a directory from opening to closing, with a look at the name of each entry: on the disk, and in memory, where the system's share
+// is smallest.
 #include <benchmarks/topic.h>
 #include <kest/filesystem/directory.h>
 
@@ -83,7 +83,7 @@ std::size_t AprListing(const std::string& path) {
 }
 #endif
 
-/// A directory of so many files: names of one, made when they are first needed.
+/// A directory with so many files: names of one file, which are made when they are first needed.
 class TFilled {
 public:
     TFilled(TFolder::TPlace place, std::int64_t count) : Folder(place), Count(count) {}

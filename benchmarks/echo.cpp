@@ -107,7 +107,7 @@ private:
 #endif
 
 #ifdef KEST_BENCHMARK_BOOST
-/// Knows no limits.
+/// This peer has no limits.
 class TBoostSocket {
 public:
     TBoostSocket(int descriptor, int family, bool) : Socket(Context) {
@@ -178,8 +178,8 @@ void ThereAndBack(benchmark::State& state, std::int64_t size, int family, bool i
     state.SetLabel(OnOneProcessor);
 }
 
-/// One iteration sends a message at one end and receives it at the other: with two threads it would be the system's scheduler that decides
-/// how many calls that takes.
+/// One iteration sends a message at one end and receives it at the other end. With two threads the system's scheduler would decide how many
+/// calls that takes.
 template <class TSocket>
 void OneWay(benchmark::State& state, std::int64_t size, int family, bool isLimited) {
     const auto ends = Connect(family);

@@ -29,7 +29,7 @@ namespace Kest::Benchmark {
 
 namespace {
 
-// The state that each is asked for is what the file is, its size and when it was modified.
+// Each peer is asked for the type of the file, its size and the time of its last modification.
 
 void BareState(const std::string& path) {
     struct stat status {};

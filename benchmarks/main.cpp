@@ -56,8 +56,8 @@ TFolder::~TFolder() {
 
 namespace {
 
-/// A second thread that sleeps while the program measures. In a process with one thread the C library and the standard library leave the
-/// atomic instructions out, and locks would cost less than in any program that needs them.
+/// A second thread that sleeps while the program measures. In a process with one thread the C library and the standard library leave
+/// out atomic instructions, and locks would cost less than in a program that needs locks.
 class TSleeper {
 public:
     TSleeper() : Thread([this] { Sleep(); }) {}

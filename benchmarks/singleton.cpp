@@ -16,7 +16,7 @@ namespace {
 
 class TObject {
 public:
-    TObject() { benchmark::DoNotOptimize(Number); } // so that it is not made before the program runs
+    TObject() { benchmark::DoNotOptimize(Number); } // else it might be made before the program runs
 
 private:
     int Number = 0;

@@ -2,16 +2,16 @@
 //
 // In rounds, every client opens a connection to a server thread of its own, over TCP on the loopback interface or over the file system;
 // when all are open at once, they talk. A client sends frames of random bytes, a server answers each with all its bits turned over, and
-// both check what comes. Meanwhile most connections are disturbed, each in its way:
+// both check what comes. Most connections are disturbed meanwhile, each in one of these ways:
 //
 //   calm          not at all; with limits at both ends, so through the timed loops of the library
-//   interrupted   signals hit the client's thread in the middle of its calls, which it then makes again
+//   interrupted   signals interrupt calls of the client's thread, which the client makes again
 //   half-closed   the client shuts down sending when its last frame is out and reads the answer after that
 //   cut           the client or the server resets the connection (SO_LINGER 0) somewhere in a frame
 //
 // Every byte of the first three has to arrive; a connection that is cut ends early, but delivers no wrong byte. At the end no descriptor,
-// thread or lock may be left, and memory has to be what it was after the first rounds. Prints one line of figures, after lines that say
-// what is wrong, if anything is, and fails then.
+// thread or lock may be left, and memory has to be what it was after the first rounds. Prints a line for each fault, then one line of
+// figures. Fails when there was a fault.
 #include <kest/kest.h>
 #include <support/descriptors.h>
 #include <support/helper_thread.h>
@@ -36,8 +36,8 @@ using namespace Kest::Test;
 namespace {
 
 constexpr double Limit = 120.0;        ///< in seconds, for what should never take that long
-constexpr int LowDescriptors = 1100;   ///< occupied, so that every socket is beyond the 1024 that an fd_set holds
-constexpr unsigned SendBuffer = 16384; ///< of the system's, in bytes: less than many a frame, so that calls block and send in parts
+constexpr int LowDescriptors = 1100;   ///< are occupied, so that every socket is beyond the 1024 that an fd_set holds
+constexpr unsigned SendBuffer = 16384; ///< the system's, in bytes: smaller than many frames, so that calls block and send in parts
 constexpr int WarmUpRounds = 2;        ///< after which memory has to stay as it is
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -48,8 +48,8 @@ constexpr long MemoryGrowth = 16; ///< in MiB; the heap's pools and the stacks k
 
 struct TFigures {
     std::atomic<std::int64_t> Connections{0};
-    std::atomic<std::int64_t> Bytes{0}; ///< that came and were right, at both ends
-    std::atomic<std::int64_t> Lost{0};  ///< that did not come though they had to, or were wrong
+    std::atomic<std::int64_t> Bytes{0}; ///< that came right, at both ends
+    std::atomic<std::int64_t> Lost{0};  ///< that should have come and did not, or were wrong
     std::atomic<std::int64_t> InterruptedCalls{0};
     std::atomic<std::int64_t> HalfCloses{0};
     std::atomic<std::int64_t> Cuts{0};
@@ -105,7 +105,7 @@ private:
 
 constexpr unsigned LongestFrame = 1U << 18;
 
-/// What one connection is like; both ends find it out from the number that the client sends first.
+/// What happens to one connection. Both ends compute it from the number that the client sends first.
 struct TPlan {
     enum TKind { Calm, Interrupted, HalfClosed, CutByClient, CutByServer, Kinds };
 
@@ -124,7 +124,7 @@ struct TPlan {
 
     std::mt19937 Random;
     TKind Kind;
-    unsigned Frames, CutAt; // in the order in which they depend on each other
+    unsigned Frames, CutAt; // each depends on those before it
     bool IsUnbuffered;
     unsigned BufferSize;
 };
@@ -188,7 +188,7 @@ private:
         }
     }
 
-    /// Without a send limit a signal may also cut a call short that has sent a part: without one, the call sends all.
+    /// Flushes until no signal came: without a send limit a signal may end a call that has sent only a part.
     void Flush() {
         for (;;) {
             const auto before = Signals;
@@ -282,7 +282,7 @@ void RunServer(TSocket& socket, unsigned seed) {
             }
             channel.Send(answer);
         }
-    } catch (const TEnd&) { // as every conversation ends; what is missing then is the client's to know
+    } catch (const TEnd&) { // every conversation ends so; the client knows what is missing
     }
 }
 
@@ -319,7 +319,7 @@ void RunRound(TListener& inet, TListener& fs, TTargets& targets, unsigned seed, 
         for (unsigned number = first; number != first + clients; ++number) {
             TListener& listener = number % 2 == 0 ? inet : fs;
             TSocket::TAddress peer("");
-            std::shared_ptr<TSocket> socket(new TSocket(listener.Socket.Accept(peer))); // closed by the thread that it is moved to
+            std::shared_ptr<TSocket> socket(new TSocket(listener.Socket.Accept(peer))); // the thread that gets the socket closes it
             serverThreads.push_back(StartThread([socket = std::move(socket), seed]() mutable {
                 RunServer(*socket, seed);
                 socket.reset();
@@ -392,7 +392,7 @@ bool IsHeld(TMutex& mutex) {
     return false;
 }
 
-/// Says what must not be; true when it is.
+/// Prints what is wrong, and returns whether anything is.
 bool IsWrong(bool isWrong, const std::string& what) {
     if (isWrong)
         std::cerr << "soak: " << what << "\n";

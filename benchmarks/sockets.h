@@ -17,8 +17,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/// What the topics about sockets share. Connections are made with bare calls and handed to the one who is measured, so that all have the
-/// same. Everything stays on the loopback interface or within the machine.
+/// What the topics about sockets share. Bare calls make the connections, and each library that is measured gets one, so that all measure
+/// alike. Everything stays on the loopback interface or within the machine.
 namespace Kest::Benchmark {
 
 /// In seconds; never reached.
@@ -52,7 +52,7 @@ struct TListener {
     sockaddr_in Address{};
 };
 
-/// The two descriptors of a new connection of the family: TCP without delay, or "fs". Whoever is handed one closes it.
+/// The two descriptors of a new connection of the family: TCP without delay, or "fs". The caller closes both.
 inline std::array<int, 2> Connect(int family) {
     std::array<int, 2> ends{};
     if (family == AF_UNIX) {
@@ -69,8 +69,8 @@ inline std::array<int, 2> Connect(int family) {
     return ends;
 }
 
-/// The calls of the library's sockets in their order, bare: a wait before each receive, and with limits the clock before each send, which
-/// then must not block.
+/// The bare calls that the library's sockets make, in their order: a wait before each receive, and with limits the clock before each send,
+/// which must not block then.
 class TBareSocket {
 public:
     TBareSocket(int descriptor, int, bool isLimited) : Descriptor(descriptor), IsLimited(isLimited) {}
@@ -86,7 +86,7 @@ public:
         return static_cast<int>(::recv(Descriptor, buffer, size, MSG_NOSIGNAL));
     }
 
-    /// All of it with a limit, else what the system takes.
+    /// Sends everything with a limit, and without one what the system takes.
     int Send(const void* data, unsigned size) const {
         if (!IsLimited)
             return static_cast<int>(::send(Descriptor, data, size, MSG_NOSIGNAL));

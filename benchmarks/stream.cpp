@@ -37,9 +37,9 @@ std::string MakeText() {
 const std::string Text = MakeText();
 const std::string Line = Text.substr(0, LineSize - 1);
 
-// The transports. Their calls are those of _Gadgets::TStream::TInterface.
+// The transports. They have the calls of _Gadgets::TStream::TInterface.
 
-/// In memory: it gives the text, again and again, and takes anything.
+/// A transport in memory, which gives the text again and again, and takes anything.
 class TMemory final : public _Gadgets::TStream::TInterface {
 public:
     int Read(void* buffer, unsigned size) override {
@@ -146,7 +146,7 @@ private:
     _Gadgets::TStream Both;
 };
 
-/// The standard library's stream over a string is its own transport, and begins anew with each iteration.
+/// The standard library's stream over a string needs no transport, and begins anew with each iteration.
 class TStringStream {
 public:
     TStringStream(int, std::size_t) : Both(Text) {}
@@ -177,7 +177,7 @@ class TBoostOverSocket {
 public:
     TBoostOverSocket(int descriptor, std::size_t) {
         Both.socket().assign(boost::asio::ip::tcp::v4(), descriptor);
-        (void)Both.unsetf(std::ios_base::unitbuf); // set by default: a call for each character that is put
+        (void)Both.unsetf(std::ios_base::unitbuf); // set by default: each character would be a call
     }
     std::iostream& Stream() { return Both; }
 

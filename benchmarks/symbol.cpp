@@ -1,4 +1,4 @@
-// Looking a symbol of a dynamic library up. All look in this library itself, for the name of a function of it.
+// Looking up a symbol of a dynamic library. All peers look for a function of Kest in Kest's own library.
 #include <benchmarks/topic.h>
 #include <kest/process/dll.h>
 

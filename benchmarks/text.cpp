@@ -1,5 +1,5 @@
-// UTF-8 to UCS-2 and back. The limit is what no conversion can do without: a new string, filled by a plain copy of as many bytes as lie
-// between those that are read and those that are written.
+// UTF-8 to UCS-2 and back. The limit is what every conversion needs at least: a new string, filled by a plain copy of a number of bytes
+// between the number that is read and the number that is written.
 #include <benchmarks/text_codecs.h>
 #include <benchmarks/text_samples.h>
 #include <benchmarks/topic.h>
@@ -36,7 +36,7 @@ namespace Kest::Benchmark {
 
 namespace {
 
-// Each way of converting has a name and two operations. They return what a user of it would hold in hand.
+// Each way of converting has a name and two operations. They return what a user would get.
 
 struct TKest {
     static constexpr const char* Name = "kest";
@@ -44,7 +44,7 @@ struct TKest {
     static std::string Encode(const std::wstring& text) { return System::UCSToUTF8(text); }
 };
 
-/// The rules as one would write them down: the number of characters is counted, then each is converted.
+/// The rules, written down plainly: counts the characters, then converts each.
 struct TLoop {
     static constexpr const char* Name = "loop";
 
@@ -146,7 +146,7 @@ struct TLibc {
     }
 };
 
-// Deprecated in this standard without anything in its place: it is what programs have.
+// The standard deprecates it and has nothing in its place, so programs use it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 struct TStandard {
@@ -166,7 +166,7 @@ struct TBoost {
 #endif
 
 #ifdef KEST_BENCHMARK_GLIB
-/// Its results are allocated by it, and not copied once more here.
+/// This peer allocates its results, which are not copied again here.
 struct TGlib {
     static constexpr const char* Name = "glib";
     struct TFree {
@@ -254,7 +254,7 @@ void RegisterWay(const std::string& script, std::int64_t size, const TShared& te
     RegisterCall("encode/" + script + '/' + TWay::Name, size, [text] { return TWay::Encode(text->Wide); });
 }
 
-/// Kest on processors that have no more than each codec needs; not across the boundary of the library.
+/// Kest as on processors that have no more than each codec needs, without the call into the library.
 void RegisterCodecs(const std::string& script, std::int64_t size, const TShared& text) {
     const System::_TUTF8Codec* codecs[4];
     const std::size_t count = System::_GetUTF8Codecs(codecs);
@@ -277,7 +277,7 @@ void RegisterText(const TScript& script, std::int64_t size) {
     RegisterWay<TLoop>(script.Name, size, text);
     RegisterWay<TIconv>(script.Name, size, text);
     RegisterWay<TLibc>(script.Name, size, text);
-    if (size <= 1 << 20 || sizeof(void*) > 4) // its strings outgrow 32 bits with the largest text
+    if (size <= 1 << 20 || sizeof(void*) > 4) // with the largest text its strings would not fit 32 bits
         RegisterWay<TStandard>(script.Name, size, text);
 #ifdef KEST_BENCHMARK_BOOST
     RegisterWay<TBoost>(script.Name, size, text);

@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-/// The texts that are converted: words of two to nine letters between spaces, so that nothing learns them by heart.
+/// The texts that are converted: words of two to nine letters between spaces, which no processor can predict.
 namespace Kest::Benchmark {
 
 struct TScript {
@@ -40,10 +40,10 @@ inline constexpr TScript Scripts[] = {
     {"cjk", MakeWord<0x4E00, 0x5000>},
 };
 
-/// A text of @p size bytes of UTF-8, or one or two less.
+/// A text of @p size bytes of UTF-8, or of one or two bytes less.
 inline std::string MakeText(const TScript& script, std::size_t size) {
     std::mt19937 random(7);
-    const std::size_t sentenceSize = std::min<std::size_t>(size, 1 << 20); // larger ones repeat themselves
+    const std::size_t sentenceSize = std::min<std::size_t>(size, 1 << 20); // larger texts repeat a sentence
     std::string sentence;
     while (sentence.size() < sentenceSize)
         sentence += System::UCSToUTF8(script.MakeWord(random, 2 + random() % 8)) + ' ';
@@ -52,7 +52,7 @@ inline std::string MakeText(const TScript& script, std::size_t size) {
         text += sentence;
     do
         text.resize(size--);
-    while (System::UCSToUTF8(System::UTF8ToUCS(text)) != text); // not within a character
+    while (System::UCSToUTF8(System::UTF8ToUCS(text)) != text); // a character must not be cut
     return text;
 }
 

@@ -1,4 +1,4 @@
-// A thread that does nothing, started and waited for.
+// Starting a thread that does nothing, and waiting for it.
 #include <benchmarks/topic.h>
 #include <kest/threads/thread.h>
 

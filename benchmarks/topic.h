@@ -13,34 +13,34 @@
 ///
 ///     workload/variant/who[/size]
 ///
-/// where who is "limit" for the same work done with bare calls, "kest", or the name of a peer: "std", "poco", "apr", "boost". The report
-/// sets those that differ in who alone beside each other, and puts those that differ in size alone on one curve.
+/// where who is "limit" for the work done with bare calls, "kest", or the name of a peer: "std", "poco", "apr", "boost". The report makes
+/// a row of measurements that differ only in who, and a curve of measurements that differ only in size.
 namespace Kest::Benchmark {
 
-/// Registers the measurements of the topic: written by the topic, called once by the main program.
+/// Registers the measurements of the topic. Each topic defines it, and the main program calls it once.
 void RegisterTopic();
 
-/// Whether the sizes that take seconds are wanted too: KEST_BENCHMARK_WHOLE is in the environment.
+/// Whether sizes that take seconds are measured too: KEST_BENCHMARK_WHOLE is in the environment.
 bool IsWholeRun();
 
-/// The measurement @p name of @p body, a callable that takes a benchmark::State&.
+/// Registers the measurement @p name of @p body, a callable that takes a benchmark::State&.
 template <class TBody>
 benchmark::internal::Benchmark* Register(const std::string& name, TBody body) {
     return benchmark::RegisterBenchmark(name.c_str(), std::move(body));
 }
 
-/// The same of a size, which @p body takes as its second argument and the name ends in.
+/// Registers a measurement of a size. The name ends in the size, and @p body takes it as its second argument.
 template <class TBody>
 benchmark::internal::Benchmark* Register(const std::string& name, std::int64_t size, TBody body) {
     const std::string sized = name + '/' + std::to_string(size);
     return Register(sized, [size, body](benchmark::State& state) { body(state, size); });
 }
 
-/// Keeps the calling thread on one of the processors that the process may use, while the object lives. Threads that have to wait for each
-/// other share a processor: on two, the time to wake the other one hides what is measured.
+/// Keeps the calling thread on one of the processors that the process may use, while the object lives. Threads that wait for each other
+/// share a processor: on two processors the time to wake the other thread would hide what is measured.
 class TPinned {
 public:
-    explicit TPinned(unsigned processor = 0); ///< the first, second ... of them, counted round
+    explicit TPinned(unsigned processor = 0); ///< 0 is the first; beyond the last the count begins again
     TPinned(const TPinned&) = delete;
     TPinned& operator=(const TPinned&) = delete;
     ~TPinned();
@@ -50,7 +50,7 @@ private:
     TSet* Before;
 };
 
-/// What the table says of measurements with two threads.
+/// The remark of measurements with two threads.
 inline constexpr const char* OnOneProcessor = "both threads pinned to one processor, whose time is measured";
 inline constexpr const char* OnTwoProcessors = "each thread pinned to a processor of its own";
 inline constexpr const char* NotPinned = "two threads, not pinned";
@@ -72,7 +72,7 @@ private:
     std::string Path;
 };
 
-/// Times one iteration by a clock of the system, for measurements that have something to prepare or to clear away between iterations.
+/// Times one iteration by a clock of the system, for measurements that prepare or clear away something between iterations.
 template <class TCall>
 void TimeIteration(benchmark::State& state, clockid_t clock, const TCall& call) {
     timespec begin{};

@@ -1,5 +1,5 @@
 // Preloaded into a program, lets a single allocation fail: the file that KEST_FAILING_MALLOC names begins with an int, which every
-// allocation counts down while it is positive, and the one that brings it to zero gets no memory. Whoever runs the program writes the int.
+// allocation counts down while it is positive. The allocation that brings it to zero fails. The test that runs the program writes the int.
 
 #include <atomic>
 #include <cerrno>
@@ -30,7 +30,7 @@ __attribute__((constructor)) void Begin() {
 bool Fails() {
     if (Remaining == nullptr || Remaining->load() <= 0 || Remaining->fetch_sub(1) != 1)
         return false;
-    errno = ENOMEM; // the C library counts on it
+    errno = ENOMEM; // malloc of the C library sets it
     return true;
 }
 

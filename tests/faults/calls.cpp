@@ -73,7 +73,7 @@ TResult Failure(TCall call, const TRule& rule) {
         return static_cast<TResult>(result);
 }
 
-/// Keeps the handle of a new thread until the call that made the thread returns, as the system may.
+/// Gives the handle of a new thread only when pthread_create returns, as the system may do.
 class TLateHandle {
 public:
     explicit TLateHandle(pthread_t* place) : Place(place) {}
@@ -122,7 +122,7 @@ const TRule* TPlan::Note(TCall call, const TDetail& detail) {
         return nullptr;
     const TArmed unarmed(nullptr);
     if (plan->Made == std::size(plan->Entries))
-        std::abort(); // a plan is for a few calls
+        std::abort(); // a plan has room for a few calls
     plan->Entries[plan->Made++] = {call, detail};
     const int number = plan->CountOf(call);
     for (const TRule& rule : plan->Rules) {
@@ -212,7 +212,7 @@ TEST(Fault, CasesAreListed) {
 // NOLINTEND(bugprone-macro-parentheses)
 #include "call_table.h"
 
-/// Looking a call up forgets the loader's last failure, so this one is looked up before there is any.
+/// A look-up forgets the loader's last failure, so dlerror itself is looked up before any failure.
 [[maybe_unused]] auto* const LoaderText = Real_dlerror.Get();
 
 } // namespace

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-/// The program defines the calls of call_table.h in front of those of the C library: whoever in the process makes one comes here first.
+/// The program defines the calls of call_table.h in front of the C library's: every call that the process makes comes here first.
 /// Without a plan a call goes straight on to the C library.
 namespace Kest::Test {
 
@@ -24,9 +24,9 @@ const char* NameOf(TCall call);
 
 /// What happens to some of the calls of one kind.
 struct TRule {
-    TRule(TCall call, int code) : Call(call), Code(code) {} ///< they fail
+    TRule(TCall call, int code) : Call(call), Code(code) {} ///< the calls fail
     TRule(TCall call, const void* result) : Call(call), Result(reinterpret_cast<std::intptr_t>(result)) {}
-    TRule(TCall call, std::function<void()> first) : Call(call), IsPassed(true), First(std::move(first)) {} ///< they are made after that
+    TRule(TCall call, std::function<void()> first) : Call(call), IsPassed(true), First(std::move(first)) {} ///< made, after @p first
 
     /// Only the calls from the @p from-th on, @p count of them.
     TRule At(int from, int count = 1) const {
@@ -35,7 +35,7 @@ struct TRule {
         rule.Count = count;
         return rule;
     }
-    /// The call is made before it fails, as closing that fails has closed, and after that @p last.
+    /// The call is made and then fails, as a close that fails has closed; @p last runs after it.
     TRule Made(std::function<void()> last = [] {}) const {
         TRule rule = *this;
         rule.IsMade = true;
@@ -50,7 +50,7 @@ struct TRule {
 
     TCall Call;
     int Code = 0;                        ///< what errno becomes, or the result of calls that return their code
-    std::optional<std::intptr_t> Result; ///< where it is not just that of a failure
+    std::optional<std::intptr_t> Result; ///< a result other than that of a failure
     int From = 1;
     int Count = INT_MAX;
     bool IsMade = false;
@@ -73,7 +73,7 @@ public:
 
     int CountOf(TCall call) const;
 
-    /// @p rule for each of the calls made, one after the other, beginning with the @p first: for that one alone.
+    /// For each of the calls made, beginning with the @p first, a @p rule for that call alone.
     std::vector<TRule> ForEach(const TRule& rule, std::size_t first = 0) const;
 
     /// The calls of these kinds in their order, with their details: "connect() select(1)".
@@ -84,7 +84,7 @@ public:
         TDetail(const char* text);
         TDetail(long number) { (void)std::snprintf(Text, sizeof Text, "%ld", number); }
 
-        char Text[20] = ""; ///< of a fixed size, as the log is: neither needs memory, which a test may have made run out
+        char Text[20] = ""; ///< of a fixed size, like the log: a test may leave no memory
     };
 
     /// Notes a call of the calling thread. Returns the rule by which it does not go on to the C library, or goes there in vain.
@@ -108,7 +108,7 @@ private:
     std::size_t Made = 0;
 };
 
-/// Locks of the system that the calling thread took less those that it released.
+/// The number of the system's locks that the calling thread holds.
 int LocksHeld();
 
 /// A case that a test has, as docs/faults.md lists it.

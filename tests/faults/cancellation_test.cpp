@@ -37,7 +37,7 @@ void CancelMyself() {
     (void)::pthread_cancel(::pthread_self());
 }
 
-/// What a cancellation point is once that has been asked.
+/// A cancellation point.
 void EndMyself() {
     CancelMyself();
     ::pthread_testcancel();
@@ -119,7 +119,7 @@ void Signal(unsigned long thread, int flags) {
 #endif
 }
 
-/// Waits in a guard that is entered so often, or once in one that is not recursive.
+/// Waits in a recursive guard that is entered so often, or, with 0, in a plain guard.
 std::function<void(TScene&)> Waiting(int entries, double limit) {
     return [=](TScene& s) {
         TMutex& guard = entries == 0 ? s.Plain : s.Guard;
@@ -270,7 +270,7 @@ struct TPlainThread : TThread {
     int Run() override { return 0; }
 };
 
-/// Leaves a scope with a running thread in it, by what @p action does.
+/// Leaves a scope with a running thread in it, by way of @p action.
 void Leaving(TScene& s, void (*action)()) {
     TGate inside;
     TFunctionThread thread([&] {
@@ -310,7 +310,7 @@ const TRow Rows[] = {
     {"wait, infinite, entered three times", Waiting(3, std::numeric_limits<double>::infinity()), true, GuardIsFree},
     {"sleep, -0.0", [](TScene&) { TThreadInstance::Sleep(-0.0); }},
     {"sleep, 1e300", [](TScene&) { TThreadInstance::Sleep(1e300); }},
-// The pthread_join of ThreadSanitizer does not bear it.
+// ThreadSanitizer's pthread_join cannot be cancelled.
 #if !defined(__SANITIZE_THREAD__) && !defined(KEST_THREAD_SANITIZER_OF_CLANG) && !defined(KEST_CALLS_WITHOUT_UNWINDING)
     {"wait for a thread", [](TScene& s) { s.Other.WaitFor(); }, true, OtherEnds},
 #endif
@@ -403,11 +403,11 @@ INSTANTIATE_TEST_SUITE_P(RowsOfStreams, CancelledThread,
                          TNameOfRow());
 
 TEST_P(CancelledThread, UnwindsAndReleasesWhatItHeld) {
-    (void)TooMuch(); // made here, not by a thread that counts its blocks
+    (void)TooMuch(); // made here, since the thread counts its blocks
     const TRow& row = GetParam();
     TScene scene(row.Before);
     auto before = Resources();
-    before.back() = LONG_MAX; // memory is counted by each thread for itself
+    before.back() = LONG_MAX; // each thread counts its own memory
     {
         std::atomic<pid_t> number{0};
         TFunctionThread thread([&] {
@@ -437,10 +437,10 @@ struct TWait {
     friend std::ostream& operator<<(std::ostream& out, const TWait& wait) { return out << wait.Name; }
 
     const char* Name;
-    std::function<std::function<std::string()>(TScene&)> Prepare; ///< gives what waits
-    const char *Plain, *Restarting;                               ///< by a handler without and with SA_RESTART
+    std::function<std::function<std::string()>(TScene&)> Prepare; ///< returns the operation that waits
+    const char *Plain, *Restarting;                               ///< with a handler without and with SA_RESTART
     TTree Tree;
-    bool EndsByGate; ///< that of the scene, and is not cancelled
+    bool EndsByGate; ///< the scene's gate ends it, and no cancellation
 };
 
 const char* const GoesOn = "goes on";
@@ -539,7 +539,7 @@ TEST_P(SignalledThread, GoesOnOrEndsWhateverTheHandler) {
         EXPECT_TRUE(FallsAsleep(number));
         Signal(thread.GetId(), flags);
         for (int tries = 0; expected != GoesOn && !isOver && tries < 5000; ++tries, TThreadInstance::Sleep(0.001))
-            (void)::pthread_kill(thread.GetId(), SIGUSR1); // the one before may have come between two waits
+            (void)::pthread_kill(thread.GetId(), SIGUSR1); // the last signal may have come between two waits
         EXPECT_TRUE(isOver || FallsAsleep(number));
         EXPECT_EQ(isOver ? outcome : GoesOn, expected);
         scene.Go.Open();

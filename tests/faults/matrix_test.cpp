@@ -18,7 +18,7 @@ const TTree Alone = {"from=content"};
 const TTree Moved = {"to=content"};
 const TTree Linked = {"from=content", "to&from"};
 
-/// An operation, what of it fails, and what comes of that: text for OutcomeOf() and Filled(), and the files afterwards.
+/// An operation, the call that fails, and the outcome: text for OutcomeOf() and Filled(), and the files afterwards.
 struct TRow {
     template <class TOperation>
     TRow(TRule rule, const char* operation, TOperation body, const char* outcome, TTree after = Usual)
@@ -26,7 +26,7 @@ struct TRow {
           Outcome(outcome), After(std::move(after)),
           Case(NameOf(Rules[0].Call), operation, *outcome == 0 ? "no failure" : (*outcome == 'E' ? "`" : "the result `") + Outcome + '`') {}
 
-    /// Another rule that is in force meanwhile.
+    /// Another rule that holds during the operation.
     TRow With(TRule rule) const {
         TRow row = *this;
         row.Rules.push_back(std::move(rule));
@@ -37,7 +37,7 @@ struct TRow {
         row.Before = std::move(tree);
         return row;
     }
-    /// The operation would not end, or not well, without the fault.
+    /// Without the fault the operation would not end, or would fail.
     TRow Once() const {
         TRow row = *this;
         row.Again = false;
@@ -101,7 +101,7 @@ void Abandon(TWorld&) {
     inside->Wait();
 }
 
-/// What a thread does, done by the calling one.
+/// Runs in the calling thread what a new thread runs.
 std::intptr_t RunHere(TWorld&) {
     TFunctionThread thread([] { return 7; });
     thread.Start();
@@ -156,7 +156,7 @@ const auto Library = [](TWorld&) { TDLL{"libc.so.6"}; };
 const TRule Far{C::rename, EXDEV}; ///< as between two file systems
 const TRule Apart{C::copy_file_range, EXDEV};
 const TRule Filtered{C::renameat2, EPERM};               ///< as in some containers
-const TRule Late = TRule(C::pthread_create, 0).Made([] { // when the others have gone as far as they get
+const TRule Late = TRule(C::pthread_create, 0).Made([] { // the other threads have gone as far as they can by then
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         const pid_t number = std::stoi(thread.path().filename());
         EXPECT_TRUE(number == ::gettid() || FallsAsleep(number));
@@ -194,7 +194,7 @@ const TRow Rows[] = {
     {{C::remove, EACCES}, "Remove", [](TWorld& w) { TFile::Remove(w.From); }, "EException: unable to remove file 'FROM': WHY"},
     {{C::rename, EACCES}, "_RenameHelper", Move, RenameFailed},
     {{C::lstat, EACCES}, "_RenameHelper, after it succeeded", Move, "", {"to=content"}},
-    // Of the two names of one file nothing is lost; a name that cannot be told from the other stays.
+    // No content of a file with two names is lost; a name that cannot be told from the other name stays.
     TRow({C::openat, EMFILE}, "_RenameHelper, of the folder of a hard link", Move, RenameFailed, Copied).On(Linked),
     TRow(TRule(C::renameat2, EPERM).At(1), "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked),
     TRow({C::mknodat, ENOSPC}, "_RenameHelper, of a hard link", Move, RenameFailed, Copied).On(Linked).With(Filtered),
@@ -308,7 +308,7 @@ TEST_P(EachCallThatFails, HasItsOutcomeAndLeaksNothing) {
     TWorld world(row.Before);
     TPlan plan(row.Rules);
     const std::string expected = Filled(row.Outcome, world, rule.Code);
-    std::string outcome(1000, '\0'); // so that it needs no memory any more
+    std::string outcome(1000, '\0'); // has its memory before the fault
     const auto before = Resources();
     outcome.assign(plan.Run([&] { return row.Body(world); }).c_str());
     ExpectNothingLeaked(before);

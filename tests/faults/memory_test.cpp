@@ -13,12 +13,12 @@ using Kest::EException;
 
 namespace {
 
-/// Runs an action without memory and, if that made it fail, with memory a check and then the action once more.
+/// Runs an action without memory. If the action failed, runs a check and then the action again, both with memory.
 using TAttempt = std::function<void(const std::function<void()>& action, const std::function<void()>& check)>;
 
 enum TEnd { Success, Failure, NoMemory = 42, Terminated }; ///< of a child process
 
-/// An operation: simply one, or one that makes its attempt between what it prepares and what it checks.
+/// An operation: an action alone, or a function that prepares, makes the attempt and checks.
 struct TRow {
     template <class TBody>
     TRow(const char* name, TBody body, bool composes = false) : Name(name), Composes(composes) {
@@ -32,10 +32,10 @@ struct TRow {
 
     const char* Name;
     std::function<void(TWorld&, const TAttempt&)> Operation;
-    bool Composes; ///< a message, for want of which the process ends; otherwise the allocation's exception leaves
+    bool Composes; ///< a message: without memory for it the process ends; otherwise std::bad_alloc leaves
 };
 
-/// Does what throws a TException. The expectation of the test library would need memory itself when another one comes.
+/// Runs an action that throws a TException. GoogleTest's own expectation would need memory when another exception comes.
 template <class TException = EException, class TBody>
 void Fail(const TBody& body) {
     try {
@@ -183,7 +183,7 @@ const TRow Rows[] = {
     {"missing library", [](TWorld&) { Fail([] { TDLL{"gone"}; }); }, Composes},
 };
 
-/// How @p row ends when the memory for @p allocations is there.
+/// How @p row ends when only @p allocations succeed.
 TEnd EndOf(const TRow& row, long allocations) {
     SCOPED_TRACE("with memory for " + std::to_string(allocations) + " allocations");
     TWorld world;
@@ -208,7 +208,7 @@ TEnd EndOf(const TRow& row, long allocations) {
 
 /// The result of @p body in a process of its own, which may be terminated.
 int InProcess(const std::function<TEnd()>& body) {
-    const TTemporaryDirectory place; // takes in those that a terminated process leaves
+    const TTemporaryDirectory place; // a terminated process leaves its directories here
     std::fflush(nullptr);
     const bool hasFailed = testing::Test::HasFailure();
     const pid_t child = ::fork();
@@ -231,7 +231,7 @@ TEST_P(AllocationThatFails, LeavesEverythingAsItWasOrEndsTheProcess) {
 #ifdef KEST_THREAD_SANITIZER_OF_CLANG
     GTEST_SKIP() << "the sanitizer's own memory does not fail";
 #endif
-    (void)TAddress("inet", "127.0.0.1:1", true).Get(true); // what is made on first use
+    (void)TAddress("inet", "127.0.0.1:1", true).Get(true); // makes what exists from the first use on
     const TRow& row = GetParam();
     int end = Terminated;
     for (long first = 0; end == Terminated && (row.Composes || first == 0); ++first)
@@ -240,7 +240,7 @@ TEST_P(AllocationThatFails, LeavesEverythingAsItWasOrEndsTheProcess) {
             TEnd each = EndOf(row, allocations);
             while (each == NoMemory && !row.Composes)
                 each = EndOf(row, ++allocations);
-#ifndef _LIBCPP_VERSION // whose strings have room for short messages
+#ifndef _LIBCPP_VERSION // libc++'s strings have room for short messages
             EXPECT_GT(allocations, 0) << "needs no memory";
 #endif
             return each;

@@ -6,7 +6,7 @@ using namespace Kest::Test;
 using namespace Kest::System;
 using C = TCall;
 
-// What becomes of files when somebody else acts, or a call fails, before any single call that an operation makes.
+// Tests what happens to files when somebody else acts, or a call fails, before each single call that an operation makes.
 
 namespace {
 
@@ -19,7 +19,7 @@ void MoveFar(const std::string& from, const std::string& to) {
     plan.Run([&] { OutcomeOf([&] { TFile::Rename(from, to); }); });
 }
 
-/// Somebody else, and the name of which that takes the content away.
+/// What somebody else does, and the name that loses its content by that.
 struct TActor {
     const char* Name;
     const char* Target;
@@ -112,7 +112,7 @@ TEST_P(SomebodyElse, MakesNoContentVanishBetweenTwoCalls) {
         actor.Act(*place);
         kept.clear();
         for (const std::string& entry : TreeOf(place->Place.GetPath()))
-            if (entry.find('=') != std::string::npos && (isReplaced || entry[0] != '.')) // until then a fresh name is of a copy
+            if (entry.find('=') != std::string::npos && (isReplaced || entry[0] != '.')) // before that a fresh name belongs to a copy
                 kept.insert(entry.substr(entry.find('=') + 1));
         if (ReadFile(target) != doomed)
             kept.erase(doomed);
@@ -130,7 +130,7 @@ TEST_P(SomebodyElse, MakesNoContentVanishBetweenTwoCalls) {
         EXPECT_EQ(OpenDescriptors(), before);
         const TTree tree = TreeOf(world.Place.GetPath());
         const bool isCopy = operation.Replacing == C::remove;
-        if (isCopy) // which empties and overwrites, whatever comes of that
+        if (isCopy) // a copy empties and overwrites the destination in any case
             kept.erase("old"), kept.erase("");
         const bool mayReplace = isCopy || outcome.empty() || outcome.find("remove failed") != std::string::npos;
         if (mayReplace && !isReplaced && atDestination != "content")
@@ -174,7 +174,7 @@ TEST(Fault, MoveOverFileSystemsThatFailsAtAnyCallLosesNothing) {
     }
 }
 
-// Where case is folded, the second name shows up with the first one and goes with it.
+// Where case is folded, the second name comes and goes with the first.
 TEST(Fault, OneEntryByTwoNamesIsNeitherRemovedNorPutAsideForNothing) {
     const TRule idle = TRule(C::rename, 0).Giving(0);
     for (const bool isLinked : {false, true}) {
@@ -187,7 +187,7 @@ TEST(Fault, OneEntryByTwoNamesIsNeitherRemovedNorPutAsideForNothing) {
     }
 }
 
-// There are neither hard links nor a rename that replaces nothing: the only case in which a fresh name stays.
+// The only case in which a fresh name stays: a file system with neither hard links nor a rename that replaces nothing.
 FAULT_TEST(WhatCannotBePutBackKeepsItsFreshName, linkat, "_RenameHelper, over file systems, of a source that is put back",
            "the failure for which it is put back, and the file keeps its fresh name") {
     TWorld world(Before);

@@ -8,7 +8,7 @@ using Kest::EException;
 using Kest::System::TMutex;
 using C = TCall;
 
-// What takes more than one call to tell: which calls are made, how often, in which order and with which flags.
+// Tests which calls are made, how often, in which order and with which flags.
 
 namespace {
 
@@ -76,7 +76,7 @@ FAULT_TEST(DirectoryReadThatFailsLosesNoEntry, readdir, "Read", "`EException: di
 TEST(Fault, MutexHasNoOwnerAnyMoreWhenItIsFree) {
     TMutex mutex(true);
     mutex.Enter();
-    TPlan plan({TRule(C::pthread_mutex_unlock, 0).Made([&] { mutex.Enter(); })}); // as soon as anyone may
+    TPlan plan({TRule(C::pthread_mutex_unlock, 0).Made([&] { mutex.Enter(); })}); // as soon as another thread could
     plan.Run([&] { mutex.Leave(); });
     EXPECT_TRUE(mutex.TryEnter()) << "whoever entered is not inside";
     mutex.Leave();
@@ -151,7 +151,7 @@ TEST(Fault, EachErrorOfASocketsCallHasItsClass) {
         {ECONNRESET, "EReset: " + Reset.substr(6)},
         {ECONNABORTED, "EAbort: " + Abort.substr(6)},
         {ETIMEDOUT, "ETimeout: " + Timeout.substr(6)},
-        {ECONNREFUSED, ""}, // and others that have no class: the description alone
+        {ECONNREFUSED, ""}, // an error without a class: the description alone
         {EALREADY, ""},
         {ESHUTDOWN, ""},
         {EBADF, ""},
@@ -173,7 +173,7 @@ TEST(Fault, EachErrorOfASocketsCallHasItsClass) {
             EXPECT_EQ(OutcomeOf([&] { return world.Net.Client.CheckIOResult(-1); }), expected);
         }
     }
-    // A shutdown that failed is none, and leaves what an earlier one brought.
+    // A failed shutdown does not change what an earlier shutdown brought.
     TPlan plan({TRule(C::shutdown, EBADF)});
     const auto fail = [&] { plan.Run([&] { EXPECT_THROW(world.Net.Client.Shutdown(false, true), EException); }); };
     fail();
@@ -183,7 +183,7 @@ TEST(Fault, EachErrorOfASocketsCallHasItsClass) {
     EXPECT_KEST_THROW(world.Net.Client.Send("x", 1), Interface::_Socket::EShutdown, Shutdown + ": when send");
 }
 
-/// The calls that @p action makes by these rules, and what it throws: nothing where a call would block, which is tested for by number.
+/// The calls that @p action makes by these rules, and what it throws: nothing where the rules expect a call that would block.
 template <class TAction>
 std::string LogOf(std::vector<TRule> rules, const TAction& action) {
     TPlan plan(std::move(rules));
@@ -192,7 +192,7 @@ std::string LogOf(std::vector<TRule> rules, const TAction& action) {
         {C::send, C::sendto, C::recv, C::recvfrom, C::accept, C::select, C::nanosleep, C::connect, C::fcntl, C::listen, C::exception});
 }
 
-// 16384 is MSG_NOSIGNAL, 16448 the same with MSG_DONTWAIT; the number of select is that of the seconds, -1 without a limit.
+// 16384 is MSG_NOSIGNAL, 16448 is MSG_NOSIGNAL | MSG_DONTWAIT; the number of select is its seconds, -1 without a limit.
 TEST(Fault, EachTransferMakesItsCallsWithTheirFlags) {
     TWorld world;
     TSocket& client = world.Net.Client;
@@ -229,7 +229,7 @@ TEST(Fault, EachTransferMakesItsCallsWithTheirFlags) {
         "select(3) exception()");
 }
 
-// 66 is MSG_PEEK with MSG_DONTWAIT: only an "fs" socket counts a lone urgent byte as readable.
+// 66 is MSG_PEEK | MSG_DONTWAIT: only an "fs" socket counts a lone urgent byte as readable.
 TEST(Fault, WaitBesideUrgentDataMakesFewCallsAndReportsWhatTheyTell) {
     using namespace Interface::_Socket;
     for (const bool isInet : {true, false}) {

@@ -39,7 +39,7 @@ struct TWorld {
     TConnection Net{"fs"}; ///< the client has something to receive
 };
 
-/// What an operation may leak: descriptors, threads, locks and blocks of the heap, the last two as far as the calling thread can tell.
+/// What an operation may leak: descriptors and threads of the process, locks and blocks of the heap of the calling thread.
 inline std::array<long, 4> Resources() {
     return {OpenDescriptors(), Threads(), LocksHeld(), BlocksInUse};
 }
@@ -50,7 +50,7 @@ inline void ExpectNothingLeaked(std::array<long, 4> before) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const auto after = Resources();
     for (const std::size_t index : {1U, 3U})
-        before[index] = std::min(before[index], after[index]); // what an operation ends or releases is its own affair
+        before[index] = std::min(before[index], after[index]); // an operation may end or release things
     EXPECT_EQ(after, before) << "descriptors, threads, locks, blocks of the heap";
 }
 
@@ -86,7 +86,7 @@ inline std::string Filled(std::string text, const TWorld& world, int code) {
     for (std::size_t at = 0, next; at < text.size(); at = next) {
         next = at + 1;
         for (const auto& [word, value] : words)
-            if (next == at + 1 && text.compare(at, std::strlen(word), word) == 0) { // a path may hold such letters too
+            if (next == at + 1 && text.compare(at, std::strlen(word), word) == 0) { // a path may contain the letters of a word
                 text.replace(at, std::strlen(word), value);
                 next = at + value.size();
             }

@@ -33,7 +33,7 @@ std::chrono::milliseconds RaceTime() {
     return std::chrono::milliseconds(1000 * (seconds == nullptr ? 1 : std::strtol(seconds, nullptr, 10)));
 }
 
-/// Threads that begin together, again and again, for RaceTime(); @p check gets whose action succeeded.
+/// Runs threads that begin together, again and again, for RaceTime(); @p check gets which actions succeeded.
 void Race(const std::function<void()>& prepare, const std::vector<std::function<void()>>& actions,
           const std::function<void(const std::vector<bool>&)>& check) {
     const auto end = std::chrono::steady_clock::now() + RaceTime();
@@ -106,7 +106,7 @@ TEST_F(WithMounts, MovesThatMeetLoseNothing) {
     });
 }
 
-// Only what can be had for nothing is asked for at the source, and nothing is left where entries cannot be removed.
+// The folder of the source needs no room, and nothing is left where entries cannot be removed.
 TEST_F(WithMounts, MoveNeedsNoInodeAndLittersNoFolder) {
     InMounts([this] {
         const std::string near = Directory / "near", far = Directory / "far";
@@ -119,7 +119,7 @@ TEST_F(WithMounts, MoveNeedsNoInodeAndLittersNoFolder) {
         for (const std::string& folder : {near, far}) {
             const _TDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_CLOEXEC));
             int flags = FS_APPEND_FL;
-            if (::ioctl(descriptor.Get(), FS_IOC_SETFLAGS, &flags) == 0) { // which not all versions of this file system have
+            if (::ioctl(descriptor.Get(), FS_IOC_SETFLAGS, &flags) == 0) { // not all versions of this file system have it
                 EXPECT_FALSE(Try([&] { TFile::Rename(near + "/h", far + "/b"); })) << folder;
                 EXPECT_EQ(MountedTree(), (TTree{"far/a=1", "near/c=", "near/h=2"})) << folder;
                 flags = 0;

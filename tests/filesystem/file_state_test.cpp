@@ -39,7 +39,7 @@ TEST(FileState, SetTimeIsTruncatedTowardZeroOrRefused) {
         SetTimes(path, {1000, 500}, {2000, 500});
         TFile::TState modification(path);
         TFile::TState access(modification);
-        SetTimes(path, {3000, 0}, {4000, 0}); // which the objects do not see
+        SetTimes(path, {3000, 0}, {4000, 0}); // the objects keep the old times
         modification.SetLastModificationTime(time);
         EXPECT_EQ(StatusOf(path).st_mtim.tv_sec, static_cast<time_t>(time));
         EXPECT_EQ(StatusOf(path).st_mtim.tv_nsec, 0);

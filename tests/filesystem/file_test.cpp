@@ -42,7 +42,7 @@ void Check(const TCase& each, const std::string& directory, TCall call, const st
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-/// The same in a directory of its own.
+/// Makes the call in a directory of its own.
 void Check(const TCase& each, TCall call) {
     const TTemporaryDirectory directory;
     Check(each, directory.GetPath(), call, [&directory] { return TreeOf(directory.GetPath()); });
@@ -70,7 +70,7 @@ TEST(FileCopy, ContentAndModificationTimeAreThoseOfTheSource) {
         EXPECT_EQ(StatusOf(to).st_mtim.tv_sec, 8589934592);
         EXPECT_EQ(StatusOf(to).st_mtim.tv_nsec, 0);
     }
-    TFile::Copy("/proc/filesystems", to); // of which the system says that it is empty
+    TFile::Copy("/proc/filesystems", to); // the system says that this file is empty
     EXPECT_EQ(ReadFile(to), ReadFile("/proc/filesystems"));
 }
 
@@ -79,7 +79,7 @@ TEST(FileCopy, FailureLeavesWhatIsDocumented) {
         {{"b=22"}, "gone", "b", Described("getting file state failed: ", ENOENT), {"b=22"}},
         {{"b=22", "d/"}, "d", "b", CopyError, {"b=22", "d/"}},
         {{"a=1", "d/"}, "a", "d", CopyError, {"a=1", "d/"}},
-        // One file, by whatever roads.
+        // One file under several names.
         {{"a=1"}, "a", "a", CopyError, {"a=1"}},
         {{"a=1", "l->a"}, "a", "l", CopyError, {"a=1", "l->a"}},
         {{"a=1", "l->."}, "l/a", "a", CopyError, {"a=1", "l->."}},
@@ -150,7 +150,7 @@ TEST_F(WithMounts, Rename) {
         {{"near/a=1"}, "near/a", "again/a", CopyFailed, {"near/a=1"}},
         {{"near/a=1", "near/h&near/a"}, "near/a", "again/h", CopyFailed, {"near/a=1", "near/h=1"}},
         {{"near/a=1", "near/l->a", "near/m&near/l"}, "near/l", "again/m", CopyFailed, {"near/a=1", "near/l->a", "near/m->a"}},
-        {{"near/a=1"}, "near/a", "again/b", "", {"near/b=1"}}, // there is a way, if not the shortest
+        {{"near/a=1"}, "near/a", "again/b", "", {"near/b=1"}}, // the system refuses to rename between mounts, a copy works
     };
     for (const TCase& each : cases)
         InMounts([&] { Check(each, Directory.GetPath(), TFile::Rename, [this] { return MountedTree(); }); });

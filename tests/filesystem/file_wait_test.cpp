@@ -19,7 +19,7 @@ TEST_F(WithMounts, LeaseIsWaitedForAndTheWaitCanBeCancelled) {
         Make(Directory.GetPath(), {"near/a=1", "far/to=old"});
         const std::string from = Directory / "near/a";
         const std::string to = Directory / "far/to";
-        auto* const before = std::signal(SIGIO, SIG_IGN); // by which the system asks for the lease
+        auto* const before = std::signal(SIGIO, SIG_IGN); // the system asks for the lease by SIGIO
         const int holder = ::open(from.c_str(), O_RDWR | O_CLOEXEC);
         Ensure(::fcntl(holder, F_SETLEASE, F_WRLCK) == 0, "a lease");
         {

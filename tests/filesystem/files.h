@@ -37,7 +37,7 @@ inline std::string ReadFile(const std::string& path) {
     return content.str();
 }
 
-/// The same bytes for the same size.
+/// Always the same bytes for one size.
 inline std::string SomeBytes(std::size_t size) {
     std::mt19937 random(static_cast<unsigned>(size));
     std::string bytes(size, 0);
@@ -56,8 +56,8 @@ inline void SetTimes(const std::string& path, timespec access, timespec modifica
     Ensure(::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "the times of " + path);
 }
 
-/// What a directory holds, one text an entry and sorted: "d/" a directory, "f=content" a file, "l->target" a symbolic link, "p|" a named
-/// pipe. Make() also takes "h&f", one more hard link of f.
+/// What a directory holds, sorted, with one text for each entry: "d/" a directory, "f=content" a file, "l->target" a symbolic link, "p|" a
+/// named pipe. Make() also takes "h&f", one more hard link of f.
 using TTree = std::vector<std::string>;
 
 inline void Make(const std::string& directory, const TTree& tree) {
@@ -71,7 +71,7 @@ inline void Make(const std::string& directory, const TTree& tree) {
         else if (entry[end] == '-')
             std::filesystem::create_symlink(entry.substr(end + 2), path);
         else if (entry[end] == '&')
-            Ensure(::link((directory + '/' + entry.substr(end + 1)).c_str(), path.c_str()) == 0, entry); // of the link, if it is one
+            Ensure(::link((directory + '/' + entry.substr(end + 1)).c_str(), path.c_str()) == 0, entry); // follows no link
         else
             Ensure(::mkfifo(path.c_str(), 0600) == 0, entry);
     }
@@ -93,8 +93,8 @@ inline TTree TreeOf(const std::string& directory) {
 }
 
 /// Tests that need more than one file system. What InMounts() is given runs on a thread that sees, in Directory: "near", of some MiB;
-/// "far", another file system of 64 KiB; "again" and "fixed", which are "near" by another road, the latter read-only. Nobody else sees
-/// them, and they go with the thread.
+/// "far", another file system of 64 KiB; "again" and "fixed", which show "near" again, "fixed" read-only. Nobody else sees
+/// them, and they end with the thread.
 class WithMounts : public testing::Test {
 protected:
     static constexpr std::size_t FarSize = 65536;

@@ -17,8 +17,8 @@ static_assert(!std::is_copy_constructible_v<TStream> && std::has_virtual_destruc
 
 constexpr int Throws = std::numeric_limits<int>::min(); ///< as an answer of a scripted transport
 
-/// Answers by its script, after whose end it has no data and takes everything, and writes down each call. A read gives bytes, over as
-/// many calls as they take, or a code, which is written as "0", "-2" or "+5".
+/// Answers by its script and logs each call. After the end of the script it has no data and takes everything. A read gives bytes, in as
+/// many calls as they need, or a code, which the script writes as "0", "-2" or "+5".
 class TScript final : public TStream::TInterface {
 public:
     explicit TScript(std::deque<std::string> reads = {}, std::deque<int> writes = {})
@@ -43,7 +43,7 @@ public:
         const int result = Writes.front();
         Writes.pop_front();
         if (result == Throws)
-            throw std::ios_base::failure("transport"); // which is not one of the stream
+            throw std::ios_base::failure("transport"); // the transport's, not the stream's
         return result;
     }
 
@@ -55,7 +55,7 @@ private:
     std::string Log;
 };
 
-/// Performs the operations, which commas separate; so they do the results.
+/// Performs the operations. Commas separate the operations, and the results.
 std::string PerformAll(TStream& stream, const std::string& operations) {
     std::istringstream input(operations);
     std::string operation, results;

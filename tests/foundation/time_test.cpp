@@ -39,7 +39,7 @@ TEST(Time, CurrentTimeNeverGoesBack) {
     int differences = 0;
     for (int i = 0; i != 100000; ++i) {
         const double before = GetCurrentTime();
-        differences += GetCurrentTime() - before < 0.0 ? 1 : 0; // the second one may stay in a register, as callers write it
+        differences += GetCurrentTime() - before < 0.0 ? 1 : 0; // the second time may stay in a register, as in the code of callers
     }
     EXPECT_EQ(differences, 0);
 }

@@ -53,7 +53,7 @@ TEST(SocketAddress, PortIsTheLow16BitsOfTheNumberAfterTheFirstColon) {
 }
 
 TEST(SocketAddress, WhatIsNoAddressIsRefusedWithItsReason) {
-    const std::string label(64, 'a'); // one more than a name's part may have: the resolver gives up without asking anyone
+    const std::string label(64, 'a'); // one more than a part of a name may have: the resolver refuses it without asking anyone
     const std::string format = Bad + ": bad 'address:port' inet format: Domain: 'inet': ";
     const std::string tooLong = Bad + ": inet address too long";
     const struct {
@@ -166,7 +166,7 @@ TEST(SocketAddress, LookUpsWaitForTheResolverLock) {
     }
 }
 
-/// Alone in its process, this is the first use of both tables and of both singletons.
+/// When the test runs alone in its process, this is the first use of both tables and of both singletons.
 TEST(SocketAddress, FirstUseMayBeMadeByManyThreadsAtOnce) {
     TGate start;
     std::vector<std::future<std::string>> threads(16);

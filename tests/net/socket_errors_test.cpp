@@ -47,7 +47,7 @@ TEST(SocketErrors, BrokenPipeIsAShutdownOnceTheSendingSideWasShutDown) {
     EXPECT_EQ(socket.Send("x", 1), 1) << "the receiving side is another matter";
     EXPECT_KEST_THROW(pipe(socket)(), EIOError, broken);
     socket.Shutdown(false, true);
-    socket.Shutdown(true, false); // which takes nothing back
+    socket.Shutdown(true, false); // does not take the shutdown for sending back
     EXPECT_KEST_THROW(socket.Send("x", 1), EShutdown, Shutdown + ": when send");
     const TSocket copy(socket);
     EXPECT_KEST_THROW(pipe(copy)(), EIOError, broken) << "a copy knows of no Shutdown";

@@ -30,10 +30,10 @@ public:
     int Waits = 0;
 };
 
-/// The most waits in a fifth of a second of a loop that pauses where waiting would end at once.
+/// The most waits that a loop with pauses makes in a fifth of a second.
 constexpr int FewWaits = 50;
 
-/// What holds for every family.
+/// These tests hold for every family.
 class SocketTransfer : public testing::TestWithParam<const char*> {
 protected:
     const std::string Domain = GetParam();
@@ -63,7 +63,7 @@ TEST_P(SocketTransfer, ReceiveTellsCloseResetTimeOutAndWouldBlockApart) {
     EXPECT_EQ(other.Send("unread", 6), 6);
     pollfd readable{server, POLLIN, 0};
     EXPECT_EQ(::poll(&readable, 1, 1000), 1);
-    (void)::close(server); // at once, not shut down first: with input unread that is a reset
+    (void)::close(server); // without a shutdown: closing with unread input sends a reset
     EXPECT_KEST_THROW(other.Receive(&Byte, 1), EReset, Reset);
 }
 
@@ -96,14 +96,14 @@ TEST_P(SocketTransfer, UrgentDataAreNoInput) {
                 number = ::gettid();
                 try {
                     receive();
-                } catch (const EShutdown&) { // and not what a cancellation is
+                } catch (const EShutdown&) { // a catch of this class must not take a cancellation
                     isOver = true;
                 }
             });
             thread.Start();
             EXPECT_TRUE(FallsAsleep(number));
             for (int tries = 0; isSignal && !isOver && tries < 5000;
-                 ++tries, TThreadInstance::Sleep(0.001)) // one may hit it between two calls
+                 ++tries, TThreadInstance::Sleep(0.001)) // a signal may come between two calls
                 (void)::pthread_kill(thread.GetId(), SIGUSR1);
             if (!isSignal)
                 thread.Cancel();
@@ -201,7 +201,7 @@ TEST_P(SocketTransfer, WaitsTakeEveryLimit) {
         EXPECT_KEST_THROW(socket.SelectRead(refused), ENotConnected, NotConnected);
         EXPECT_KEST_THROW(socket.SelectWrite(refused), ENotConnected, NotConnected);
     }
-    for (const int none : {-1, std::numeric_limits<int>::max()}) // which is in no set
+    for (const int none : {-1, std::numeric_limits<int>::max()}) // no set can hold it
         EXPECT_KEST_THROW(TSocket(none, 0).SelectRead(1.0), EException, Described("", EBADF));
     for (const double limit : {1e-9, 0.05}) {
         ExpectWait(limit - 1e-6, [&] { EXPECT_FALSE(socket.SelectRead(limit)); }); // whole microseconds count
@@ -247,7 +247,7 @@ TEST_P(SocketTransfer, AddressOfAnotherImplementationIsRefusedBeforeAnySystemCal
     client.Connect(listener.Address);
     TSocket datagrams(DatagramOf(Domain));
     datagrams.SetSendTimeout(1.0);
-    datagrams.SetReceiveTimeout(0.01); // a wait for it would be a time-out
+    datagrams.SetReceiveTimeout(0.01); // a wait would end in a time-out
     EXPECT_THROW(datagrams.Bind(foreign), std::bad_cast);
     EXPECT_THROW(datagrams.Connect(foreign), std::bad_cast);
     EXPECT_THROW(datagrams.SendTo("x", 1, foreign), std::bad_cast);
@@ -297,7 +297,7 @@ TEST(SocketConnections, SendToAFullQueueTimesOutWithoutSpinning) {
     sender.SetBlocking(false);
     EXPECT_KEST_THROW(for (;;) sender.SendTo("x", 1, target), EWouldBlock, WouldBlock);
     sender.SetBlocking(true);
-    sender.SetSendTimeout(0.2); // all of which the socket counts as writable
+    sender.SetSendTimeout(0.2); // during this limit the socket counts as writable
     ExpectWait(0.2, [&] { EXPECT_KEST_THROW(sender.SendTo("x", 1, target), ETimeout, Timeout); });
     EXPECT_LE(sender.Waits, FewWaits);
 }

@@ -1,4 +1,4 @@
-// What loading the library does to a process that is not linked with it: nothing, and unloading leaves nothing behind.
+// Tests that loading the library changes nothing in a process that is not linked with it, and that unloading leaves nothing behind.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// The process as others see it, a text for each thing that a library could change.
+/// A text for each thing of the process that a library could change.
 std::map<std::string, std::string> DescribeProcess() {
     std::map<std::string, std::string> process;
     std::ifstream status("/proc/self/status");
@@ -32,7 +32,7 @@ std::map<std::string, std::string> DescribeProcess() {
     return process;
 }
 
-/// What of the process is not as it was. Names only: what the environment holds is nothing for a log.
+/// The names of what has changed. Only names: the values of the environment do not belong into a log.
 std::string NameChanges(const std::map<std::string, std::string>& before) {
     std::string names;
     for (const auto& [name, value] : DescribeProcess())

@@ -13,7 +13,7 @@ using Kest::System::TDLL;
 
 namespace {
 
-/// The plug-in by names of the test's own: a library that was once found is found again by its file, so each test has its copy.
+/// The plug-in under names of the test's own. The loader knows a loaded library again by its file, so each test has a copy.
 class DLL : public testing::Test {
 protected:
     DLL() {

@@ -16,7 +16,7 @@ void InChild(const TBody& body) {
         body();
         const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
         for (int part = 0; part < result.total_part_count(); ++part)
-            std::cerr << result.GetTestPartResult(part); // which the failure of the calling test repeats
+            std::cerr << result.GetTestPartResult(part); // the failure of the calling test shows it again
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");

@@ -6,13 +6,13 @@
 
 namespace Kest::Test {
 
-/// How many descriptors the process has open. The one that counts them is not among them.
+/// How many descriptors the process has open, without the descriptor that is needed to count.
 inline int OpenDescriptors() {
     using std::filesystem::directory_iterator;
     return static_cast<int>(std::distance(directory_iterator("/proc/self/fd"), directory_iterator())) - 1;
 }
 
-/// How many threads the process has. One that has ended is among them for a moment.
+/// How many threads the process has. A thread that has ended is counted for a moment more.
 inline long Threads() {
     using std::filesystem::directory_iterator;
     return std::distance(directory_iterator("/proc/self/task"), directory_iterator());

@@ -30,7 +30,7 @@ inline void* Allocate(std::size_t size) {
     if (block == nullptr)
         throw std::bad_alloc();
     ++BlocksInUse;
-    errno = EDOM; // an allocation may change it even when it succeeds: who needs it afterwards has to keep it
+    errno = EDOM; // an allocation may change errno even when it succeeds, so callers have to keep errno
     return block;
 }
 

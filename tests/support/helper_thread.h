@@ -17,7 +17,7 @@
 
 namespace Kest::Test {
 
-/// Far more than anything in a test takes: only a test that fails gets there.
+/// Far longer than anything in a test takes: only a test that fails waits so long.
 constexpr std::chrono::seconds Patience{20};
 
 /// Whether a cancellation ends what a standard stream does: with libc++ it would end the process, so it is held off.
@@ -40,7 +40,7 @@ void ExpectWait(double least, const TAction& action) {
     EXPECT_LT(elapsed, Soon);
 }
 
-/// The result of @p action, run on a thread of its own; so are its exceptions.
+/// Runs @p action on a thread of its own. Gives its result and its exceptions to the caller.
 template <class TAction>
 auto OnAnotherThread(TAction action) {
     return std::async(std::launch::async, std::move(action)).get();
@@ -83,8 +83,8 @@ private:
     bool IsOpen = false;
 };
 
-/// A thread of the library whose body is a function; one without a result gives 0. It is ended before the library's destructor begins:
-/// the thread looks its body up in the object's table.
+/// A thread of the library whose body is a function; a function without a result gives 0. It is ended before the library's destructor
+/// begins: the thread looks its body up in the object's table.
 class TFunctionThread : public System::TThread {
 public:
     template <class TBody>

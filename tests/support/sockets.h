@@ -48,7 +48,7 @@ inline TAddress PlaceFor(const std::string& domain, const TTemporaryDirectory& d
     return {domain, domain == "inet" ? "127.0.0.1:0" : directory / name, false};
 }
 
-/// The address that the system says a bound socket has, as text; what it says without this library's help.
+/// The address of a bound socket as text, asked of the system without this library.
 inline std::string NameOf(const TSocket& socket) {
     sockaddr_storage name{};
     socklen_t length = sizeof name;
@@ -68,7 +68,7 @@ inline int OptionOf(const TSocket& socket, int level, int option) {
     return value;
 }
 
-/// What the system says, not what the object believes.
+/// The mode by the system, not by the object.
 inline bool IsInBlockingMode(const TSocket& socket) {
     return (::fcntl(socket.GetDescriptor(), F_GETFL) & O_NONBLOCK) == 0;
 }
@@ -128,7 +128,7 @@ private:
     }
 };
 
-/// Bytes that do not repeat: one that is lost or out of place shows.
+/// Bytes that do not repeat, so that a lost or misplaced byte shows.
 inline std::string Pattern(std::size_t size) {
     std::string result(size, '\0');
     unsigned value = 1;
@@ -147,7 +147,7 @@ inline int SendTooMuch(TSocket& socket) {
     return socket.Send(TooMuch().data(), static_cast<unsigned>(TooMuch().size()));
 }
 
-/// Fills the way to the peer until the socket stays unwritable.
+/// Sends until the socket stays unwritable.
 inline void FillUp(const TSocket& socket) {
     pollfd writable{socket.GetDescriptor(), POLLOUT, 0};
     do {

@@ -18,8 +18,7 @@ std::atomic<int> Questions[2]; // after LANG and LC_ALL
 
 } // namespace
 
-/// Counts the library's questions, the only trace that the detection leaves. Symbols of the program win over those of the system's
-/// library.
+/// Counts the library's questions, the only trace of the detection. The linker takes this definition before the C library's.
 extern "C" char* getenv(const char* name) noexcept {
     Questions[0] += std::strcmp(name, "LANG") == 0 ? 1 : 0;
     Questions[1] += std::strcmp(name, "LC_ALL") == 0 ? 1 : 0;

@@ -77,7 +77,7 @@ void CheckDecoding(const std::string& bytes) {
     ASSERT_EQ(UTF8ToUCS(bytes), expected) << testing::PrintToString(bytes);
 }
 
-/// The same for every operation that reads code units.
+/// Checks every operation that reads code units against the model, at the edge of a page too.
 void CheckEncoding(const TWide& units) {
     const auto length = static_cast<unsigned>(units.size());
     const wchar_t* const text = static_cast<const wchar_t*>(std::memcpy(Edge<wchar_t>() - length, units.data(), length * sizeof(wchar_t)));
@@ -112,7 +112,7 @@ TEST(UTF8, TextHasItsFixedRules) {
         {std::string("a\0b", 3), {'a', 0, 'b'}},
         {"\xF0\x9F\x98\x80", {0x7D8}}, // the fourth byte is a lead of its own, for which there is no room
         {"\xC0\x80", {}},
-        {"\xFF\xFF\xFF", {0x1103F, 0, 0}}, // a sum, not bits put together, and the rest stays zero
+        {"\xFF\xFF\xFF", {0x1103F, 0, 0}}, // the bits are added, and the other units stay zero
         {"\xE2\xC3", {0xFFFD, 0}},         // cut off by the end: one U+FFFD, where there is room
         {"\xC3\xE2\x82", {0x122, 0xFFFD}},
     };
@@ -161,7 +161,7 @@ TEST(UTF8, LongTextsConvertInEveryCodec) {
         units[index] = static_cast<wchar_t>(index < 50000 ? 'a' : index % 0x7FF0 / (index / 300 % 4 * 20 + 1) + 1);
     const std::string bytes = ModelOfEncoding(units);
     for (const _TUTF8Codec* codec : UsableCodecs()) {
-        std::printf("codec: %s\n", codec->Name); // in the output, since it depends on the processor which there are
+        std::printf("codec: %s\n", codec->Name); // shows in the output which codecs the processor has
         std::size_t length = units.size();
         EXPECT_EQ(codec->CountBytes(units.data(), length), bytes.size()) << codec->Name;
         EXPECT_EQ(codec->CountCharacters(bytes.data(), bytes.size()), units.size()) << codec->Name;

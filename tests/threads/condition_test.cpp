@@ -20,7 +20,7 @@ namespace {
 
 constexpr double Infinity = std::numeric_limits<double>::infinity();
 
-/// A thread that holds a guard some times over and waits until it is told; no limit is the wait without one.
+/// A thread that enters a guard so many times and waits until it is told, with a limit or without one.
 class TWaiter {
 public:
     TWaiter(TCondition& condition, TMutex& guard, std::optional<double> limit, int entries = 1)
@@ -65,7 +65,7 @@ TEST(Condition, WaitsUntilToldWithAGuardEnteredOnceOrOften) {
             TCondition condition;
             TWaiter waiter(condition, guard, limit, entries == 0 ? 1 : entries);
             const std::chrono::milliseconds aWhile(entries == 0 ? 20 : 0);
-            EXPECT_FALSE(waiter.TimedOut.WaitFor(aWhile)); // 0.0 does not mean at once
+            EXPECT_FALSE(waiter.TimedOut.WaitFor(aWhile)); // 0.0 does not mean "at once"
             guard.Enter();
             if (entries != 0) {
                 EXPECT_TRUE(guard.TryEnter()); // this thread's own entries do not mix with those that wait
@@ -89,7 +89,7 @@ TEST(Condition, TimesOutWithTheGuardHeld) {
             condition.Broadcast();
             guard.Enter();
             double begin = GetCurrentTime();
-            while (condition.Wait(guard, limit)) // the system may wake it
+            while (condition.Wait(guard, limit)) // a wait may end without a signal
                 begin = GetCurrentTime();
             const double passed = GetCurrentTime() - begin;
             EXPECT_GE(passed, limit > 0.0 ? limit : 0.0);
@@ -121,7 +121,7 @@ TEST(Condition, BroadcastWakesAllWhoTakeTurnsInOneRecursiveGuard) {
     constexpr int threads = 8, rounds = 200;
     TMutex guard(true);
     TCondition condition;
-    int turn = 0; // no atomic on purpose
+    int turn = 0; // not atomic: the guard must protect it
     std::vector<std::unique_ptr<TFunctionThread>> all;
     for (int index = 0; index != threads; ++index) {
         all.push_back(std::make_unique<TFunctionThread>([&, index] {

@@ -42,7 +42,7 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
         const unsigned long id = thread.GetId();
         EXPECT_NE(id, TThreadInstance::GetCurrentHandle());
         OnAnotherThread([&] { thread.Start(); });
-        thread.Start(); // does nothing any more
+        thread.Start(); // a second call does nothing
         EXPECT_EQ(thread.WaitFor(), value);
         EXPECT_EQ(seen, id);
         EXPECT_EQ(thread.GetId(), 0u);
@@ -52,7 +52,7 @@ TEST(Thread, ExitValueIsThatOfTheBodyAndIsGivenOnce) {
     EXPECT_KEST_THROW(TThreadInstance().Cancel(), EException, "Kest: thread cancelation failed");
     EXPECT_EQ(TThreadInstance().WaitFor(), 0);
 #ifndef KEST_THREAD_SANITIZER_OF_CLANG // which ends the process for it
-    // Nobody waits for itself.
+    // A thread cannot wait for itself.
     EXPECT_EQ(TThreadInstance(TThreadInstance::GetCurrentHandle()).WaitFor(), 0);
 #endif
 }
@@ -126,7 +126,7 @@ TEST(Thread, FinishedBesideItsStartItRunsWholeOrNotAtAll) {
     }
 }
 
-#ifdef NDEBUG // it is a mistake of the program, which debug builds assert
+#ifdef NDEBUG // debug builds assert that the program does not do this
 TEST(Thread, FinishedByItselfItGoesOn) {
     TFunctionThread* self = nullptr;
     TFunctionThread thread([&] { return self->Finish(), self->CancelAndFinish(), TThreadInstance::Yield(), 7; });
@@ -151,7 +151,7 @@ TEST(Thread, StartedOneOutlivesItsObject) {
     for (int i = 1; i <= 1000; ++i) {
         auto thread = std::make_unique<TDetached>();
         thread->Start();
-        while (entered != i) // before it is in its body nobody may take the derived part away
+        while (entered != i) // before the body begins the derived part must not be destroyed
             std::this_thread::yield();
         thread.reset();
         if (i == 30)
