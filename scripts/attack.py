@@ -27,13 +27,13 @@ import time
 
 PROGRAMS = pathlib.Path(sys.argv[1]).resolve()
 LAUNCHER = shlex.split(os.environ.get("KEST_LAUNCHER", ""))  # a command that runs programs of their kind
-# qemu's emulation of an i386 process: once a thread has returned from a signal handler it has the thread-local storage, and so
-# the identity, of the thread that was made last. A server ended by a signal then cannot join its threads.
+# In qemu's emulation of an i386 process, a thread that has returned from a signal handler has the thread-local storage, and so the
+# identity, of the newest thread. A server that a signal ends cannot join its threads then.
 HANDLERS_CONFUSE_THREADS = bool(LAUNCHER)
 SERVER = [*LAUNCHER, PROGRAMS / "line_server"]
 CLIENT = [*LAUNCHER, PROGRAMS / "line_client"]
 LONGEST_LINE = 1024 * 1024
-PATIENCE = 30  # seconds after which something that should have happened counts as not happening; only failures wait so long
+PATIENCE = 30  # seconds to wait for something that should happen; only failures wait so long
 TIME_TO_END = 2  # seconds that a server may take to end
 
 
@@ -50,7 +50,7 @@ def read_to_end(connection):
 
 
 def reset(connection):
-    """Closes so that the peer gets a reset."""
+    """Closes the connection so that the peer gets a reset."""
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     connection.close()
 
@@ -79,7 +79,7 @@ class Server:
         ready = self.process.stdout.readline().decode()
         assert ready.startswith("listening on "), ready + self.stderr()
         self.address = ready.removeprefix("listening on ").rstrip("\n")
-        self.before = self.descriptors(), self.threads() + 1  # a sanitizer or an emulator may begin one of its own
+        self.before = self.descriptors(), self.threads() + 1  # a sanitizer or an emulator may start a thread of its own
 
     def __enter__(self):
         return self
@@ -120,14 +120,14 @@ class Server:
         return connection
 
     def ask(self, line=b"still there?"):
-        """What a new client is told."""
+        """What the server answers a new client."""
         with self.connect() as connection:
             with contextlib.suppress(BrokenPipeError):
                 connection.sendall(line + b"\n")
             return connection.makefile("rb").readline()
 
     def serves(self):
-        """Whether a new client's line is answered."""
+        """Whether the server answers the line of a new client."""
         assert self.process.poll() is None, f"the server ended with {self.process.returncode}: {self.stderr()}"
         with contextlib.suppress(ConnectionError):
             return self.ask() == b"12 still there?\n"
@@ -139,11 +139,11 @@ class Server:
         return len(os.listdir(f"/proc/{self.process.pid}/task"))
 
     def is_idle(self):
-        """Whether there are no more descriptors and threads than at the beginning."""
+        """Whether the server has no more descriptors and threads than at the beginning."""
         return self.descriptors() <= self.before[0] and self.threads() <= self.before[1]
 
     def waits(self):
-        """How often the main thread has given up the processor of its own accord."""
+        """How often the main thread has given up the processor by itself."""
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
         return int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status, re.M)[1])
 
@@ -168,7 +168,7 @@ class SingleFailures:
         self.environment = os.environ | {"LD_PRELOAD": sys.argv[2], "KEST_FAILING_MALLOC": self.file.name}
 
     def arm(self, number):
-        """From now on the allocation of that number fails; 0: none."""
+        """Makes the allocation of that number, counted from now on, fail; 0 makes none fail."""
         self.memory[:] = struct.pack("i", number)
 
     def is_used(self):
@@ -176,7 +176,7 @@ class SingleFailures:
 
 
 def take_nothing(clients):
-    """Sends lines over all connections until the server, which cannot send the answers, reads no more."""
+    """Sends lines over all connections and reads no answers, until the server reads no more."""
     for client in clients:
         client.setblocking(False)
     while writable := select.select([], clients, [], 0.3)[1]:
@@ -186,7 +186,7 @@ def take_nothing(clients):
 
 
 def full_pipe():
-    """The end for writing of a pipe that nobody reads, and the other end."""
+    """A pipe that nobody reads: the end for writing, and the other end."""
     reading, writing = os.pipe()
     os.set_blocking(writing, False)
     with contextlib.suppress(BlockingIOError):
@@ -203,7 +203,7 @@ def full_pipe():
 
 
 def siege(domain, count, behave):
-    """The server ends in time whatever its clients do, and they see the end."""
+    """The server ends in time whatever its clients do, and the clients see the end."""
     with Server(domain) as server, contextlib.ExitStack() as stack:
         clients = [stack.enter_context(server.connect(receive_buffer=4096)) for _ in range(count)]
         behave(clients)
@@ -237,7 +237,7 @@ def standard_error_is_full():
 
 
 def one_client(domain, limit, behave, message):
-    """Whatever a client does, it is ended for the reason given, leaves nothing behind and costs no other client anything."""
+    """Whatever a client does, the server ends it for the stated reason. It leaves nothing behind, and other clients do not notice."""
     with Server(domain, limit) as server:
         begin = time.monotonic()
         with server.connect(receive_buffer=4096) as client:
@@ -265,10 +265,10 @@ def takes_nothing(_, client):
 
 
 def sends_too_long_a_line(server, client):
-    """It gets its last answer, and no reset."""
+    """The client gets its last answer, and no reset."""
     client.sendall(b"short\n" + b"z" * (LONGEST_LINE + 100_000))
     expect(b"5 short\n", read_to_end(client))
-    client.shutdown(socket.SHUT_WR)  # not before, or the connection would be over and nothing left to reset
+    client.shutdown(socket.SHUT_WR)  # only now: before, the connection would be over, and there would be nothing to reset
     wait_until(server.is_idle, "the server has closed")
     expect(0, client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR), "the connection's error")
 
@@ -291,7 +291,7 @@ def resets(_, client):
 
 
 def crowd():
-    """Fifty clients at once, 400 one after the other, and one that sends whatever comes to its mind."""
+    """Fifty clients at once, 400 one after the other, and one that sends random bytes."""
     with Server() as server:
         clients = [server.connect() for _ in range(50)]
         for number, client in enumerate(clients):
@@ -313,7 +313,7 @@ def crowd():
 
 
 def too_many(domain):
-    """Who comes too late is told so, and not reset, until another leaves."""
+    """A client beyond the limit is told "busy", and not reset, until another client leaves."""
     with Server(domain, clients="3") as server:
         clients = [server.connect() for _ in range(3)]
         are_halfway(clients)
@@ -329,7 +329,7 @@ def too_many(domain):
 
 
 def no_descriptors():
-    """Clients wait for one, and the server pauses meanwhile."""
+    """Without a descriptor, clients wait for one, and the server pauses meanwhile."""
     with Server() as server:
         room = 3
         allowed = server.descriptors() + room
@@ -354,7 +354,7 @@ def no_descriptors():
 
 
 def long_lines(stack):
-    """150 clients, 400 MiB for all, and each sends as long a line as may be. With small stacks there are threads for all of them."""
+    """150 clients share 400 MiB, and each sends a line as long as allowed. The stacks are small, so that there are threads for all."""
     with Server(preexec_fn=limit_memory(400, stack)) as server:
         for _ in range(2):
             with contextlib.ExitStack() as stack:
@@ -411,7 +411,7 @@ def queue_without(workers, data, mebibytes, message):
 
 
 def queue_without_one():
-    """Each allocation fails once: the work is done all the same, or a message says why not."""
+    """Each allocation fails once. The work is done nevertheless, or a message says why not."""
     failures = SingleFailures()
     told = number = 0
     while number == 0 or failures.is_used():
@@ -431,7 +431,7 @@ def queue_without_one():
 
 
 def closed_streams(closing):
-    """A client gets its answers and nothing that the server prints, and the server takes nothing that it reads for its own."""
+    """With closed standard streams a client gets its answers, and nothing that the server prints."""
     with Server(prefix=["sh", "-c", f'exec "$@" {closing}', "sh"]) as server:
         with server.connect() as first, server.connect() as second:
             are_halfway([first, second])
@@ -447,7 +447,7 @@ def closed_streams(closing):
 
 
 def client_against(behave):
-    """A server that keeps the client busy does not keep it beyond its limit."""
+    """A server that keeps sending does not hold the client beyond its limit."""
     with socket.create_server(("127.0.0.1", 0)) as listener:
         listener.settimeout(PATIENCE)
 
@@ -482,7 +482,7 @@ NOTHING_CAME = "nothing came within the limit"
 NOT_TAKEN = "answers were not taken within the limit"
 TOO_LONG = f"a line is longer than {LONGEST_LINE} bytes"
 BROKEN = "the connection is broken"
-# What an attack takes away, and how a program shows that a sanitizer in it has that, or needs it, for itself.
+# What an attack takes away, and the symbol that shows that a sanitizer of the program needs that for itself.
 MEMORY = rb"__[at]san_init"
 DESCRIPTORS = rb"__ubsan_handle_dynamic_type_cache_miss"
 
@@ -520,7 +520,7 @@ ATTACKS = (
 
 
 def attack(name, *call):
-    """Makes one attack and prints what came of it: held, left out or FAILED."""
+    """Makes one attack and prints its outcome: held, left out or FAILED."""
     begin = time.monotonic()
     outcome = "held"
     if isinstance(call[0], bytes) and re.search(call[0], (PROGRAMS / "line_server").read_bytes()):

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the program in consumer/ the way a user of the library does.
 # Usage: consumer.sh find_package|pkg-config|add_subdirectory shared|static SOURCE_DIR PREFIX WORK_DIR
-# CXX and CXXFLAGS are those of the build, KEST_EMULATOR may name what runs its programs; PREFIX is where the library of
-# that kind is installed.
+# PREFIX is where the library of that kind is installed. CXX and CXXFLAGS are those of the build, KEST_EMULATOR may name the
+# emulator of its programs.
 set -euo pipefail
 way=$1 kind=$2 source_dir=$3 prefix=$4 work_dir=$5
 consumer=$source_dir/tests/package/consumer
@@ -29,13 +29,13 @@ pkg-config)
     [[ $kind == shared ]] || options+=(--static)
     flags=$(pkg-config "${options[@]}" kest)
     echo "$flags"
-    # Evaluated, since pkg-config quotes what the shell would split.
+    # eval, since pkg-config quotes what the shell would split.
     eval "\"\$CXX\" ${CXXFLAGS:-} -std=c++17 \"\$consumer/main.cpp\" $flags -o \"\$work_dir/consumer\""
     eval "export LD_LIBRARY_PATH=$(pkg-config --variable=libdir kest)"
     ;;
 add_subdirectory)
     shared=$([[ $kind == shared ]] && echo ON || echo OFF)
-    # KEST_INSTALL: what the outer project installs then has the library in it.
+    # KEST_INSTALL: the outer project then installs the library too.
     cmake -G Ninja -S "$consumer" -B "$work_dir" "-DKEST_TREE=$source_dir" "-DBUILD_SHARED_LIBS=$shared" -DKEST_INSTALL=ON \
         -DCMAKE_BUILD_TYPE=Debug
     cmake --build "$work_dir" --parallel 2
@@ -47,7 +47,7 @@ case $kind in
 shared) grep -q '\[libkest\.so\.1\]' <<<"$needed" || fail "the shared library is not linked: $needed" ;;
 static)
     ! grep -q libkest <<<"$needed" || fail "the shared library is linked: $needed"
-    # What the shared library needs, a static one hands on to its users.
+    # A program with the static library needs what the shared library needs.
     grep -q '\[libgcc_s\.so\.1\]' <<<"$needed" || fail "libgcc_s is not linked: $needed"
     ;;
 esac

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Reads from the library's file how hard it makes an attack.
+# Checks in the library's file that the library is hardened.
 # Usage: hardening.sh LIBRARY
 set -euo pipefail
 library=$1
@@ -11,7 +11,7 @@ segments=$(readelf -lW "$library")
 dynamic=$(readelf -dW "$library")
 
 grep -q '^__stack_chk_fail' <<<"$imported" || complain "no function guards its part of the stack"
-# Of the calls that have a checked twin the library makes some into buffers of known size.
+# The library calls the checked variants of some calls that write into buffers of known size.
 grep -q '^__[a-z]*_chk$' <<<"$imported" || complain "no call is checked (_FORTIFY_SOURCE)"
 grep -q 'GNU_RELRO' <<<"$segments" || complain "what is bound at load stays writable"
 grep -qE '\((BIND_NOW|FLAGS)\).*NOW|FLAGS_1.*NOW' <<<"$dynamic" || complain "functions are bound late"

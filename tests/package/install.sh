@@ -7,7 +7,7 @@ rm -rf "$prefix"
 cmake --install "$build_dir" --config "$config" --prefix "$prefix" >/dev/null
 
 cd "$source_dir"
-# A header that callers do not get says so in its first line; all others are installed.
+# An internal header says so in its first line; all others are installed.
 find kest -name '*.h' -print0 | LC_ALL=C sort -z | while IFS= read -r -d '' header; do
     head -n 1 "$header" | grep -q '^// Internal header' || echo "$header"
 done >"$prefix/public.txt"

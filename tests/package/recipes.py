@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tries the recipes of packaging/ as far as it goes without their tools: recipes.py SOURCE_DIR BUILD_DIR VERSION WORK_DIR.
+"""Tries the recipes of packaging/ as far as possible without their tools: recipes.py SOURCE_DIR BUILD_DIR VERSION WORK_DIR.
 
 The Conan recipe exports its sources, which are configured alone, and tells what its users need; the port for vcpkg runs step by step.
 """
@@ -13,7 +13,7 @@ import sys
 import types
 from unittest import mock
 
-os.environ["CMAKE_GENERATOR"] = "Ninja"  # which is there; make, the default, may not be
+os.environ["CMAKE_GENERATOR"] = "Ninja"  # Ninja is installed; make, the default, may not be
 source, build, version, work = pathlib.Path(sys.argv[1]), sys.argv[2], sys.argv[3], pathlib.Path(sys.argv[4])
 STEPS = r"""
 function(vcpkg_cmake_configure)

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Looks at what the shared library exports and needs.
+# Checks what the shared library exports and needs.
 # Usage: symbols.sh LIBRARY
 set -euo pipefail
 library=$1
 failures=0
 complain() { echo "$*"; failures=$((failures + 1)); }
 
-# Names as the language writes them, address and kind removed.
+# The names as C++ writes them, without address and kind.
 exported=$(nm -DC --defined-only "$library" | sed -E 's/^[0-9a-f]* +[A-Za-z] //')
 
 kinds='(typeinfo( name)? for |vtable for |VTT for |guard variable for |(non-virtual|virtual|covariant return) thunk to )?'
@@ -15,7 +15,7 @@ kinds+='|construction vtable for .*-in-'
 foreign=$(grep -vE "^(${kinds})Kest::" <<<"$exported" || true)
 [[ -z $foreign ]] || complain "exported, though not of Kest:"$'\n'"$foreign"
 
-# Each singleton of the library is one object in the process, so the object and its guard are the library's.
+# Each singleton of the library is one object in the process, so the library exports the object and its guard.
 for class in 'Kest::System::TSocket::TMutex' 'Kest::System::_TSystemLocaleDetector'; do
     object="Kest::_Gadgets::TSingleton<$class>::GetObject()::Object"
     for name in "$object" "guard variable for $object"; do

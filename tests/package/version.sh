@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compares the version that the library tells when it runs with that of everything else that states one.
+# Compares the version that the running library tells with every other place that states the version.
 # Usage: version.sh SOURCE_DIR PREFIX VERSION WORK_DIR; VERSION is that of the CMake project. CXX and CXXFLAGS are those of the build.
 set -euo pipefail
 source_dir=$1 prefix=$2 version=$3 work_dir=$4
