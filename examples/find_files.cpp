@@ -1,8 +1,8 @@
 // Lists the entries of a tree of directories whose names match a pattern: type, size in bytes, local modification time, path.
 //
 // Shows      how to read directories, ask for the state of files, match names, and tell one directory from another.
-// Arguments  DIR PATTERN. Links are followed, and listed as links where they lead nowhere. A directory reached by two roads is
-//            listed under the first, and the second is told. To a terminal, control characters in names are written as \033.
+// Arguments  DIR PATTERN. Links are followed, and listed as links where they lead nowhere. A directory with two
+//            paths is listed under the first; the second path is reported. A terminal gets control characters in names as \033.
 // Status     0; 1 something could not be looked at, or the list not be written; 2 bad arguments.
 
 #include <kest/filesystem/directory.h>
@@ -56,7 +56,7 @@ std::string LocalTimeText(double time) {
     return text;
 }
 
-/// Whether @p path is a link that leads nowhere, and then its own state. A TState is that of what a link leads to.
+/// Whether @p path is a link that leads nowhere, and then the link's own state. A TState has the state of a link's target.
 bool IsDangling(const std::string& path, struct stat& link) {
     const std::string systemPath = UTF8ToSystem(path);
     struct stat target {};
@@ -73,7 +73,7 @@ std::size_t ControlLength(const std::string& text, std::size_t position) {
     return byte == 0xC2 && next >= 0x80 && next < 0xA0 ? 2 : 0; // U+0080 to U+009F
 }
 
-/// The text as it may be written to @p descriptor: as it is, but for a terminal with each byte of a control character as \ooo.
+/// The text to write to @p descriptor. For a terminal, each byte of a control character becomes \ooo.
 std::string Shown(const std::string& text, int descriptor) {
     if (::isatty(descriptor) == 0)
         return text;
@@ -148,7 +148,7 @@ private:
         });
     }
 
-    /// Notes a directory to be read, unless it was noted under another name: links may lead round in a circle.
+    /// Notes a directory that is to be read, unless it was noted under another name: links may lead in a circle.
     void Enter(const std::string& path) {
         Try(path, [&] {
             const auto [known, isNew] = Known.emplace(GetFullPathName(path), path);

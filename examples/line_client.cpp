@@ -51,16 +51,16 @@ constexpr char Usage[] =
     "  3  time-out                    8  the answers cannot be written\n"
     "  4  shutdown: the server closed the connection\n";
 
-/// What a stream's socket needs beside the stream. A stream calls its socket through the virtual operations, once for each piece that is
-/// sent or received: so a limit for all pieces of an exchange is set before each, and an exception, of which the stream keeps a code that a
-/// reset has in common with much else, is kept here.
+/// A socket with one limit for a whole exchange, which keeps the exception that ended it. A stream calls the virtual operations of its
+/// socket once for each piece that it sends or receives. So this class sets the time that is left as the limit of each piece. A stream
+/// keeps only a code of an exception, which does not tell a reset from other failures.
 class TExchangingSocket final : public TSocket {
 public:
     using TSocket::TSocket;
 
     /// From now on, sending and receiving take at most @p limit seconds altogether; 0 for no limit.
     void BeginExchange(double limit) {
-        constexpr std::chrono::hours aYear(365 * 24); // without any limit a flush may send a part and keep the rest for the next
+        constexpr std::chrono::hours aYear(365 * 24); // without a limit a flush may send a part and keep what is left
         End = std::chrono::steady_clock::now() + (limit == 0 ? TSeconds(aYear) : TSeconds(limit));
         Failure = nullptr;
     }
@@ -107,14 +107,14 @@ private:
     std::exception_ptr Failure;
 };
 
-/// The end of the program, but for what the library's exceptions say.
+/// Ends of the program that no exception of the library tells.
 struct EEnd {
     TStatus Status;
     std::string Sentence;
 };
 
-/// A refused connection has no class of its own: its message is the system's description and nothing else, and that is compared. An
-/// address that the system cannot take, such as too long a path, is not told apart from a socket without a connection, which this one is.
+/// A refused connection has no class of its own: its message is the system's description and nothing else, which this compares. The system
+/// reports an address that it cannot take, such as too long a path, like a socket without a connection.
 void Connect(TSocket& socket, const TSocket::TAddress& address, const std::string& text) {
     try {
         socket.Connect(address);
@@ -127,7 +127,7 @@ void Connect(TSocket& socket, const TSocket::TAddress& address, const std::strin
     }
 }
 
-/// Sends a line and reads its answer. A server that is busy may have closed already: then sending fails, but what it said is there.
+/// Sends a line and reads its answer. A busy server may have closed already: then sending fails, but its answer can be read.
 void Exchange(TExchangingSocket& socket, TSocket::TStream& stream, const std::string& line, std::string& answer) {
     constexpr std::size_t lengthAndSpace = 20;
     const bool isSent = static_cast<bool>(stream << line << '\n' << std::flush);

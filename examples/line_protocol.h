@@ -22,7 +22,7 @@
 
 namespace Lines {
 
-/// The longest line that is taken, in bytes without its newline: what one client can make the server hold.
+/// The longest line that the server takes, in bytes without its newline: a client cannot make the server hold more.
 constexpr std::size_t LongestLine = std::size_t{1024} * 1024;
 
 /// Bytes of each buffer of a socket's stream: some dozens of usual lines for one system call.
@@ -56,7 +56,7 @@ inline TRead ReadLine(std::istream& input, std::string& line, std::size_t longes
 
 /// Reads a time limit in seconds, 0 for none; false when @p text is anything else.
 inline bool ParseLimit(std::string_view text, double& limit) {
-    // std::from_chars does this in one call, where the standard library has it for double: that of Clang does not.
+    // std::from_chars does this in one call, but libc++ does not have it for double.
     if (text.empty() || text.find_first_not_of("0123456789.eE-") != std::string_view::npos)
         return false;
     const std::string copy(text);
@@ -71,24 +71,24 @@ inline Kest::System::TSocket::TProtocolInfo ConnectionOf(const std::string& doma
     return {domain, Kest::System::TSocket::Stream, domain == "inet" ? "tcp" : "ip"}; // "ip" is number 0, a family's own protocol
 }
 
-/// For a stream whose flush failed. What is pending goes out with the stream's destructor, which would wait for the peer once more; with
-/// the sending side shut down the destructor fails at once.
+/// Shuts the sending side down after a failed flush. The stream's destructor would send what is pending and wait for the peer once more;
+/// with the sending side shut down it fails at once.
 inline void EndSending(Kest::System::TSocket& socket) {
     try {
         socket.Shutdown(false, true);
-    } catch (const Kest::System::Interface::_Socket::EIOError&) { // there is no connection any more, so sending fails at once
+    } catch (const Kest::System::Interface::_Socket::EIOError&) { // the connection is gone, so sending fails at once
     }
 }
 
-/// The message of @p failure, and part of it, without the library's name in front: for a sentence that begins with the program's.
+/// The message of @p failure without the library's name in front, for a sentence that begins otherwise. It is part of @p failure.
 inline const char* ReasonOf(const Kest::EException& failure) {
     constexpr std::string_view prefix = "Kest: ";
     return failure.GetMessage().c_str() + prefix.size();
 }
 
-/// A standard stream that is closed would lend its number to a socket: what is printed would go to the peer, what the peer sends would be
-/// input. Each gets a descriptor for the other direction instead, with which reading or writing fails. Requires: called first in main().
-/// @return false: one is still closed.
+/// Gives each closed standard stream a descriptor for the other direction, so that reading or writing fails. Otherwise a socket could get
+/// its number: what is printed would go to the peer, and what the peer sends would be input. Requires: called first in main().
+/// @return false when one is still closed.
 inline bool FillStandardDescriptors() {
     for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(number, F_GETFD) == -1 && ::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY) != number)

@@ -1,7 +1,7 @@
 /// @file
 /// Answers each line of each client with its length in bytes, a space and the line. Every client has a thread of its own, so that one
-/// that is slow, silent or broken costs nobody else anything. Holds out against clients that mean harm and against want of memory, threads
-/// and descriptors.
+/// that is slow, silent or broken costs nobody else anything. Holds out against hostile clients and against lack of memory, threads and
+/// descriptors.
 ///
 /// Shows      listening and accepting, streams over sockets, time limits, a thread for each client and how all are ended, signals.
 /// Arguments  DOMAIN ADDRESS [LIMIT [CLIENTS]]: "inet" and host:port, port 0 for any free one, or "fs" and the path of a socket to create;
@@ -69,9 +69,9 @@ void RequestStop(int) {
     StopRequested = 1;
 }
 
-/// Writes a line to standard error: in one call, so that the lines of several threads do not mix; without memory, since that may be what
-/// there is none of; and not at all while nobody takes it, so that a full pipe holds no thread. Should another process fill the pipe just
-/// before the call, a cancellation or a signal ends it. A std::cerr would stay bad after that.
+/// Writes a line to standard error in one call, so that the lines of several threads do not mix. Needs no memory, which may have run out.
+/// Writes nothing while nobody reads, so that a full pipe holds no thread. If another process fills the pipe just before the call, a
+/// cancellation or a signal ends the call. std::cerr would stay bad after that.
 void Report(std::string_view subject, std::string_view text) {
     pollfd errors{STDERR_FILENO, POLLOUT, 0};
     if (::poll(&errors, 1, 0) != 1)
@@ -81,18 +81,18 @@ void Report(std::string_view subject, std::string_view text) {
     std::transform(parts.begin(), parts.end(), pieces.begin(), [](std::string_view part) {
         return iovec{const_cast<char*>(part.data()), part.size()}; // NOLINT(*-const-cast): the call reads, its type is for both ways
     });
-    (void)::writev(STDERR_FILENO, pieces.data(), pieces.size()); // there is nobody to tell of a failure
+    (void)::writev(STDERR_FILENO, pieces.data(), pieces.size()); // nobody could be told of a failure
 }
 
-/// Memory put by for the messages of exceptions: the library ends the process when it cannot compose one. An allocation that fails, in
-/// whichever thread, is tried again with a piece of it given back to the system, from which every thread can get it. No client is taken
-/// until all of it is put by again.
+/// Memory kept for the messages of exceptions: the library ends the process when it cannot compose a message. When an allocation of any
+/// thread fails, a piece goes back to the system, where every thread can get it, and the allocation is tried again. The server takes no
+/// client until all pieces are kept again.
 namespace Reserve {
 
-constexpr std::size_t PieceSize{256 * 1024UL}; // more than the C library asks the system for at a time
-std::array<std::atomic<void*>, 16> Pieces{};   // together more than the largest single allocation here
+constexpr std::size_t PieceSize{256 * 1024UL}; // larger than what the C library asks of the system at a time
+std::array<std::atomic<void*>, 16> Pieces{};   // together larger than the largest allocation of the server
 
-/// For the main thread. False when there is not enough memory.
+/// Fills the reserve, for the main thread. False when there is not enough memory.
 bool Fill() {
     for (auto& piece : Pieces) {
         if (piece != nullptr)
@@ -127,14 +127,14 @@ bool Begin() {
 
 } // namespace Reserve
 
-/// A client and its thread. All but Run() and what it calls is for the main thread.
+/// A client and its thread. Only Run() and what it calls run in that thread; everything else is for the main thread.
 class TClient final : public TThread {
 public:
     /// Gets what the client needs, the memory for its longest line and the thread, before there is a connection that might be lost.
     TClient(unsigned number, double limit) : Name("client " + std::to_string(number) + ": "), Limit(limit) {
         Line.reserve(Lines::LongestLine);
     }
-    ~TClient() noexcept override { // a TSocket may throw when it closes, a thread must not: it ends the process then
+    ~TClient() noexcept override { // closing a TSocket may throw, which ends the process in a thread's destructor
         Interrupt(true);
         CancelAndFinish();
     }
@@ -148,25 +148,25 @@ public:
 
     bool IsFinished() const { return Finished; }
 
-    /// Ends a wait of the thread for input or, with @p sendingToo, for room to send. A socket object belongs to one thread at a time, the
-    /// connection behind it does not, so this is the bare call; a copy of the object would do, for another descriptor for each client.
+    /// Ends a wait of the thread for input or, with @p sendingToo, for room to send. A socket object belongs to one thread at a time, but
+    /// the connection does not. So this makes the bare call. A copy of the object would need another descriptor for each client.
     void Interrupt(bool sendingToo) const {
         (void)::shutdown(Descriptor, sendingToo ? SHUT_RDWR : SHUT_RD); // fails when the client is gone already
     }
 
 private:
-    /// Two streams over the one socket: a flush drops the input that its stream has read ahead, which here are the next lines of a
-    /// client that does not wait for its answers. The stream for input is never flushed, so it loses nothing.
+    /// Uses two streams over one socket. A flush drops the input that its stream has read ahead: the next lines of a client that does not
+    /// wait for its answers. The stream for input is never flushed, so it loses nothing.
     int Run() override {
         try {
             SetLimits();
             TSocket::TStream input(*Socket, Lines::BufferSize);
             TSocket::TStream output(*Socket, Lines::BufferSize);
-            input.tie(&output); // answers go out when the input is used up: one call for all the lines that came together
+            input.tie(&output); // answers go out when the input is used up: one call for all lines that came together
             const std::string_view failure = Serve(input, output);
             if (!failure.empty() && !StopRequested)
                 Report(Name, failure);
-            SayGoodbye();             // before the streams go, which would wait for a client that takes nothing
+            SayGoodbye();             // before the streams are destroyed, which would wait for a client that takes nothing
         } catch (const EException&) { // the client is gone
         } catch (const std::exception& failure) {
             Report(Name, failure.what()); // no memory for the streams
@@ -176,7 +176,7 @@ private:
     }
 
     void SetLimits() {
-        constexpr double aYear = 365.0 * 24 * 60 * 60; // without any limit a flush may send a part and keep the rest for the next
+        constexpr double aYear = 365.0 * 24 * 60 * 60; // without a limit a flush may send a part and keep what is left
         Socket->SetReceiveTimeout(Limit);
         Socket->SetSendTimeout(Limit == Kest::System::EndlessTimeInterval ? aYear : Limit);
     }
@@ -225,10 +225,10 @@ class TServer {
 public:
     TServer(TSocket& listener, const TOptions& options) : Listener(listener), Options(options), Peer(options.Domain) {
         Clients.reserve(options.MostClients);
-        Listener.SetBlocking(false); // a connection that is gone again when it is accepted must not make accepting wait
+        Listener.SetBlocking(false); // a connection that is gone before it is accepted must not make accepting wait
     }
 
-    /// Serves until a signal says stop; one that comes just before the wait is seen after it.
+    /// Serves until a signal. A signal that comes just before the wait is noticed after it.
     void Serve() {
         while (!StopRequested) {
             try {
@@ -281,7 +281,7 @@ private:
             client.Receive(ignored.data(), Lines::BufferSize); // ends with an exception when nothing is left
     }
 
-    /// Tells of the first client of a row that cannot be taken.
+    /// Reports the first of several clients that cannot be taken.
     std::nullptr_t Complain(std::string_view reason) {
         if (!IsShort)
             Report("cannot take a client: ", reason);
@@ -301,7 +301,7 @@ private:
         Clients.erase(std::remove_if(Clients.begin(), Clients.end(), isFinished), Clients.end());
     }
 
-    /// Half a second for all to come to their end, after which those that are still sending, to clients that take nothing, are cut off.
+    /// Gives all threads half a second to end. Then cuts off those that still send to clients that take nothing.
     void EndAll() {
         for (const auto& client : Clients)
             client->Interrupt(false);
@@ -329,7 +329,7 @@ std::string ListeningAddress(const TSocket& listener, const TOptions& options) {
     return own.Get(false);
 }
 
-/// A failed Bind names the address, and fails in that where no name is registered for it, as for 0.0.0.0: the text is as good.
+/// A failed TSocket::Bind looks up the name of the address, and reports that no name is there, as for 0.0.0.0. This names the address.
 void Bind(TSocket& listener, const TSocket::TAddress& address, const std::string& text) {
     try {
         listener.Bind(address);
@@ -343,7 +343,7 @@ void Run(const TOptions& options) {
     TSocket listener(Lines::ConnectionOf(options.Domain));
     listener.SetReuseAddress(true);
     Bind(listener, address, options.Address);
-    // From here on, whichever way this ends, the file of an "fs" listener goes.
+    // From here on the file of an "fs" listener is removed, whichever way this ends.
     const std::unique_ptr<const char, int (*)(const char*)> file(options.Domain == "fs" ? options.Address.c_str() : nullptr, ::unlink);
     listener.Listen(0);
     TServer server(listener, options);

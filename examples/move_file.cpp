@@ -34,7 +34,7 @@ std::string Describe(const std::string& path) {
                                                                        : "neither a file nor a directory";
         return "'" + path + "' is " + kind;
     } catch (const Kest::EException& failure) {
-        struct stat entry {}; // of a link that leads nowhere, its own
+        struct stat entry {}; // of the link itself, where it leads nowhere
         const bool isThere = ::lstat(UTF8ToSystem(path).c_str(), &entry) == 0;
         if (!isThere && (errno == ENOENT || errno == ENOTDIR))
             return "'" + path + "' does not exist";

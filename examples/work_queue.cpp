@@ -56,7 +56,7 @@ struct TLine {
 /// A bounded queue between one reader and many workers. It ends when the reader closes it.
 class TQueue {
 public:
-    /// Waits for room. The waits of a queue are cancellation points and leave it free.
+    /// Waits for room. The waits of a queue are cancellation points, and a cancelled wait leaves the queue unlocked.
     void Put(TLine line) {
         const std::lock_guard inside(Mutex);
         while (Lines.size() >= MostWaiting && !IsClosed)
@@ -80,7 +80,7 @@ public:
         return true;
     }
 
-    /// No more lines will come; what waits is still delivered unless @p dropsWaiting.
+    /// Says that no more lines will come. Lines that wait are still delivered unless @p dropsWaiting.
     void Close(bool dropsWaiting) {
         const std::lock_guard inside(Mutex);
         IsClosed = true;
@@ -121,7 +121,7 @@ private:
     std::exception_ptr Failure;
 };
 
-/// Closes the queue whichever way its scope is left, so that nobody waits for it any more.
+/// Closes the queue when its scope is left in any way, so that nobody waits for the queue any more.
 class TClosing {
 public:
     explicit TClosing(TQueue& queue) : Queue(queue) {}
@@ -178,7 +178,7 @@ public:
     explicit TWorker(TQueue& queue) : TTask(queue) {}
     ~TWorker() override { Finish(); }
 
-    // For others to read once the thread has ended.
+    // Other threads read these once the thread has ended.
     unsigned long Lines = 0;
     unsigned long long Characters = 0;
     std::vector<unsigned long> Changed;
@@ -215,11 +215,11 @@ bool Summarize(const TWorkers& workers) {
     return changed == 0;
 }
 
-/// Lets the threads work until the file's end, a failure or the signal; the exit status.
+/// Lets the threads work until the end of the file, a failure or the signal. Returns the exit status.
 int Process(std::ifstream& file, long workerCount) {
     TQueue queue;
     TWorkers workers;
-    const TClosing closing(queue); // before the workers are waited for, should one of the next steps fail
+    const TClosing closing(queue); // closes the queue before the workers are waited for, if one of the next steps fails
     for (long index = 0; index < workerCount; ++index) {
         workers.push_back(std::make_unique<TWorker>(queue));
         workers.back()->Start();
@@ -227,7 +227,7 @@ int Process(std::ifstream& file, long workerCount) {
     TReader reader(file, queue);
     reader.Start();
     while (!queue.IsOver() && !IsInterrupted)
-        TThreadInstance::Sleep(LookInterval); // a signal ends it
+        TThreadInstance::Sleep(LookInterval); // a signal ends the sleep
     if (IsInterrupted)
         queue.Close(true);
     reader.CancelAndFinish();
