@@ -132,9 +132,10 @@ public:
     }
 
     KEST_CODEC_ENTRY KEST_TARGET static char* Encode(const wchar_t* text, std::size_t length, char* out) noexcept {
+        const TSteps steps{};
         const wchar_t* const end = text + length;
         if (const std::size_t odd = length % Units; odd != 0 && length >= Units + Spare) {
-            (void)EncodeBlock(text, out);
+            (void)EncodeBlock(steps, text, out);
             out += BytesOf(TSteps::FindLongUnits(text), odd);
             text += odd;
         }
@@ -146,33 +147,41 @@ public:
             }
             const std::ptrdiff_t blocks =
                 std::min<std::ptrdiff_t>(Run / Units, (end - text - std::ptrdiff_t{Spare}) / std::ptrdiff_t{Units});
-            for (const wchar_t* const stop = text + blocks * std::ptrdiff_t{Units}; text < stop; text += Units)
-                out = EncodeBlock(text, out);
+            const wchar_t* const stop = text + blocks * std::ptrdiff_t{Units};
+            // A loop for each kind of block, in which the compiler keeps what is constant.
+            while (text < stop) {
+                for (; text < stop && steps.IsShort(text); text += Units)
+                    out = steps.EncodeShort(text, out);
+                for (; text < stop && !steps.IsShort(text); text += Units)
+                    out = EncodeLong(steps, text, out);
+            }
         }
-        return EncodeRest(text, end, out);
+        return EncodeRest(steps, text, end, out);
     }
 
 private:
     /// So many units have to follow those of a step that writes further beyond its own than the slack is.
     static constexpr std::size_t Spare = TSteps::EncodeOvershoot > _TUTF8Codec::Slack ? TSteps::EncodeOvershoot - _TUTF8Codec::Slack : 0;
 
-    KEST_STEP static char* EncodeBlock(const wchar_t* text, char* out) noexcept {
-        if (TSteps::IsShort(text))
-            return TSteps::EncodeShort(text, out);
+    KEST_STEP static char* EncodeBlock(const TSteps& steps, const wchar_t* text, char* out) noexcept {
+        return steps.IsShort(text) ? steps.EncodeShort(text, out) : EncodeLong(steps, text, out);
+    }
+
+    KEST_STEP static char* EncodeLong(const TSteps& steps, const wchar_t* text, char* out) noexcept {
         for (std::size_t each = 0; each < Units; each += TSteps::UnitsOfPart)
-            out = TSteps::EncodeAny(text + each, out);
+            out = steps.EncodeAny(text + each, out);
         return out;
     }
 
-    KEST_STEP static char* EncodeRest(const wchar_t* text, const wchar_t* end, char* out) noexcept {
+    KEST_STEP static char* EncodeRest(const TSteps& steps, const wchar_t* text, const wchar_t* end, char* out) noexcept {
         constexpr std::ptrdiff_t part = TSteps::UnitsOfPart;
         if constexpr (Spare == 0) {
             for (; end - text >= part; text += part)
-                out = TSteps::EncodeAny(text, out);
+                out = steps.EncodeAny(text, out);
         } else {
             std::array<char, 3 * TSteps::UnitsOfPart + TSteps::EncodeOvershoot> bytes;
             for (; end - text >= part; text += part) {
-                const auto count = static_cast<std::size_t>(TSteps::EncodeAny(text, bytes.data()) - bytes.data());
+                const auto count = static_cast<std::size_t>(steps.EncodeAny(text, bytes.data()) - bytes.data());
                 std::memcpy(out, bytes.data(), count);
                 out += count;
             }
