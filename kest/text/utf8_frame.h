@@ -55,8 +55,11 @@ struct TSequences {
 ///     EncodeShort(units, out), EncodeAny(units, out)  the bytes of such a block; of any part
 ///     StoreOvershoot, EncodeOvershoot                 how many elements these write beyond what they are asked for
 ///
+/// IsShort(), EncodeShort() and EncodeAny() are called on an object, which can keep what is constant.
+///
 /// What does not come out even is evened at the beginning of a text: its first block is looked at as a whole, and as many elements of it
-/// count as make the others whole blocks. A mixed text has hardly a run of ASCII of its own, so a run is looked for once a run.
+/// count as make the others whole blocks. A mixed text has hardly a run of ASCII of its own, so a run is looked for once a run, and less
+/// often while the encoding finds none.
 template <class TSteps>
 class TFrame {
     using TMask = typename TSteps::TMask;
@@ -139,22 +142,19 @@ public:
             out += BytesOf(TSteps::FindLongUnits(text), odd);
             text += odd;
         }
+        std::size_t most = Run / Units; // blocks up to the next look for a run of ASCII
         while (static_cast<std::size_t>(end - text) >= Units + Spare) {
-            if (static_cast<std::size_t>(end - text) >= Run + Spare && TSteps::EncodeASCII(text, out)) {
+            const auto left = static_cast<std::size_t>(end - text) - Spare;
+            if (left >= Run && TSteps::EncodeASCII(text, out)) {
                 text += Run;
                 out += Run;
+                most = Run / Units;
                 continue;
             }
-            const std::ptrdiff_t blocks =
-                std::min<std::ptrdiff_t>(Run / Units, (end - text - std::ptrdiff_t{Spare}) / std::ptrdiff_t{Units});
-            const wchar_t* const stop = text + blocks * std::ptrdiff_t{Units};
-            // A loop for each kind of block, in which the compiler keeps what is constant.
-            while (text < stop) {
-                for (; text < stop && steps.IsShort(text); text += Units)
-                    out = steps.EncodeShort(text, out);
-                for (; text < stop && !steps.IsShort(text); text += Units)
-                    out = EncodeLong(steps, text, out);
-            }
+            const std::size_t blocks = std::min(most, left / Units);
+            out = EncodeBlocks(steps, text, blocks, out);
+            text += blocks * Units;
+            most = std::min(2 * most, 8 * Run / Units);
         }
         return EncodeRest(steps, text, end, out);
     }
@@ -170,6 +170,17 @@ private:
     KEST_STEP static char* EncodeLong(const TSteps& steps, const wchar_t* text, char* out) noexcept {
         for (std::size_t each = 0; each < Units; each += TSteps::UnitsOfPart)
             out = steps.EncodeAny(text + each, out);
+        return out;
+    }
+
+    KEST_STEP static char* EncodeBlocks(const TSteps& steps, const wchar_t* text, std::size_t blocks, char* out) noexcept {
+        const wchar_t* const stop = text + blocks * Units;
+        while (text < stop) {
+            for (; text < stop && steps.IsShort(text); text += Units)
+                out = steps.EncodeShort(text, out);
+            for (; text < stop && !steps.IsShort(text); text += Units)
+                out = EncodeLong(steps, text, out);
+        }
         return out;
     }
 
