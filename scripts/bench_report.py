@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Makes the tables, the page and the plots of a run of the benchmarks. Called by bench.sh.
 
-Measurements are named workload/variant/who[/size]. Measurements that differ only in who make one row. A goal is a line of bench_goals.csv: a
-ratio, its largest good value, the bits (64 or 32), and for a goal that is missed the reason. The size "1000+" means 1000 and more. A ratio to
-"others" compares with the fastest of them. The value "spread" is reached within the spread of the repetitions of the compared one. A goal
-without a measurement in its topic counts as missed.
+Measurements are named workload/variant/who[/size]. Measurements that differ only in who make one row. A goal is a line of bench_goals.csv:
+a ratio, its largest good value, the bits (64 or 32), and for a goal that is missed the reason. The size "1000+" means 1000 and more. A
+ratio to "others" compares with the fastest of them. The value "spread" is reached within the spread of the repetitions of the compared one.
+A goal without a measurement in its topic counts as missed.
 """
 import argparse
 import collections
@@ -33,7 +33,7 @@ NAMES = dict(limit="bare calls", kest="Kest", std="standard library", poco="POCO
 INK, DARK_INK, PLACE_OF_INK = "#2f4153", "#d2dbde", "#010203" # of what is written on a picture, by the reader's scheme
 Case = collections.namedtuple("Case", "workload variant size")
 
-# The first table and picture of the page: what a program does, and the measurement that is about it.
+# The first table and picture of the page: what a program does, and the measurement of that task.
 TASKS = [
     ("enter and leave a free mutex", "mutex", Case("free", "plain", None)),
     ("wake a waiting thread, and be woken", "condition", Case("there and back", "plain", None)),
@@ -47,7 +47,7 @@ TASKS = [
     ("write 64 KiB of lines to a stream over a socket", "stream", Case("write lines", "socket", 1024)),
 ]
 
-# What the subjects of the page are called there, in its order, and what their cases are about.
+# The titles of the subjects in the order of the page, and what their cases measure.
 SUBJECTS = {
     "mutex": "Mutexes. Contended: two threads, each on a processor of its own.",
     "condition": "Conditions. There and back: two threads wake each other by turns.",
@@ -93,12 +93,12 @@ def by_size(case):
 
 
 def ordered(whos):
-    """Each once: the limit, the library, the standard library, then the others by name."""
+    """Each of them once: the limit, the library, the standard library, then the others by name."""
     return sorted(set(whos), key=lambda who: ((FIRST + [who]).index(who), who))
 
 
 def ratio_text(times, base):
-    """The median as a ratio to that of the limit, and between which ratios the middle half of the repetitions lies."""
+    """The median as a ratio to the median of the limit, and the ratios of the middle half of the repetitions."""
     low, middle, high = (statistics.quantiles(times, n=4, method="inclusive") if len(times) > 1 else times * 3)
     return f"{middle / base:.2f} ({low / base:.2f}-{high / base:.2f})"
 
@@ -117,7 +117,7 @@ def size_matches(pattern, size):
 
 
 def goals_of(goals, topic, case, whos):
-    """For each goal of the case: (its line, what it says, whether it is reached, how that is said)."""
+    """For each goal of the case: (its line, the goal as text, whether it is reached, the ratio as text)."""
     for goal in goals:
         if goal["topic"] != topic or not fnmatch.fnmatchcase(case.workload, goal["workload"]) \
                 or not fnmatch.fnmatchcase(case.variant, goal["variant"]) or not size_matches(goal["size"], case.size):
@@ -134,7 +134,7 @@ def goals_of(goals, topic, case, whos):
             most, text = float(goal["reach"]), f"{float(goal['reach']):.2f}" + ("" if base == "limit" else f" of {base}")
         if who != "kest":
             text = f"{who} {text}"
-        # Both have two digits on the page.
+        # The page shows both with two digits.
         missed = round(reached, 2) - round(most, 2)
         yield goal, text, missed <= 0, f"{reached:.2f}"
 
@@ -166,7 +166,7 @@ def table_of(times, remarks):
 
 
 def tasks_of(topics):
-    """Of the first table: (what a program does, the times of all who do it)."""
+    """The rows of the first table: (what a program does, the times of all who do it)."""
     return [(text, topics[topic][0][case]) for text, topic, case in TASKS if topic in topics and case in topics[topic][0]]
 
 
@@ -183,13 +183,13 @@ def table_of_tasks(topics):
 
 
 def colors_of(times):
-    """A color for each who of a topic, the same in all topics for those that most have."""
+    """A colour for each who of a topic. Those that most topics have keep one colour in all topics."""
     others = sorted({who for case in times.values() for who in case} - COLORS.keys())
     return COLORS | dict(zip(others, MORE_COLORS * len(others)))
 
 
 def begin_picture():
-    """What is written takes the reader's colour, dark or light: save_picture() puts it in."""
+    """Text and axes get a colour that save_picture() replaces by the reader's colour, dark or light."""
     colors = {name: PLACE_OF_INK for name in ("text.color", "axes.edgecolor", "axes.labelcolor", "xtick.color", "ytick.color")}
     matplotlib.rcParams.update({"svg.hashsalt": "kest", "svg.fonttype": "none", "font.size": 9, "axes.facecolor": "none", **colors,
                                 "axes.spines.top": False, "axes.spines.right": False, "legend.frameon": False,
@@ -210,7 +210,7 @@ def save_picture(figure, path):
 
 
 def plot_tasks(topics, path):
-    """A bar for what Kest takes of the bare calls' time, a mark for what each of the others takes."""
+    """Draws a bar for Kest's share of the bare calls' time, and a mark for the share of each of the others."""
     begin_picture()
     tasks = tasks_of(topics)
     figure, axis = pyplot.subplots(layout="constrained", figsize=(8, 0.42 * len(tasks) + 0.8))
@@ -231,7 +231,7 @@ def plot_tasks(topics, path):
 
 
 def plot_topic(times, path):
-    """Time per unit of size, a panel for each workload. Returns whether there is anything that has sizes."""
+    """Draws the time per unit of size, with a panel for each workload. Returns whether any case has sizes."""
     curves = sorted({(case.workload, case.variant) for case in times if case.size is not None})
     # Two sizes are no curve.
     curves = [curve for curve in curves if len({case.size for case in times if (case.workload, case.variant) == curve}) > 3]
@@ -262,7 +262,7 @@ def plot_topic(times, path):
 
 
 def summary_of(runs):
-    """Of (topics, goals, addition to the topics' names) each: how many goals are reached, and a row for each other."""
+    """Gets (topics, goals, addition to the topics' names) of each run. Returns how many goals are reached, and a row for each missed goal."""
     counts, missed = collections.Counter(), []
     for topics, goals, addition in runs:
         for topic, (times, _) in topics.items():

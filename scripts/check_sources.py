@@ -41,7 +41,7 @@ def layering(root, files):
         for name in includes(text):
             other = name.split("/")[0]
             if other in LAYERS and other != folder and other not in LAYERS[folder]:
-                yield path, 1, f"{folder}/ does not stand on {other}/, and includes {name}"
+                yield path, 1, f"includes {name}, and {folder}/ does not stand on {other}/"
 
 
 def circles(root, files):
@@ -68,7 +68,7 @@ def file_comments(root, files):
             continue
         if str(path.relative_to(root)) in public:
             if "@file" not in text:
-                yield path, 1, "a public header says with @file what it holds"
+                yield path, 1, "a public header without @file"
         elif not re.match(r"// Internal header: used ", text):
             yield path, 1, 'the first line of an internal header begins with "// Internal header: used "'
 
@@ -102,7 +102,7 @@ def comments(_, files):
         for number, line in enumerate(text.split("\n"), 1):
             comment = re.search(r"//.*", line)
             if comment and ELSEWHERE.search(comment[0]):
-                yield path, number, "says that something stands elsewhere, and not where: " + ELSEWHERE.search(comment[0])[0]
+                yield path, number, "sends the reader elsewhere without saying where: " + ELSEWHERE.search(comment[0])[0]
             if not re.match(r"\s*///(?!<)", line):
                 reached = 0
                 continue
@@ -110,7 +110,7 @@ def comments(_, files):
             part = next((place for word, place in PARTS if words.startswith(word)), None)
             is_prose = part is None and re.match(r"[^\s@]", words)
             if (part or 0) < reached and (part or (is_prose and reached == 3)):
-                yield path, number, "out of the order effect, @param, @return, @throw, Requires, Waits, Threads"
+                yield path, number, "not in the order effect, @param, @return, @throw, Requires, Waits, Threads"
             reached = max(reached, part or 0)
 
 
