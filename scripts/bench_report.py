@@ -282,7 +282,7 @@ def summary_of(runs):
 
 def page_of(runs, pictures, run, quick):
     topics, topics_32 = (topics for topics, _, _ in runs)
-    lines = ["# What it costs {#performance}", ""]
+    lines = ["# What Kest costs {#performance}", ""]
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
     lines += [
