@@ -20,8 +20,7 @@ std::optional<struct stat> _LookAt(int folder, const char* name);
 /// A name of the library's own. It begins with a dot, so that listings hide it, and is short enough for every file system.
 class _TFreshName {
 public:
-    /// Calls @p make with one name after the other until a call does not fail with EEXIST. @p make makes something of the name that it
-    /// gets.
+    /// Calls @p make, which makes something of the name that it gets, with up to a hundred names until it does not fail with EEXIST.
     /// @return the result of the last call. It is negative for a failure, and errno tells which.
     template <class TMake>
     int Find(const TMake& make) {

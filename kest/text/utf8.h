@@ -25,7 +25,8 @@ KEST_EXPORT unsigned int _UTF8Length(const char* text, unsigned int length);
 
 /// Encodes the first @p length code units of @p text into @p out, and writes a zero byte at @p out[@p outLength]. A code unit 0 ends the
 /// text before that, and nothing is read beyond it. A value above 0xFFFF gives three bytes too. Its upper bits spill into the first of
-/// them. Requires: @p out has room for _UTF8LengthOfUCS2(@p text, @p length) bytes and the zero byte, and @p outLength is that length.
+/// them.
+/// Requires: @p out has room for _UTF8LengthOfUCS2(@p text, @p length) bytes and the zero byte, and @p outLength is that length.
 KEST_EXPORT void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength);
 
 /// Decodes the first @p length bytes of @p text into at most @p outCapacity code units at @p out. Nothing is read beyond these bytes.

@@ -28,7 +28,8 @@ inline std::size_t _CountUTF8Bytes(const wchar_t* text, std::size_t index, std::
     return bytes;
 }
 
-/// Decodes the sequence at @p text and moves @p text behind it. Requires: @p text is before @p end.
+/// Decodes the sequence at @p text and moves @p text behind it.
+/// Requires: @p text is before @p end.
 inline wchar_t _DecodeUTF8Sequence(const char*& text, const char* end) noexcept {
     // Each length has a branch of its own. Of one sum for all, compilers make a chain of instructions of which each waits for the last.
     const auto byte = [&text](int index) { return std::uint32_t{static_cast<unsigned char>(text[index])}; };

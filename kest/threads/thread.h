@@ -15,7 +15,8 @@ namespace Kest::System {
 /// copy owns it. The handle 0 names no thread.
 ///
 /// Requires: no operation but GetId() and Equals() is called when the thread was waited for through another copy, or has ended detached.
-/// The system may have given the handle to another thread. Threads: one object is used by one thread at a time.
+/// The system may have given the handle to another thread.
+/// Threads: one object is used by one thread at a time.
 class KEST_EXPORT TThreadInstance : public Interface::TThreadInstance<unsigned long, TThreadInstance> {
 public:
     /// Names the thread with the system's handle @p handle, for instance one from GetCurrentHandle().
@@ -52,9 +53,9 @@ public:
     bool Equals(const TThreadInstance& other) const override;
 
     /// Suspends the calling thread for @p seconds. EndlessTimeInterval (0.0) suspends it for ever. With a negative interval and with NaN
-    /// the operation returns at once. An interval that is too large for the system is cut to the system's largest. Never throws. Waits: for
-    /// @p seconds. A handled signal ends a sleep early, and nothing tells the caller. It does not end an endless sleep. Cancellation point,
-    /// whatever @p seconds is.
+    /// the operation returns at once. An interval that is too large for the system is cut to the system's largest. Never throws.
+    /// Waits: for @p seconds. A handled signal ends a sleep early, and nothing tells the caller. A signal does not end an endless sleep.
+    /// Cancellation point, whatever @p seconds is.
     static void Sleep(const double& seconds);
 
     /// Acts on a cancellation of the calling thread. Does not give up the processor.
@@ -86,8 +87,8 @@ class _TStartGate;
 /// the application's own threads. Its nice value is that of the thread that created it.
 ///
 /// Requires: the destructor of the most derived class calls Finish() or CancelAndFinish() as its first statement, unless the thread has
-/// been waited for. Run() uses the derived part of the object, and ~TThread() runs only when that part is gone. The part that belongs to
-/// TThread itself stays valid for the thread either way.
+/// been waited for. Run() uses the derived part of the object, and ~TThread() runs only when that part is gone. The start gate is
+/// destroyed only when the thread is past it, also without such a call.
 ///
 /// ~~~{.cpp}
 /// class TWorker : public Kest::System::TThread {
@@ -118,7 +119,7 @@ public:
     int Run() override = 0;
 
     /// Ends the thread, for the destructor of the most derived class. A body that has not begun never begins, not even after a later
-    /// Start(). A body that runs is waited for. The exit value is lost: whoever wants it calls WaitFor() before. Afterwards the handle is
+    /// Start(). A body that runs is waited for. The exit value is lost: whoever wants it calls WaitFor() before. Finish() leaves the handle
     /// 0.
     ///
     /// May be called in every state of the thread, more than once, and while an exception or a cancellation unwinds the calling thread.
