@@ -12,7 +12,7 @@ namespace Kest::System {
 
 namespace {
 
-constexpr int AlwaysFlags = O_CLOEXEC | O_NOCTTY; ///< a terminal that is copied does not become the terminal of the process
+constexpr int AlwaysFlags = O_CLOEXEC | O_NOCTTY; ///< a terminal that is copied from or to does not become that of the process
 
 /// Opens in one call with cancellation off. The call must not wait, hence O_NONBLOCK.
 int OpenAtOnce(int folder, const char* path, int flags) {
