@@ -19,11 +19,12 @@ public:
     /// A transport over @p socket.
     explicit _TSocketStreamInterface(TSocket& socket) noexcept : Socket(&socket) {}
 
-    /// What the socket's Receive returns; -1 for ETimeout, -2 for EShutdown, -3 for any other exception. No exception leaves it; a
-    /// cancellation does.
+    /// Calls the socket's Receive once. No exception leaves this operation, a cancellation does.
+    /// @return what Receive returns; -1 for ETimeout, -2 for EShutdown, -3 for any other exception.
     int Read(void* buffer, unsigned int size) override;
 
-    /// What the socket's Send returns, or one of the same codes.
+    /// Calls the socket's Send once. No exception leaves this operation, a cancellation does.
+    /// @return what Send returns; -1 for ETimeout, -2 for EShutdown, -3 for any other exception.
     int Write(const void* buffer, unsigned int size) override;
 
 private:
@@ -42,11 +43,12 @@ private:
 /// | -2   | the connection was shut down: the peer closed its side, the sending side was shut down, or a signal interrupted  |
 /// | -3   | any other failure, a reset or a would-block answer of a non-blocking socket among them                           |
 ///
-/// The peer's close is -2 and failbit, never the end of the data. The socket's limits and mode apply to every call.
+/// The peer's close is -2 and failbit, never the end of the data. Reading sets eofbit too, after every code: eof() tells nothing. The
+/// socket's limits and mode apply to every call.
 ///
-/// After -1 or a signal from reading nothing is lost: clear() the state, and reading goes on where it stopped. What the operation had read
-/// until then is in its result. std::getline leaves the beginning of a line in its string, and empties the string when it is called again:
-/// keep the beginning.
+/// When reading fails with -1, or with -2 by a signal, nothing is lost: failbit stays set until clear(), and then reading goes on where it
+/// stopped. The result of the failed operation holds what it has read. std::getline leaves the beginning of a line in its string, and
+/// empties the string when it is called again: keep the beginning.
 ///
 /// With a send limit, after any failure of a flush (-1, -2 by a signal, -3) a part may have gone out. Nobody knows how much, and the stream
 /// still has all of it pending: any further flush, that of the destructor included, sends it again from its beginning. The peer would read
