@@ -11,7 +11,7 @@
 namespace Kest::System {
 
 /// The set of one descriptor, as large as that descriptor needs. An fd_set ends at FD_SETSIZE (1024), and with fortified headers its
-/// macros abort there even over a larger array; the system call itself takes words of any number.
+/// macros abort there even over a larger array. The system call itself takes any number of words.
 class _TDescriptorSet {
 public:
     /// @throw std::bad_alloc  there is no memory for the set of a large descriptor.

@@ -6,8 +6,8 @@
 
 namespace Kest::System {
 
-/// Makes one look-up undivided and returns its result. The C library's look-ups keep a lock of their own when a cancellation cuts them
-/// off, and the next one would wait for it for ever; so a cancellation waits for the answer and is acted on right after it.
+/// Makes one look-up that no cancellation cuts off, and returns its result. A look-up that is cut off keeps a lock of the C library, for
+/// which the next look-up would wait for ever. So the thread acts on a cancellation right after the answer.
 template <class TCall>
 KEST_LEFT_BY_CANCELLATION auto _LookUp(const TCall& call) {
     auto result = [&] {

@@ -31,7 +31,7 @@ int ProtocolNumber(const std::string& name) {
         return found;
     });
     if (protocol == nullptr && (code == EMFILE || code == ENFILE))
-        _Throw("socket creation error"); // the database is a file, and the socket would not have had a descriptor either
+        _Throw("socket creation error"); // the database is a file: no descriptor was left for it, nor for the socket
     if (protocol == nullptr)
         throw EUnsupportedProtocol();
     return protocol->p_proto;

@@ -2,8 +2,8 @@
 #define KEST_NET_SOCKET_H
 
 /// @file
-/// TSocket, and what is nested in it: the address TSocket::TAddress, the resolver lock TSocket::TMutex. TSocket::TStream is declared in
-/// socket_stream.h.
+/// TSocket, the address TSocket::TAddress, the resolver lock TSocket::TMutex and the reverse look-up ip2name(). TSocket::TStream is
+/// declared in socket_stream.h.
 
 #include <kest/export.h>
 #include <kest/foundation/singleton.h>
@@ -23,11 +23,11 @@ namespace Kest::System {
 /// A BSD socket. An object always has a descriptor, and owns it unless it handed it over.
 ///
 /// Time limits and other intervals are seconds. EndlessTimeInterval (0.0) means that there is no limit, never an immediate return.
-/// The two limits of a socket apply while it is in blocking mode, which a new socket is. The one for receiving is a wait for input
-/// before the call, on a clock that nobody sets; the one for sending and connecting runs over the whole operation, on the settable clock,
-/// in steps of up to a second: a time-out comes up to a second late, and setting the clock moves it. A limit that is negative or NaN never
-/// fits: sending and connecting time out as soon as they would block, and a wait for input is refused by the system (ENotConnected), unless
-/// it is within a microsecond of zero, which is a look (ETimeout).
+/// The two limits of a socket apply while it is in blocking mode, which a new socket is. The receive limit bounds a wait for input before
+/// the call, on a clock that nobody sets. The send limit bounds a whole operation of sending or connecting, on the settable clock, in
+/// steps of up to a second: a time-out comes up to a second late, and setting the clock moves it. With a negative or NaN send limit,
+/// sending and connecting time out as soon as they would block. The system refuses a wait for input with a negative or NaN receive limit
+/// (ENotConnected). A receive limit of less than a microsecond, positive or negative, looks for input without waiting.
 /// TimeLimit() of kest/foundation/time.h makes limits from durations of the standard library.
 ///
 /// Failures are the classes of socket_errors.h. Unless an operation says otherwise, each may throw
@@ -50,7 +50,7 @@ namespace Kest::System {
 /// an endless one too: so it ends a Receive(), and whatever has a limit. It ends the other calls that wait (Accept(), Connect() and Send()
 /// without a limit) unless its handler was installed with SA_RESTART, with which the system goes on with the call. A Send() without a limit
 /// that has sent a part is ended with that count, with SA_RESTART too: the exception comes only if nothing went out. A signal that
-/// arrives while a call is not waiting ends nothing.
+/// arrives while a call is not waiting ends nothing. No signal ends a look-up or the wait for the resolver lock.
 ///
 /// Ownership. A socket made by Accept() is marked for hand-over: its first copy takes the descriptor itself, and the socket copied from
 /// stays usable but no longer closes it. `TSocket s = server.Accept(a)` is that socket, so its own first copy takes the descriptor away
@@ -69,11 +69,11 @@ namespace Kest::System {
 ///
 /// A base class of one's own can allow the exception instead: `virtual ~TBase() noexcept(false) = 0;`.
 ///
-/// Threads. An object is used by one thread at a time, waits included. Two copies of one socket may be used by two threads, one to receive
-/// and one to send for instance: the system keeps their calls apart. Then three things are to be known. The mode is shared and each object
-/// knows only what it set itself, so SetBlocking() and a Connect() with a limit belong before the copying. A limit for receiving holds
-/// only for the one thread that takes input: what another takes between the wait and the call is waited for without a limit. And
-/// the first copy that is destroyed shuts the connection down for the other.
+/// Threads. An object is used by one thread at a time, while it waits and while it is copied too. Two copies of one socket may be used by
+/// two threads, one to receive and one to send for instance: the system keeps their calls apart. The mode is shared, and each object knows
+/// only what it set itself: call SetBlocking() and a Connect() with a limit before you copy. Let one thread alone receive: if another takes
+/// the input between the wait and the call, the call waits without a limit. The first copy that is destroyed shuts the connection down for
+/// the other.
 ///
 /// Cancellation. Receiving, sending, connecting, accepting and the waits may block and are cancellation points; a cancelled operation
 /// leaves the object as it was. A cancelled Send() may have sent a part, and nobody is told how much. The look-ups of the constructor, and
@@ -96,12 +96,13 @@ public:
     /// may be many seconds. A cancellation is acted on after the look-up. Threads that must not wait make their sockets beforehand.
     explicit TSocket(const TProtocolInfo& info);
 
-    /// Adopts @p descriptor, taken to be in blocking mode, of the family number @p domain. No limits; marked for hand-over. Makes no
-    /// system call.
+    /// Adopts @p descriptor, of the family number @p domain: the object closes it. The object has no limits, is marked for hand-over, and
+    /// takes the descriptor for one in blocking mode. Makes no system call: nothing is checked, and nothing is thrown.
     TSocket(int descriptor, int domain);
 
     /// Takes over the descriptor of a socket marked for hand-over, duplicates that of any other. The copy has the limits and the
-    /// blocking mode of @p other and may be taken for one whose sending side was never shut down.
+    /// blocking mode of @p other. It does not know of a Shutdown() of the sending side through another object: there, its broken pipe is
+    /// EIOError "broken pipe".
     /// @throw EException  the descriptor cannot be duplicated, with the class by the table of TSocket; @p other is as before.
     TSocket(const TSocket& other);
 
@@ -138,10 +139,12 @@ public:
     /// @throw EException  "socket reuseaddr setup failure".
     void SetReuseAddress(bool on) override;
 
-    /// Sets the limit in seconds for waits before receiving and accepting and returns the one before. Never throws.
+    /// Sets the limit in seconds for waits before receiving and accepting. Never throws.
+    /// @return the previous limit.
     double SetReceiveTimeout(const double& limit) override;
 
-    /// Sets the limit in seconds for sending and connecting and returns the one before. Never throws.
+    /// Sets the limit in seconds for sending and connecting. Never throws.
+    /// @return the previous limit.
     double SetSendTimeout(const double& limit) override;
 
     /// Waits for input up to the receive limit if the socket is blocking, then receives once. Urgent data, which the call does not
@@ -183,7 +186,7 @@ public:
     /// socket is closed, and while it is there nobody can bind to that path again: TFile::Remove takes it away. Binding to an "fs"
     /// address without a path, or to one that begins with a zero byte, makes no file: see TAddress.
     /// @throw EException     "socket bind failed: " + the address as TAddress::Get(true) gives it, without the system's reason.
-    /// @throw EBadAddress, EUnsupportedDomain  binding failed and the address has no such text; that of TAddress::Get.
+    /// @throw EBadAddress, EUnsupportedDomain  binding failed, and TAddress::Get(true) threw this when it was asked for the text.
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     /// Waits: only when binding an "inet" address fails, since the message takes a reverse look-up under the process's resolver lock. It
     /// waits as long as a name server takes, and makes others wait meanwhile: who makes a socket, who asks TAddress::Get(true).
@@ -197,7 +200,8 @@ public:
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     void Connect(const Interface::TSocket<TSocket>::TAddress& address) override;
 
-    /// Makes the socket accept connections, @p backlog of them waiting at most; 0 means 128.
+    /// Makes the socket accept connections. The system keeps about @p backlog of them waiting; 0 means 128. The system silently caps a
+    /// larger number at its configured largest.
     /// @throw EException  "socket listen failed".
     void Listen(unsigned backlog) override;
 
@@ -227,35 +231,40 @@ public:
     /// @throw std::bad_alloc  there is no memory for the address, which is as before.
     void GetPeerAddress(TAddress& address) const;
 
-    /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds; false when the time ran out.
-    /// EndlessTimeInterval waits without limit. A negative limit goes to the system as it is, which refuses it (ENotConnected); one of
-    /// less than a microsecond, either way, is a poll; NaN counts as negative; what is too large is cut to the largest value.
+    /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds. EndlessTimeInterval waits without
+    /// limit. A limit of less than a microsecond, positive or negative, does not wait. The system refuses any other negative limit and NaN
+    /// (ENotConnected). A limit that is too large becomes the largest that the system takes.
     /// Works for every descriptor the process can hold. A number of 1024 or more that is no open descriptor may never become ready.
     /// Cancellation point.
+    /// @return false when the time ran out.
+    /// @throw EShutdown  "interrupted system call": a signal ended the wait.
     bool SelectRead(const double& limit) override;
 
-    /// Waits until the socket can be written, for at most @p limit seconds; false when the time ran out, and also when the socket is
-    /// writable and has an exceptional condition at the same time. SelectRead() says what the special limits and descriptors mean.
-    /// Cancellation point.
+    /// Waits until the socket can be written or has an exceptional condition, for at most @p limit seconds. Special limits and large
+    /// descriptors mean what they mean for SelectRead(). Cancellation point.
+    /// @return false when the time ran out, and also when the socket can be written and has an exceptional condition.
+    /// @throw EShutdown  "interrupted system call": a signal ended the wait.
     bool SelectWrite(const double& limit) override;
 
     /// On a blocking socket, waits until a receive has something to take: bytes, the end of the connection, an error. The wait lasts at
-    /// most the receive limit. Does nothing on a non-blocking socket. Urgent data alone do not end the wait, unlike that of SelectRead(),
-    /// which it does not call; an "fs" socket that has some is looked at every few milliseconds. Where the caller has taken the urgent data
-    /// of an "fs" socket through GetDescriptor() (MSG_OOB), the wait may end with nothing to take: who reads urgent data uses a
+    /// most the receive limit. Does nothing on a non-blocking socket. Urgent data alone do not end this wait, though they end that of
+    /// SelectRead(). While an "fs" socket has urgent data, this looks at it every few milliseconds. Where the caller has taken the urgent
+    /// data of an "fs" socket through GetDescriptor() (MSG_OOB), the wait may end with nothing to take: who reads urgent data uses a
     /// non-blocking socket. Cancellation point.
     /// @throw ETimeout    the limit ran out.
     /// @throw EException  the wait failed or a signal ended it; or, beside urgent data, the socket's own error: by the table of TSocket.
     void ValidateReceive();
 
-    /// Ends the connection's @p read or @p write direction, or both. After the latter a broken pipe counts as a shutdown.
+    /// Ends the connection's @p read direction, its @p write direction, or both. After the end of the write direction this object reports a
+    /// broken pipe as EShutdown "when send". After a failure it reports a broken pipe as before.
     /// @throw ENotConnected  there is no connection, or it is gone already: after a reset over TCP for instance.
     /// @throw EException     "nonsense shutdown": neither direction; nothing was changed.
     void Shutdown(bool read, bool write) override;
 
-    /// Sets the size in bytes of the system's buffer and returns the one before, as the system reported it. The system doubles what it
-    /// is given for its own needs, reports the doubled size, and caps it silently at its configured largest. What is too small, 0
-    /// included, becomes the smallest size that the system has (a few kilobytes).
+    /// Sets the size in bytes of the system's buffer. The system silently caps @p size at its configured largest, then doubles it for its
+    /// own needs, and reports the doubled size. A size that is too small, 0 too, becomes the smallest size that the system has (a few
+    /// kilobytes). So no size is refused for its value.
+    /// @return the previous size, as the system reported it.
     /// @throw EException  "getsockopt failed" or "setsockopt failed".
     unsigned SetSendBufferSize(unsigned size) override;
     unsigned SetReceiveBufferSize(unsigned size) override;
@@ -297,7 +306,7 @@ private:
 /// | "inet" | host, colon, decimal port: "10.0.0.1:8080"       | the system's 16 bytes of an IPv4 address           |
 /// | "fs"   | path of a socket in the file system, UTF-8       | family, path and a zero byte; no limit of length   |
 /// | "ipx"  | none                                             | 16 zero bytes, for a socket operation to fill in   |
-/// | ""     | none                                             | the same                                           |
+/// | ""     | none                                             | 16 zero bytes, for a socket operation to fill in   |
 ///
 /// On Linux an "fs" text that is empty or begins with a zero byte names no file but a name that the system keeps apart from files: all the
 /// bytes after the family, the zero at the end included. Such a name has no permissions, everybody in the same network namespace can
@@ -314,12 +323,13 @@ public:
 
     /// The address @p address of the family @p domain.
     ///
-    /// "inet": the first colon that is not the last character separates host and port. The port is what strtol reads in base 10, of
-    /// which the low 16 bits count: leading white space and a sign are read, reading stops at what is no digit, no digits give 0, and what
-    /// does not fit a long counts as the nearer end of its range. A host with a zero byte in it is none. An "fs" path is kept whole, and
+    /// "inet": the first colon that is not the last character separates host and port. The port is the low 16 bits of the number that
+    /// strtol reads in base 10: leading white space and a sign are read, reading stops at what is no digit, no digits give 0, and what
+    /// does not fit a long counts as the nearer end of its range. A text with a zero byte in it is no host. An "fs" path is kept whole, and
     /// read back up to its first zero byte.
-    /// @param resolve  true: the host may be a name, the first address that the system's resolver has for it is taken; that may take
-    ///                 seconds, and a cancellation waits for it. False: it must be a dotted decimal IPv4 address. Ignored for "fs".
+    /// @param resolve  true: the host may be a name, and the system's resolver gives its first address. That may take seconds. No
+    ///                 signal ends the look-up, and a cancellation is acted on after it. False: the host must be a dotted decimal IPv4
+    ///                 address. Ignored for "fs".
     /// @throw EUnsupportedDomain  unknown family, the detail is its name; or "ipx" and "", "address error".
     /// @throw EBadAddress         "inet address too long": more than 262 characters; "bad 'address:port' inet format: Domain: '" + the
     ///                            domain + "': " + the text: no colon but in the last place; "host not resolved: " + the text;
@@ -327,19 +337,22 @@ public:
     TAddress(const std::string& domain, const std::string& address, bool resolve);
 
     /// A copy of the domain and the bytes.
+    /// @throw std::bad_alloc  there is no memory for the bytes.
     TAddress(const TAddress& other);
 
-    /// Takes over the domain and a copy of the bytes of @p other. Unchanged where there is no memory for them.
+    /// Makes this address a copy of the domain and the bytes of @p other.
+    /// @throw std::bad_alloc  there is no memory for the bytes; this address is as before.
     TAddress& operator=(const TAddress& other);
     ~TAddress() override;
 
-    /// The address as text: "host:port" for "inet", the path for "fs". Goes by the domain, never by the family in the bytes; bytes that
-    /// are not there count as zero.
+    /// The address as text: "host:port" for "inet", the path for "fs". The domain decides, never the family in the bytes. Bytes that are
+    /// missing count as zero.
     /// @param resolve  true: the host's registered name, cut to 255 characters. Ignored for "fs".
     /// @throw EUnsupportedDomain  "address error": the domain has no text.
     /// @throw EBadAddress         no name is registered.
     /// Waits: where @p resolve is true, for "inet", for the resolver lock and then for the look-up, as long as a name server takes.
-    /// Meanwhile nobody else in the process makes a socket or looks a name up this way. A cancellation is acted on after the look-up.
+    /// Meanwhile nobody else in the process makes a socket or looks a name up this way. No signal ends the wait. A cancellation is acted on
+    /// after the look-up.
     std::string Get(bool resolve) const override;
 
     /// The system's family number for a family's name: "inet" 2, "ipx" 4, "fs" 1, "" 0, matched exactly. Any thread may call it.
@@ -371,7 +384,7 @@ public:
 
 /// The name registered for @p address, or null; 255.255.255.255 never has one. The text lies in the resolver's static storage.
 /// Requires: the calling thread holds the resolver lock, TSingleton<TSocket::TMutex>::GetObject(), until it has copied the text.
-/// May take seconds; a cancellation waits for it.
+/// Waits: for a name server, which may take seconds. No signal ends the wait. A cancellation is acted on after the look-up.
 KEST_EXPORT const char* ip2name(in_addr address);
 
 } // namespace Kest::System

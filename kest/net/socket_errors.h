@@ -7,9 +7,9 @@
 #include <string>
 
 /// @file
-/// What socket operations throw. Callers choose by class: EIOError catches what goes wrong with a connection that there is, EAbort what
-/// ends one. A connection that never came about is none of them where the system refuses it (a refused connection, an unreachable host):
-/// that is an EException itself, so whoever connects catches EException.
+/// What socket operations throw. Callers choose by class: EIOError catches failures of transfers and connections, EAbort those of them
+/// that end a connection or a wait. A refused connection and an unreachable host have no class of their own: each is an EException itself,
+/// so whoever connects catches EException.
 ///
 ///     EException
 ///         EUnsupportedDomain   EUnsupportedType   EUnsupportedProtocol   EBadAddress
@@ -68,7 +68,8 @@ public:
     explicit EIOError(const std::string& detail) noexcept : EException("socket IO error: " + detail) {}
 };
 
-/// The socket has no connection.
+/// The socket has no connection, or the system refused an argument (EINVAL): a negative limit of a wait, an "fs" path that is too long to
+/// connect to.
 class KEST_EXPORT ENotConnected : public EIOError {
 public:
     ENotConnected() noexcept : EIOError("socket not connected") {}
@@ -84,7 +85,7 @@ public:
     explicit EWouldBlock(const std::string& detail) noexcept : EIOError("non-blocking socket would block: " + detail) {}
 };
 
-/// The connection is over. Thrown as itself when the system aborted it.
+/// The connection or a wait was ended. Thrown as itself when the system aborted the connection.
 class KEST_EXPORT EAbort : public EIOError {
 public:
     EAbort() noexcept : EIOError("socket connection aborted") {}
@@ -92,7 +93,7 @@ public:
     explicit EAbort(const std::string& detail) noexcept : EIOError("socket connection aborted: " + detail) {}
 };
 
-/// A time limit ran out, or the system gave the connection up.
+/// A time limit ran out, or the system gave the connection up. After a limit of the socket the connection goes on.
 class KEST_EXPORT ETimeout : public EAbort {
 public:
     ETimeout() noexcept : EAbort("socket connection timeout") {}
@@ -108,7 +109,7 @@ public:
     explicit EReset(const std::string& detail) noexcept : EAbort("socket connection was reset by remote side: " + detail) {}
 };
 
-/// The peer closed its side, this side was shut down before, or a signal interrupted the call.
+/// The peer closed its side, this side was shut down before, or a signal interrupted the call. After a signal the connection goes on.
 class KEST_EXPORT EShutdown : public EAbort {
 public:
     EShutdown() noexcept : EAbort("socket connection was shutdown'ed") {}

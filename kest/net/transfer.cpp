@@ -55,15 +55,15 @@ bool WouldBlock(int code) {
 /// A pause in seconds where waiting for readiness would spin: short beside any limit, long beside a call.
 constexpr double AMoment = 0.005;
 
-/// Stands in for a wait that would end at once. The result is the system's: nearly all of the time passes here, so this is where a signal
-/// ends the wait.
+/// Pauses in place of a wait that would end at once. A signal ends the pause, and the result is -1 then: nearly all of the time of such a
+/// wait passes here.
 KEST_LEFT_BY_CANCELLATION int Pause(double seconds) {
     const timespec interval = _Interval::ToTimeSpec(seconds);
     return ::nanosleep(&interval, nullptr);
 }
 
-/// Lack of room in the queue of an "fs" peer, a listener's or a datagram socket's, is a would-block answer of a socket that counts as
-/// writable at once.
+/// Pauses while the queue of an "fs" peer, of a listener or of a datagram socket, is full. The system then answers "would block", but
+/// counts the socket as writable, so a wait for readiness would end at once.
 int PauseForQueue() {
     return Pause(AMoment);
 }
@@ -73,7 +73,7 @@ double SteadyTime() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// A number that a socket adopted may be one that is in no set of descriptors.
+/// Throws the exception of EBADF for a descriptor that no set can hold. A socket may have adopted any number.
 void RequireNumberOfASet(const TSocket& socket) {
     if (socket.GetDescriptor() >= 0 && socket.GetDescriptor() != INT_MAX)
         return;
@@ -81,8 +81,8 @@ void RequireNumberOfASet(const TSocket& socket) {
     (void)socket.CheckResult(-1);
 }
 
-/// Looks whether a receive has something to take, which the end of the connection is too. An error that waits is taken by the look, and so
-/// reported here.
+/// Whether a receive has something to take, be it the end of the connection. Throws the socket's pending error: the look takes the error
+/// away, and the receive would not report it any more.
 KEST_LEFT_BY_CANCELLATION bool HasInput(const TSocket& socket) {
     char byte = 0;
     const auto result = static_cast<int>(::recv(socket.GetDescriptor(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT));
@@ -92,15 +92,15 @@ KEST_LEFT_BY_CANCELLATION bool HasInput(const TSocket& socket) {
     return true;
 }
 
-/// Whether the socket becomes readable within @p seconds; what is not positive asks only.
+/// Whether the socket becomes readable within @p seconds. Does not wait where @p seconds is not positive.
 bool BecomesReadable(const TSocket& socket, double seconds) {
     _TDescriptorSet readable(socket.GetDescriptor());
     timeval interval = _Interval::ToTimeVal(std::max(seconds, 0.0));
     return socket.CheckResult(::select(socket.GetDescriptor() + 1, readable.Get(), nullptr, nullptr, &interval)) != 0;
 }
 
-/// Urgent data have come. A receive skips them, and a socket says all the time that it has them. So the wait goes on for readability alone;
-/// but an "fs" socket counts a lone urgent byte as readable, and only a look tells.
+/// Goes on with a wait for input after urgent data have come. A receive skips them, and the system reports them at every wait, so this
+/// waits for readability alone. An "fs" socket counts as readable with a lone urgent byte: only HasInput() tells.
 bool WaitForInputBesideUrgentData(const TSocket& socket, bool isReadable, double limit) {
     const double end = SteadyTime() + limit;
     for (;;) {
@@ -127,8 +127,7 @@ bool WaitForInput(const TSocket& socket, double limit) {
         return false;
     if (!urgent.IsHeld())
         return true;
-    // The system has left the rest of the limit in the interval. A C library that keeps that from its callers makes the limit begin anew,
-    // this one time.
+    // Linux leaves the time that remains in the interval. Where a C library hides that, the limit begins anew, this one time.
     double rest = std::numeric_limits<double>::infinity();
     if (timeout != nullptr)
         rest = static_cast<double>(interval.tv_sec) + static_cast<double>(interval.tv_usec) / _Interval::MicrosecondsPerSecond;
@@ -145,8 +144,8 @@ KEST_LEFT_BY_CANCELLATION int AcceptOnce(int listener, bool mayWait, sockaddr* p
     return ::accept(listener, peer, length);
 }
 
-/// Switches a socket back to blocking mode, by its destructor at the latest, which drops the failure. A cancellation gets there without any
-/// handler in its way: a handler for it would end the process if the thread were handling an exception of its own at the time.
+/// Switches a socket back to blocking mode, in its destructor at the latest. The destructor drops a failure. A cancellation reaches the
+/// destructor through no handler: if the thread were handling an exception of its own, a handler would end the process.
 class TNonBlockingScope {
 public:
     explicit TNonBlockingScope(TSocket& socket) : Socket(socket) {}
@@ -288,7 +287,7 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
 
     const double start = GetCurrentTime();
     unsigned remaining = size;
-    bool wasWritable = false; // by the answer of the wait before
+    bool wasWritable = false; // what the previous wait answered
     for (;;) {
         const auto sent = static_cast<int>(SendOnce(position, remaining, MSG_NOSIGNAL | MSG_DONTWAIT, target));
         if (sent == -1 && WouldBlock(errno)) {
@@ -308,7 +307,7 @@ int TSocket::Transmit(const void* data, unsigned size, const TAddress* target) {
     }
 }
 
-/// How many of the two sets that the wait watches the descriptor is in afterwards.
+/// Waits for readiness, for writing or for reading. Returns how many of the two sets that select watches hold the descriptor afterwards.
 int TSocket::CountReady(const double& limit, bool writing) const {
     RequireNumberOfASet(*this);
     _TDescriptorSet set(Descriptor);
