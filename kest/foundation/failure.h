@@ -19,15 +19,15 @@ inline std::string _JoinMessage(std::initializer_list<std::string_view> pieces) 
     return text;
 }
 
-/// Throws a TException of the joined pieces. A text at a throw site needs memory of its own; here running out of it ends the process as
-/// everywhere in a message's composition, instead of putting another exception in the place of this one.
+/// Throws a TException of the joined pieces. Joining needs memory. Where there is none the process ends, and no other exception takes the
+/// place of this one.
 template <class TException = EException, class... TPieces>
 [[noreturn]] void _Throw(const TPieces&... pieces) {
     throw TException(_JoinMessage({std::string_view(pieces)...}));
 }
 
 /// Throws an EException of the joined pieces followed by the description of errno. Call it right after the failed call: errno is
-/// read before anything is joined. The pieces must not be temporaries made after the failed call, they could change errno.
+/// read before anything is joined. Requires: no piece is a temporary made after the failed call, since making it could change errno.
 template <class... TPieces>
 [[noreturn]] void _ThrowLastError(const TPieces&... pieces) {
     const std::string description = _GetLastErrorDescription();

@@ -11,7 +11,7 @@
 #include <time.h>
 
 /// Seconds as a double, turned into what the system's calls take. Converting a double beyond an integer's range is undefined, so
-/// every conversion of the library goes through here. EndlessTimeInterval is the caller's business: it is tested before.
+/// every conversion of the library goes through here. The callers test for EndlessTimeInterval before they convert.
 namespace Kest::System::_Interval {
 
 constexpr double NanosecondsPerSecond = 1000000000.0;
@@ -32,13 +32,13 @@ inline std::int64_t Truncate(double value, std::int64_t nan) noexcept {
     return static_cast<std::int64_t>(value);
 }
 
-/// True when the interval can be split into whole seconds and a fraction without leaving the range of the former.
+/// True when the interval's whole seconds fit 64 bits, so that they can be split from its fraction.
 inline bool IsCountable(double seconds) noexcept {
     return seconds >= Lowest64 && seconds < PastHighest64;
 }
 
-/// For nanosleep. NaN counts as negative, and a negative result is for the system to refuse; what is too large becomes the largest
-/// value the system takes.
+/// For nanosleep. NaN counts as negative, and the system refuses a negative result. An interval that is too large becomes the largest
+/// number of whole seconds.
 inline timespec ToTimeSpec(double seconds) noexcept {
     timespec result{};
     result.tv_sec = Truncate(seconds, -1);
@@ -50,7 +50,8 @@ inline timespec ToTimeSpec(double seconds) noexcept {
     return result;
 }
 
-/// For select, with the same rules. A negative limit of less than a microsecond has nothing left that the system could refuse.
+/// For select. NaN counts as negative, and the system refuses a negative result. A negative limit of less than a microsecond becomes 0. An
+/// interval that is too large becomes the largest number of whole seconds.
 inline timeval ToTimeVal(double seconds) noexcept {
     timeval result{};
     result.tv_sec = Truncate(seconds, -1);
@@ -61,8 +62,8 @@ inline timeval ToTimeVal(double seconds) noexcept {
     return result;
 }
 
-/// For a wait with a deadline: @p now plus @p seconds. Negative and NaN give a deadline long past, what goes past the end of time
-/// gives the last second that the system can count.
+/// For a wait with a deadline: @p now plus @p seconds. Negative and NaN give a deadline long past. A deadline past the last second that the
+/// system can count becomes that second.
 inline timespec ToDeadline(const timeval& now, double seconds) noexcept {
     timespec result{};
     if (!(seconds >= 0.0))

@@ -9,7 +9,7 @@
 namespace Kest::_Gadgets {
 
 /// One process-wide instance of @p T, made on first use. The template has no objects of its own.
-/// A library that hands out its instance exports it with an explicit instantiation, so that the process has one and not one a module.
+/// A library that hands out its instance exports it with an explicit instantiation, so that the process has one, not one in each module.
 template <class T>
 class KEST_EXPORT TSingleton {
 public:

@@ -128,8 +128,8 @@ void TStream::ResetAreas() noexcept {
     setp(OutputBuffer, OutputBuffer + BufferSize);
 }
 
-/// Takes note of what the transport answered to a call for @p size bytes. False, with the bit set that says so, when the call failed or the
-/// answer is more than was asked for, which no use is made of.
+/// Records what the transport answered to a call for @p size bytes. When the call failed, or the answer is more than @p size, this sets the
+/// state bit and returns false: the caller uses none of the bytes.
 bool TStream::Record(int result, int size) {
     LastResult = result < 0 ? result : 0;
     if (result < 0)
@@ -139,8 +139,8 @@ bool TStream::Record(int result, int size) {
     return result >= 0 && result <= size;
 }
 
-/// Offers the pending bytes once and moves what was not taken to the front; false when nothing was taken of something. A cancellation in
-/// the transport leaves open how much it took: nothing is pending then, or the destructor would write what went out a second time.
+/// Offers the pending bytes once and moves those that the transport did not take to the front. False when bytes were pending and it took
+/// none. After a cancellation nobody knows how many it took: nothing is pending then, or the destructor would write some a second time.
 bool TStream::WritePending() {
     const auto pending = static_cast<int>(pptr() - pbase());
     if (pending == 0)

@@ -60,9 +60,9 @@ public:
         ~TInterface() = default;
     };
 
+    /// Makes a stream whose state is good and whose exception mask is empty.
     /// @param transport   borrowed; must outlive the stream.
     /// @param bufferSize  bytes of each of the two buffers; 0, 1 and everything from 2^31 on mean unbuffered.
-    /// The stream's state is good and its exception mask empty.
     /// @throw std::bad_alloc  there is no memory for the buffers.
     TStream(TInterface& transport, unsigned int bufferSize);
     TStream(const TStream&) = delete;
@@ -72,15 +72,16 @@ public:
     /// it waits as long as the transport waits, so give a transport that may hang a limit of its own.
     ~TStream() override;
 
-    /// Result of the last transport call: the transport's negative reason code when the call failed, 0 otherwise and before the first call.
+    /// @return the transport's negative reason code when the last transport call failed, 0 otherwise and before the first call.
     int GetLastResult() const noexcept { return LastResult; }
 
-    /// Sets up unbuffered mode if there are no buffers and returns 1; returns 0 and changes nothing otherwise.
+    /// Sets up unbuffered mode if there are no buffers, and changes nothing otherwise.
+    /// @return 1 when it set up unbuffered mode, 0 otherwise.
     virtual int doallocate();
 
-    /// Replaces the buffers by new ones of @p size bytes each; 1 or less means unbuffered. May be called at any time. What is pending
-    /// is written first (see DestroyBuffer), input read ahead is lost, the state becomes good and the exception mask empty: a caller
-    /// who wants state exceptions sets them again.
+    /// Replaces the buffers by new ones of @p size bytes each; 1 or less means unbuffered. May be called at any time. First DestroyBuffer()
+    /// writes what is pending. Input read ahead is lost. The state becomes good and the exception mask empty: a caller who wants state
+    /// exceptions sets them again.
     /// @throw std::bad_alloc  there is no memory; the stream then has no buffers until the next call.
     virtual void allocate(int size);
 
@@ -89,27 +90,31 @@ public:
     /// pending.
     void DestroyBuffer();
 
-    /// The next input character, 0 to 255, or -1. Buffered: it stays the next one, and an empty buffer is refilled with one transport
-    /// call for as much as it holds. Unbuffered: one transport call for one byte, which is thereby consumed.
-    /// A negative transport result sets failbit; a result of 0 sets no bit here (the reading operation sets eofbit); a result of more than
+    /// Looks at the next input character. Buffered: the character stays the next one, and an empty buffer is refilled with one transport
+    /// call for as much as it holds. Unbuffered: one transport call takes one byte, which is thereby consumed.
+    /// A negative transport result sets failbit. A result of 0 sets no bit here; the reading operation sets eofbit. A result of more than
     /// was asked for sets badbit.
+    /// @return the character, 0 to 255, or -1 when there is none.
     int underflow() override;
 
-    /// Like underflow(), and the character is consumed.
+    /// Does what underflow() does, and consumes the character.
+    /// @return the character, 0 to 255, or -1 when there is none.
     int uflow() override;
 
-    /// Buffered: offers everything pending to the transport in one call, keeps what it did not take in front, then appends @p c.
-    /// With -1 it only flushes. Returns -1, everything still pending, when the transport took nothing: with failbit when its result
-    /// was negative, without a bit when it was 0, with badbit when it was more than was offered. Unbuffered: one transport call for @p c;
-    /// nothing to do for -1.
+    /// Buffered: offers everything pending to the transport in one call, keeps what the transport did not take, then appends @p c.
+    /// With -1 this only flushes. Unbuffered: one transport call for @p c; -1 does nothing.
+    /// A negative transport result sets failbit, a result of 0 no bit, a result of more than was offered badbit. After each of these
+    /// everything is still pending.
+    /// @return @p c, or 0 where @p c is -1; -1 when the transport took nothing of something, or there are no buffers.
     int overflow(int c) override;
 
-    /// Offers what is pending to the transport in one call and drops input that was read ahead but not consumed. Always returns 0:
-    /// a failure shows in the state and in GetLastResult(). std::flush, std::endl and flush() come here.
+    /// Offers what is pending to the transport in one call and drops input that was read ahead but not consumed. A failure shows in the
+    /// state and in GetLastResult(). std::flush, std::endl and flush() call this.
     ///
     /// While std::unitbuf is set the standard library flushes from a destructor, where an exception or a cancellation would end the
     /// process. Then no state exception leaves this call, an exception of the transport, of any class, becomes badbit, and a cancellation
     /// waits until the call is over. The standard library skips output on a failed stream silently: test the state.
+    /// @return 0, always.
     int sync() override;
 
     // Both bases have these names; a stream's caller means the stream's.

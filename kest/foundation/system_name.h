@@ -6,7 +6,7 @@
 
 namespace Kest::System {
 
-/// SystemToUTF8 of a text that is no string yet, without the copy that would make it one.
+/// Does what SystemToUTF8 does for a text that is no std::string, and saves the copy into one. Requires: @p name is not null.
 std::string _SystemNameToUTF8(const char* name);
 
 } // namespace Kest::System

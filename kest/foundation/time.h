@@ -14,17 +14,17 @@
 namespace Kest::System {
 
 /// 0.0. Wherever the library takes an interval, one that equals this (0.0 or -0.0) means that there is no limit, and never an immediate
-/// return. The clock then ends no wait: it lasts until its event, or until a signal or a cancellation where the waiting operation says that
-/// these end it. Such a sleep is ended by a cancellation alone. Set before any code of a program runs.
+/// return. A wait without limit lasts until its event, or until a signal or a cancellation where the waiting operation says that these end
+/// it. Only a cancellation ends a sleep without limit. The library sets the value before any code of a program runs.
 extern KEST_EXPORT const double EndlessTimeInterval;
 
 /// Turns a duration of the standard library into seconds for the operations of this library that take a limit or an interval. The result
-/// is never EndlessTimeInterval: a rest of time that was computed cannot become a wait without limit.
+/// is never EndlessTimeInterval: remaining time that was computed cannot become a wait without limit.
 ///
 ///     socket.SetReceiveTimeout(TimeLimit(deadline - std::chrono::steady_clock::now()));
 ///
-/// A duration of less than a nanosecond becomes a nanosecond, the shortest limit that any operation can tell from another: so do zero, a
-/// negative duration, NaN, and what would vanish in a double. A wait for input or for a condition with that limit looks once and ends;
+/// A duration of less than a nanosecond becomes a nanosecond, the shortest limit that any operation can tell from another. Zero, a
+/// negative duration and NaN become a nanosecond too. A wait for input or for a condition with that limit looks once and ends;
 /// sending and connecting that would block may take up to a second more, as with every limit. Every longer duration keeps its value,
 /// rounded as a double is.
 /// @return seconds; at least 1e-9.
@@ -43,7 +43,7 @@ KEST_EXPORT double GetCurrentTime();
 /// UTC minus local time in seconds at the instant @p time (whole seconds, UTC), daylight saving time included: -3600 for a zone one
 /// hour east of Greenwich. 0 where the system cannot break the instant down. Never throws.
 ///
-/// The zone is the process's: TZ as the C library last read it. After changing TZ call tzset, a conversion need not look again.
+/// The zone is the process's: TZ as the C library last read it. Call tzset after you change TZ: a conversion may not read TZ again.
 KEST_EXPORT long _UTCLocalTimeDifference(long time);
 
 /// @p time plus the difference (UTC minus local time) at the instant @p time, truncated toward zero; the fraction is kept. In a zone

@@ -1,4 +1,4 @@
-// Internal header: used by everything that a cancellation unwinds through. All that depends on the runtime in this stands here.
+// Internal header: used by everything that a cancellation unwinds through. Nothing else in the library depends on the C++ runtime for this.
 #ifndef KEST_FOUNDATION_UNWINDING_H
 #define KEST_FOUNDATION_UNWINDING_H
 
@@ -14,12 +14,12 @@
 /// same test to GCC, and would come back whole where the function is inlined into one that is not marked.
 #define KEST_CATCHES_CANCELLATION __attribute__((no_sanitize("null"), no_sanitize("alignment")))
 
-/// Marks a function whose frame a cancellation may leave without anything to clean up. AddressSanitizer does not notice that: guard bytes
-/// of such a frame would stay behind and be taken for those of the frames that come after it.
+/// Marks a function whose frame a cancellation may leave without anything to clean up. AddressSanitizer does not notice that: the guard
+/// bytes of the frame would stay behind, and it would take them for guard bytes of later frames.
 #define KEST_LEFT_BY_CANCELLATION __attribute__((no_sanitize("address")))
 
-/// There glibc gives the unwinder no notes about openat, copy_file_range and what pthread_join waits in: a cancellation that arrived inside
-/// one would end the thread, and no destructor would run.
+/// On these processors glibc has no unwind tables for openat, copy_file_range and the wait of pthread_join. A cancellation inside one of
+/// them would end the thread without running a destructor.
 #if defined(__arm__) || defined(__riscv)
 #define KEST_CALLS_WITHOUT_UNWINDING
 #endif
