@@ -56,7 +56,7 @@ std::string LocalTimeText(double time) {
     return text;
 }
 
-/// Whether @p path is a link that leads nowhere, and then the link's own state. A TState has the state of a link's target.
+/// Whether @p path is a link that leads nowhere. Then this gives the link's own state, since a TState has the state of a link's target.
 bool IsDangling(const std::string& path, struct stat& link) {
     const std::string systemPath = UTF8ToSystem(path);
     struct stat target {};
@@ -73,7 +73,7 @@ std::size_t ControlLength(const std::string& text, std::size_t position) {
     return byte == 0xC2 && next >= 0x80 && next < 0xA0 ? 2 : 0; // U+0080 to U+009F
 }
 
-/// The text to write to @p descriptor. For a terminal, each byte of a control character becomes \ooo.
+/// @p text as it is written to @p descriptor. For a terminal, each byte of a control character becomes a backslash and three octal digits.
 std::string Shown(const std::string& text, int descriptor) {
     if (::isatty(descriptor) == 0)
         return text;

@@ -51,8 +51,8 @@ constexpr char Usage[] =
     "  3  time-out                    8  the answers cannot be written\n"
     "  4  shutdown: the server closed the connection\n";
 
-/// A socket with one limit for a whole exchange, which keeps the exception that ended it. A stream calls the virtual operations of its
-/// socket once for each piece that it sends or receives. So this class sets the time that is left as the limit of each piece. A stream
+/// A socket with one limit for a whole exchange. It keeps the exception that ended the exchange. A stream calls the virtual operations of
+/// its socket once for each piece that it sends or receives. So this class sets the time that is left as the limit of each piece. A stream
 /// keeps only a code of an exception, which does not tell a reset from other failures.
 class TExchangingSocket final : public TSocket {
 public:
@@ -107,14 +107,14 @@ private:
     std::exception_ptr Failure;
 };
 
-/// Ends of the program that no exception of the library tells.
+/// Reasons to end the program for which the library has no exception.
 struct EEnd {
     TStatus Status;
     std::string Sentence;
 };
 
-/// A refused connection has no class of its own: its message is the system's description and nothing else, which this compares. The system
-/// reports an address that it cannot take, such as too long a path, like a socket without a connection.
+/// A refused connection has no class of its own: its message is the system's description and nothing else, so this compares the message.
+/// An address that the system cannot take, such as too long a path, is ENotConnected.
 void Connect(TSocket& socket, const TSocket::TAddress& address, const std::string& text) {
     try {
         socket.Connect(address);

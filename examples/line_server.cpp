@@ -1,7 +1,6 @@
 /// @file
-/// Answers each line of each client with its length in bytes, a space and the line. Every client has a thread of its own, so that one
-/// that is slow, silent or broken costs nobody else anything. Holds out against hostile clients and against lack of memory, threads and
-/// descriptors.
+/// Answers each line of each client with its length in bytes, a space and the line. Every client has a thread of its own, so that a slow,
+/// silent or broken client costs nobody else anything. The server survives hostile clients and lack of memory, threads and descriptors.
 ///
 /// Shows      listening and accepting, streams over sockets, time limits, a thread for each client and how all are ended, signals.
 /// Arguments  DOMAIN ADDRESS [LIMIT [CLIENTS]]: "inet" and host:port, port 0 for any free one, or "fs" and the path of a socket to create;
@@ -62,7 +61,7 @@ struct TOptions {
     unsigned MostClients = 256;
 };
 
-std::atomic<int> StopRequested{0}; // a whole word, which every processor writes at once
+std::atomic<int> StopRequested{0}; // int, not bool: every processor writes a whole word at once
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may only touch what needs no lock");
 
 void RequestStop(int) {
@@ -271,7 +270,7 @@ private:
         }
     }
 
-    /// Reads a little of what the client has sent, since closing with unread input resets the connection, but waits for nothing.
+    /// Reads a little of what the client has sent, since closing with unread input resets the connection. Does not wait.
     static void Refuse(TSocket& client) {
         client.SetBlocking(false);
         client.Send(Lines::Busy.data(), static_cast<unsigned>(Lines::Busy.size()));
@@ -289,7 +288,8 @@ private:
         return nullptr;
     }
 
-    /// The client waits in the queue of the listener, which stays readable: without a pause this would spin.
+    /// Pauses while a client cannot be taken. The client waits in the queue of the listener, which stays readable: without a pause the
+    /// server would spin.
     void WaitInShortage(std::string_view reason) {
         Complain(reason);
         TThreadInstance::Sleep(0.1);
@@ -329,7 +329,8 @@ std::string ListeningAddress(const TSocket& listener, const TOptions& options) {
     return own.Get(false);
 }
 
-/// A failed TSocket::Bind looks up the name of the address, and reports that no name is there, as for 0.0.0.0. This names the address.
+/// Binds, and names the address when that fails. A failed TSocket::Bind looks up the name of the address, and where there is none, as for
+/// 0.0.0.0, its exception only says so.
 void Bind(TSocket& listener, const TSocket::TAddress& address, const std::string& text) {
     try {
         listener.Bind(address);

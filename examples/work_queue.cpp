@@ -106,7 +106,7 @@ public:
             std::rethrow_exception(Failure);
     }
 
-    /// True when no more lines will come. Nobody can wait for that: a second kind of waiter would take signals away from the first.
+    /// True when no more lines will come. No operation waits for that: such a waiter would take away signals that the workers wait for.
     bool IsOver() {
         const std::lock_guard inside(Mutex);
         return IsClosed;
@@ -159,7 +159,7 @@ private:
 class TReader final : public TTask {
 public:
     TReader(std::ifstream& file, TQueue& queue) : TTask(queue), File(file) {}
-    ~TReader() override { CancelAndFinish(); } // it may wait for a file that never ends
+    ~TReader() override { CancelAndFinish(); } // the thread may wait for a file that never ends
 
 private:
     void Work() override {
@@ -198,7 +198,7 @@ private:
 
 using TWorkers = std::vector<std::unique_ptr<TWorker>>;
 
-/// Prints what the workers found; true when no line changed. Requires: they have ended.
+/// Prints what the workers found; true when no line changed. Requires: the workers have ended.
 bool Summarize(const TWorkers& workers) {
     unsigned long lines = 0;
     unsigned long long characters = 0;
