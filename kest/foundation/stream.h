@@ -105,7 +105,7 @@ public:
     /// With -1 this only flushes. Unbuffered: one transport call for @p c; -1 does nothing.
     /// A negative transport result sets failbit, a result of 0 no bit, a result of more than was offered badbit. After each of these
     /// everything is still pending.
-    /// @return @p c, or 0 where @p c is -1; -1 when the transport took nothing of something, or there are no buffers.
+    /// @return @p c, or 0 where @p c is -1; -1 when a transport call took nothing, or there are no buffers.
     int overflow(int c) override;
 
     /// Offers what is pending to the transport in one call and drops input that was read ahead but not consumed. A failure shows in the

@@ -31,7 +31,7 @@ namespace {
 /// A fully qualified name has 255 characters at most; with a colon, a port of five digits and one to spare, 262.
 constexpr std::size_t LongestInetText = 262;
 
-/// Bytes of a host's name that Get takes, terminator not counted.
+/// Bytes of a host's name that Get takes, without the terminating zero.
 constexpr std::size_t LongestHostName = 255;
 
 /// Where the path of an "fs" address starts: after the family.
@@ -50,7 +50,7 @@ int FamilyIn(const TFamilyTable& table, const std::string& name) {
     return found->second;
 }
 
-/// The text has a zero byte, so it is no name of a host: the system would read the part before it alone.
+/// Whether a zero byte makes @p text no name of a host. The system would read only the part before that byte.
 bool HasZeroByte(const std::string& text) {
     return text.find('\0') != std::string::npos;
 }
@@ -186,7 +186,7 @@ std::string TSocket::TAddress::Get(bool resolve) const {
     _Throw<EUnsupportedDomain>("address error");
 }
 
-/// A peer without a name has no bytes beyond the family, and one with the longest path no zero byte at its end.
+/// The address of a peer without a name has no bytes after the family. The address with the longest path has no zero byte at its end.
 std::string TSocket::TAddress::GetPath() const {
     if (Length <= PathOffset)
         return {};

@@ -261,15 +261,21 @@ public:
     /// @throw EException     "nonsense shutdown": neither direction; nothing was changed.
     void Shutdown(bool read, bool write) override;
 
-    /// Sets the size in bytes of the system's buffer. The system silently caps @p size at its configured largest, then doubles it for its
-    /// own needs, and reports the doubled size. A size that is too small, 0 too, becomes the smallest size that the system has (a few
+    /// Sets the size in bytes of the system's send buffer. The system silently caps @p size at its configured largest, then doubles it for
+    /// its own needs, and reports the doubled size. A size that is too small, 0 too, becomes the smallest size that the system has (a few
     /// kilobytes). So no size is refused for its value.
     /// @return the previous size, as the system reported it.
     /// @throw EException  "getsockopt failed" or "setsockopt failed".
     unsigned SetSendBufferSize(unsigned size) override;
+
+    /// Sets the size in bytes of the system's receive buffer. The system treats @p size as SetSendBufferSize() says.
+    /// @return the previous size, as the system reported it.
+    /// @throw EException  "getsockopt failed" or "setsockopt failed".
     unsigned SetReceiveBufferSize(unsigned size) override;
 
-    /// What both do, for the option @p option of the socket level (SO_SNDBUF, SO_RCVBUF).
+    /// Sets the option @p option of the socket level, SO_SNDBUF or SO_RCVBUF, to @p size.
+    /// @return the previous value, as the system reported it.
+    /// @throw EException  "getsockopt failed" or "setsockopt failed".
     unsigned SetBufferSize(int option, unsigned size);
 
     /// Does nothing on this platform.
