@@ -137,7 +137,7 @@ using TFolders = std::shared_ptr<const TFolder>;
 void AddCopy(const std::string& variant, const std::string& who, const TFolders& source, const TFolders& destination, TOperation* copy) {
     constexpr std::int64_t mebi = 1 << 20;
     for (const std::int64_t size :
-         {std::int64_t{1024}, std::int64_t{4096}, std::int64_t{65536}, mebi, 16 * mebi, 128 * mebi, 1024 * mebi}) {
+         {std::int64_t{1024}, std::int64_t{4096}, std::int64_t{65536}, mebi, 16 * mebi, 256 * mebi, 1024 * mebi}) {
         if (size > 16 * mebi && !IsWholeRun())
             continue;
         auto* measurement =
@@ -148,7 +148,7 @@ void AddCopy(const std::string& variant, const std::string& who, const TFolders&
         if (size > mebi)
             measurement->Iterations(1);
         if (size > 16 * mebi)
-            measurement->Repetitions(size == 128 * mebi ? 5 : 3);
+            measurement->Repetitions(size == 256 * mebi ? 5 : 3);
     }
 }
 

@@ -195,11 +195,11 @@ void OneWay(benchmark::State& state, std::int64_t size, int family, bool isLimit
 template <class TSocket>
 void Add(const std::string& who, int family, bool isLimited) {
     const std::string name = std::string(family == AF_INET ? "/tcp" : "/fs") + (isLimited ? " within limits/" : "/") + who;
-    for (const std::int64_t size : {1, 1024, 16384}) {
+    for (const std::int64_t size : {1, 64, 1024, 16384}) {
         Register("there and back" + name, size, [=](benchmark::State& state, std::int64_t bytes) {
             ThereAndBack<TSocket>(state, bytes, family, isLimited);
         })->MeasureProcessCPUTime();
-        if (size > 1) {
+        if (size > 64) {
             Register("one way" + name, size,
                      [=](benchmark::State& state, std::int64_t bytes) { OneWay<TSocket>(state, bytes, family, isLimited); });
         }
