@@ -23,7 +23,7 @@ public:
     /// Copies the content of @p source to @p destination, and its modification time in whole seconds. Symbolic links are followed at both
     /// ends. An existing destination is overwritten and keeps its permissions (the system may clear its set-user-ID and set-group-ID bits).
     /// A new destination gets the permissions 0666 less the mask of the process. Permissions, owner and access time are not copied. Holes
-    /// may become zeros on the disk.
+    /// may become zeros on the disk. An empty source is copied like any other, and leaves the destination empty.
     ///
     /// The destination is emptied once both files are open and are known to be two files. A failure before that leaves an existing
     /// destination as it was, and a new one missing or empty. A failure or a cancellation after that leaves what was written by then, and

@@ -12,7 +12,8 @@ namespace Kest::System {
 /// wait without being unwound. A request that arrives meanwhile stays pending: the thread acts on it at its next cancellation point after
 /// the object is gone. The object is no cancellation point itself.
 ///
-/// Objects nest: each puts back what it found. Requires: the thread that made an object destroys it, in the reverse order of making.
+/// Objects nest: each puts back what it found.
+/// Requires: the thread that made an object destroys it, in the reverse order of making.
 ///
 /// ~~~{.cpp}
 /// {

@@ -27,7 +27,8 @@ template <class TException = EException, class... TPieces>
 }
 
 /// Throws an EException of the joined pieces followed by the description of errno. Call it right after the failed call: errno is
-/// read before anything is joined. Requires: no piece is a temporary made after the failed call, since making it could change errno.
+/// read before anything is joined.
+/// Requires: no piece is a temporary made after the failed call, since making it could change errno.
 template <class... TPieces>
 [[noreturn]] void _ThrowLastError(const TPieces&... pieces) {
     const std::string description = _GetLastErrorDescription();

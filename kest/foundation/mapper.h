@@ -30,7 +30,8 @@ public:
     /// Requires: the ends of range A differ.
     int Forward(int a) const;
 
-    /// Maps @p b from range B to range A. Requires: the ends of range B differ.
+    /// Maps @p b from range B to range A.
+    /// Requires: the ends of range B differ.
     int Inverse(int b) const;
 
 protected:

@@ -36,8 +36,8 @@ namespace Kest::_Gadgets {
 ///
 /// A second stream that is given this stream's buffer (std::cerr.rdbuf(stream.rdbuf())) flushes it too. Where std::unitbuf is set in the
 /// second stream, as it always is in std::cerr, the standard library flushes from a destructor, and this stream cannot see that: an
-/// exception of the transport, or a cancellation in it, ends the process. Requires: std::unitbuf is not set in such a stream, or the
-/// transport neither throws nor is a cancellation point.
+/// exception of the transport, or a cancellation in it, ends the process.
+/// Requires: std::unitbuf is not set in such a stream, or the transport neither throws nor is a cancellation point.
 ///
 /// No positioning, and no putting back beyond what the input buffer still holds.
 class KEST_EXPORT TStream : private std::basic_streambuf<char>, public std::basic_iostream<char> {
@@ -103,8 +103,8 @@ public:
 
     /// Buffered: offers everything pending to the transport in one call, keeps what the transport did not take, then appends @p c.
     /// With -1 this only flushes. Unbuffered: one transport call for @p c; -1 does nothing.
-    /// A negative transport result sets failbit, a result of 0 no bit, a result of more than was offered badbit. After each of these
-    /// everything is still pending.
+    /// A negative transport result sets failbit, a result of 0 no bit, a result of more than was offered badbit. After each of these the
+    /// pending bytes stay pending, and @p c is not taken.
     /// @return @p c, or 0 where @p c is -1; -1 when a transport call took nothing, or there are no buffers.
     int overflow(int c) override;
 

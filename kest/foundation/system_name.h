@@ -6,7 +6,8 @@
 
 namespace Kest::System {
 
-/// Does what SystemToUTF8 does for a text that is no std::string, and saves the copy into one. Requires: @p name is not null.
+/// Does what SystemToUTF8 does for a text that is no std::string, and saves the copy into one.
+/// Requires: @p name is not null.
 std::string _SystemNameToUTF8(const char* name);
 
 } // namespace Kest::System

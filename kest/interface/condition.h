@@ -12,7 +12,8 @@ namespace Kest::System::Interface {
 template <class TGuard>
 class KEST_EXPORT TCondition {
 public:
-    /// Releases @p guard, waits until woken, and holds it again. Requires: the calling thread holds @p guard.
+    /// Releases @p guard, waits until woken, and holds it again.
+    /// Requires: the calling thread holds @p guard.
     virtual void Wait(TGuard& guard) = 0;
 
     /// Releases @p guard, waits until woken, for at most @p timeout seconds, and holds it again. False when the time ran out.

@@ -23,7 +23,8 @@ public:
     /// Enters if that is possible without waiting; true when the calling thread is inside now.
     virtual bool TryEnter() = 0;
 
-    /// Gives up one entry. Requires: the calling thread is inside.
+    /// Gives up one entry.
+    /// Requires: the calling thread is inside.
     virtual void Leave() = 0;
 
     void lock() { Enter(); }               ///< calls Enter()

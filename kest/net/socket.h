@@ -26,8 +26,9 @@ namespace Kest::System {
 /// The two limits of a socket apply while it is in blocking mode, which a new socket is. The receive limit bounds a wait for input before
 /// the call, on a clock that nobody sets. The send limit bounds a whole operation of sending or connecting, on the settable clock, in
 /// steps of up to a second: a time-out comes up to a second late, and setting the clock moves it. With a negative or NaN send limit,
-/// sending and connecting time out as soon as they would block. The system refuses a wait for input with a negative or NaN receive limit
-/// (ENotConnected). A receive limit of less than a microsecond, positive or negative, looks for input without waiting.
+/// sending and connecting time out as soon as they would block. A receive limit of less than a microsecond, positive or negative but not
+/// 0.0, looks for input without waiting (ETimeout when there is none). The system refuses a wait for input with any other negative receive
+/// limit and with NaN (ENotConnected).
 /// TimeLimit() of kest/foundation/time.h makes limits from durations of the standard library.
 ///
 /// Failures are the classes of socket_errors.h. Unless an operation says otherwise, each may throw
@@ -101,8 +102,8 @@ public:
     TSocket(int descriptor, int domain);
 
     /// Takes over the descriptor of a socket marked for hand-over, duplicates that of any other. The copy has the limits and the
-    /// blocking mode of @p other. It does not know of a Shutdown() of the sending side through another object: there, its broken pipe is
-    /// EIOError "broken pipe".
+    /// blocking mode of @p other. It does not know whether another object shut the sending side down: until its own Shutdown() a copy
+    /// reports a broken pipe as EIOError "broken pipe".
     /// @throw EException  the descriptor cannot be duplicated, with the class by the table of TSocket; @p other is as before.
     TSocket(const TSocket& other);
 
@@ -200,8 +201,8 @@ public:
     /// @throw std::bad_cast  @p address is not a TSocket::TAddress; no system call was made.
     void Connect(const Interface::TSocket<TSocket>::TAddress& address) override;
 
-    /// Makes the socket accept connections. The system keeps about @p backlog of them waiting; 0 means 128. The system silently caps a
-    /// larger number at its configured largest.
+    /// Makes the socket accept connections. The system keeps about @p backlog of them waiting; 0 means 128. The system silently caps
+    /// @p backlog at its configured largest.
     /// @throw EException  "socket listen failed".
     void Listen(unsigned backlog) override;
 
@@ -232,8 +233,8 @@ public:
     void GetPeerAddress(TAddress& address) const;
 
     /// Waits until the socket can be read or has an exceptional condition, for at most @p limit seconds. EndlessTimeInterval waits without
-    /// limit. A limit of less than a microsecond, positive or negative, does not wait. The system refuses any other negative limit and NaN
-    /// (ENotConnected). A limit that is too large becomes the largest that the system takes.
+    /// limit. Any other limit of less than a microsecond, positive or negative, does not wait. The system refuses NaN and every other
+    /// negative limit (ENotConnected). A limit that is too large becomes the largest that the system takes.
     /// Works for every descriptor the process can hold. A number of 1024 or more that is no open descriptor may never become ready.
     /// Cancellation point.
     /// @return false when the time ran out.

@@ -62,8 +62,8 @@ KEST_LEFT_BY_CANCELLATION int Pause(double seconds) {
     return ::nanosleep(&interval, nullptr);
 }
 
-/// Pauses while the queue of an "fs" peer, of a listener or of a datagram socket, is full. The system then answers "would block", but
-/// counts the socket as writable, so a wait for readiness would end at once.
+/// Pauses for a few milliseconds, for a call that found the queue of an "fs" peer full, that of a listener or of a datagram socket. The
+/// system then answers "would block", but counts the socket as writable, so a wait for readiness would end at once.
 int PauseForQueue() {
     return Pause(AMoment);
 }

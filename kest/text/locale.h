@@ -23,8 +23,8 @@ namespace Kest::System {
 /// happens.
 class KEST_EXPORT _TSystemLocaleDetector {
 public:
-    /// Reads the environment and takes the name of the locale apart. If memory runs out meanwhile, the encoding is "UTF-8", and the other
-    /// two are empty.
+    /// Reads the environment and takes the name of the locale apart. If memory runs out while the name is taken apart, the encoding is
+    /// "UTF-8", and language and country are empty.
     /// @throw std::bad_alloc  there is no memory for a copy of the environment's value.
     /// Requires: no other thread changes the environment meanwhile.
     _TSystemLocaleDetector();

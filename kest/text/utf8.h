@@ -16,7 +16,7 @@
 
 namespace Kest::System {
 
-/// How many bytes the first @p length code units of @p text take in UTF-8. A code unit 0 ends the text before that, and nothing is read
+/// How many bytes the first @p length code units of @p text take in UTF-8. A code unit 0 ends the text earlier, and nothing is read
 /// beyond it. A code unit up to 0x7F takes one byte, up to 0x7FF two, and any larger one three.
 KEST_EXPORT unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int length);
 
@@ -24,7 +24,7 @@ KEST_EXPORT unsigned int _UTF8LengthOfUCS2(const wchar_t* text, unsigned int len
 KEST_EXPORT unsigned int _UTF8Length(const char* text, unsigned int length);
 
 /// Encodes the first @p length code units of @p text into @p out, and writes a zero byte at @p out[@p outLength]. A code unit 0 ends the
-/// text before that, and nothing is read beyond it. A value above 0xFFFF gives three bytes too. Its upper bits spill into the first of
+/// text earlier, and nothing is read beyond it. A value above 0xFFFF gives three bytes too. Its upper bits spill into the first of
 /// them.
 /// Requires: @p out has room for _UTF8LengthOfUCS2(@p text, @p length) bytes and the zero byte, and @p outLength is that length.
 KEST_EXPORT void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* out, unsigned int outLength);
