@@ -81,8 +81,9 @@ public:
 /// | a failure or a cancellation before the           | unchanged; bytes that were   | unchanged                                       |
 /// | destination is replaced                          | read from a pipe are gone    |                                                 |
 /// | the source vanished during the copy              | gone                         | the copy if nothing stood there, else unchanged |
-/// | the source cannot be removed (a read-only        | unchanged                    | missing: the copy is removed again, and an old  |
-/// | folder), or somebody wrote to it                 |                              | destination is lost                             |
+/// | the source cannot be removed (a read-only        | unchanged by this attempt    | missing: the copy is removed again, and an old  |
+/// | folder), somebody wrote to it, or the disk       |                              | destination is lost                             |
+/// | failed when the new entry was written to it      |                              |                                                 |
 /// | the source cannot be removed, nor can the copy   | unchanged                    | the copy                                        |
 /// | another file took the name of the source         | the other file               | the copy                                        |
 /// | the source was not there when it was to be       | gone, or put back by         | the copy                                        |
