@@ -29,7 +29,7 @@ KEST_STEP std::uint32_t BitsOf(__m256i value) noexcept {
     return static_cast<std::uint32_t>(_mm256_movemask_epi8(value));
 }
 
-/// A value of which the compiler forgets how it was computed. It would do so anew in each round of a loop.
+/// Returns @p value and hides from the compiler how it was computed. Otherwise the compiler would compute it again in each round of a loop.
 KEST_STEP __m256i Kept(__m256i value) noexcept {
     asm("" : "+x"(value));
     return value;
@@ -47,13 +47,14 @@ KEST_STEP __m256i FindContinuations(__m256i bytes) noexcept {
     return _mm256_cmpgt_epi8(_mm256_set1_epi8(-64), bytes);
 }
 
-/// Sixteen elements, those above 0x800 as that, in half the space: the quarters in the order 0, 2, 1, 3.
+/// Sixteen code units in words of 16 bits, the quarters in the order 0, 2, 1, 3. A code unit above 0x800 becomes 0x800.
 KEST_STEP __m256i Narrow(const wchar_t* text) noexcept {
     const __m256i most = _mm256_set1_epi32(0x800);
     return _mm256_packus_epi32(_mm256_min_epu32(Load(text), most), _mm256_min_epu32(Load(text + 8), most));
 }
 
-/// 64 code units as words, quarters out of their order: what is negative as 0x8000, what is above 0x7FFF as that.
+/// 64 code units as words, with the quarters of each register out of order. One below -0x8000 becomes -0x8000, one above 0x7FFF becomes
+/// 0x7FFF.
 struct TRun {
     __m256i A;
     __m256i B;
@@ -70,15 +71,15 @@ struct TRun {
         return _mm256_testz_si256(any, _mm256_set1_epi16(static_cast<short>(bits))) != 0;
     }
 
-    /// Minus the number of words above @p most at each place.
+    /// Counts the words above @p most at each place. The counts are negative.
     KEST_STEP __m256i CountAbove(short most) const noexcept {
         const __m256i border = _mm256_set1_epi16(most);
         const __m256i low = _mm256_add_epi16(_mm256_cmpgt_epi16(A, border), _mm256_cmpgt_epi16(B, border));
         return _mm256_add_epi16(low, _mm256_add_epi16(_mm256_cmpgt_epi16(C, border), _mm256_cmpgt_epi16(D, border)));
     }
 
-    /// The first and the last 32 words as bytes, eighths out of their order: what is negative as 0, what is above 0x7F with its highest
-    /// bit set.
+    /// The first and the last 32 words as bytes, with the eighths out of order. A negative word becomes 0, and one above 0x7F becomes a
+    /// byte whose highest bit is set.
     KEST_STEP __m256i Low() const noexcept { return _mm256_packus_epi16(A, B); }
     KEST_STEP __m256i High() const noexcept { return _mm256_packus_epi16(C, D); }
 };
@@ -88,33 +89,34 @@ KEST_STEP __m256i InOrder(__m256i bytes) noexcept {
     return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
-/// Writes the code units of eight bytes: of the words those whose bits are set in @p ends.
+/// Writes those of eight words whose bits are set in @p ends, as code units.
 KEST_STEP wchar_t* StoreWords(__m128i words, std::uint32_t ends, wchar_t* out) noexcept {
     Store(out, _mm256_cvtepu16_epi32(Shuffle(words, _WordShuffles[ends])));
     return out + CountBits(ends);
 }
 
-/// Writes the bytes of eight code units, of which those have one whose bits are set in @p ones. Returns how many come to two for each.
+/// Writes the bytes of eight code units: one byte of each whose bit is set in @p ones, two of every other. Returns their number minus 16.
 KEST_STEP std::ptrdiff_t StoreTwoBytes(__m128i bytes, std::uint32_t ones, char* out) noexcept {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), Shuffle(bytes, _TwoByteShuffles[ones]));
     return -static_cast<std::ptrdiff_t>(CountBits(ones));
 }
 
-/// Of four elements of four bytes the last byte, the second and the third, or the first three: two bits an element, set where the code unit
-/// needs a second byte and where it needs a third.
+/// Keeps some bytes of each of four elements of four bytes. The mask has two bits for an element: the lower one is set if its code unit
+/// needs a second byte, the higher one if it needs a third. If neither is set, the last byte is kept. If only the lower one is set, the
+/// second and the third byte are kept. If both are set, the first three bytes are kept.
 constexpr _TUTF8Shuffles LongByteShuffles = _MakeUTF8Shuffles(4, [](unsigned element, unsigned mask) {
     const bool hasSecond = (mask >> (2 * element) & 1) != 0;
     const bool hasThird = (mask >> (2 * element) & 2) != 0;
     return hasThird ? _TUTF8Bytes{0, 3} : hasSecond ? _TUTF8Bytes{1, 3} : _TUTF8Bytes{3, 4};
 });
 
-/// Writes the bytes of four code units, of the kinds that LongByteShuffles tells. Returns how many come to one for each.
+/// Writes the bytes of four code units, of which LongByteShuffles keeps those that @p kinds tells. Returns their number minus 4.
 KEST_STEP std::size_t StoreLongBytes(__m128i bytes, std::uint32_t kinds, char* out) noexcept {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), Shuffle(bytes, LongByteShuffles[kinds]));
     return CountBits(kinds);
 }
 
-/// Writes the bytes of four code units, of the kinds that _ThreeByteShuffles tells.
+/// Writes the bytes of four code units, of which _ThreeByteShuffles keeps those that @p kinds tells.
 KEST_STEP char* StoreThreeBytes(__m128i bytes, std::uint32_t kinds, char* out) noexcept {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), Shuffle(bytes, _ThreeByteShuffles[kinds]));
     return out + 12 - CountBits(kinds);
@@ -135,7 +137,7 @@ struct TSteps {
         TMask Longer;
     };
 
-    KEST_STEP TSteps() noexcept = default; // of itself it would not be for the instruction set
+    KEST_STEP TSteps() noexcept = default; // declared, so that it is compiled for the instruction set
 
     KEST_STEP static TMask FindCharacters(const char* text) noexcept {
         return BitsOf(_mm256_cmpgt_epi8(Load(text), _mm256_set1_epi8(-64)));
@@ -158,13 +160,13 @@ struct TSteps {
 
     KEST_STEP static std::size_t CountBytes(const wchar_t* text, std::size_t& runs) noexcept {
         const __m256i zero = _mm256_setzero_si256();
-        __m256i low = zero;    // of the first halves of runs, a byte for each place: how many are above 0x7F
-        __m256i high = zero;   // of the second halves
-        __m256i longer = zero; // a word for each of four places: how many are above 0x7FF
+        __m256i low = zero;    // counts the code units above 0x7F of the first halves of runs, in a byte for each place
+        __m256i high = zero;   // counts those of the second halves
+        __m256i longer = zero; // counts the code units above 0x7FF, in a word for every four places
         std::size_t run = 0;
         for (; run < runs; ++run, text += Run) {
             const TRun units(text);
-            // A negative one looks like a 0.
+            // A negative code unit looks like a 0 and ends the loop too.
             if (BitsOf(_mm256_cmpeq_epi8(_mm256_min_epu8(units.Low(), units.High()), zero)) != 0)
                 break;
             low = _mm256_sub_epi8(low, _mm256_cmpgt_epi8(zero, units.Low()));
@@ -189,7 +191,7 @@ struct TSteps {
     template <bool IsFirst>
     KEST_STEP static void StoreUnits(const char* text, TMask ends, wchar_t* out) noexcept {
         const __m256i bytes = Load(text);
-        // The lower lane's bytes that go over into the upper one.
+        // The bytes that come before those of each lane: zeros before the lower lane, and the lower lane before the upper one.
         const __m256i over = IsFirst ? _mm256_permute2x128_si256(bytes, bytes, 0x08) : bytes;
         const __m256i before = IsFirst ? _mm256_alignr_epi8(bytes, over, 15) : Load(text - 1);
         const __m256i leads = IsFirst ? _mm256_alignr_epi8(bytes, over, 14) : Load(text - 2);
@@ -288,14 +290,14 @@ private:
         return _mm256_or_si256(Load(text), Load(text + 8));
     }
 
-    /// The sum of elements of eight or four bytes that is below 2 to the power of 32.
+    /// The sum of elements of eight or of four bytes. It has to be less than 2 to the power of 31.
     KEST_STEP static std::size_t SumOf(__m256i sums) noexcept {
         const __m128i half = _mm_add_epi32(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
         const __m128i sum = _mm_add_epi32(half, _mm_unpackhi_epi64(half, half));
         return static_cast<std::size_t>(_mm_extract_epi32(sum, 0) + _mm_extract_epi32(sum, 1));
     }
 
-    /// The bytes of eight units, also of such above 0xFFFF.
+    /// Writes the bytes of eight code units, which may be above 0xFFFF.
     KEST_STEP static char* EncodeHuge(const wchar_t* text, char* out) noexcept {
         const __m256i units = Load(text);
         const __m256i isOne = _mm256_cmpeq_epi32(_mm256_and_si256(units, _mm256_set1_epi32(~0x7F)), _mm256_setzero_si256());

@@ -19,15 +19,16 @@ namespace Kest::System {
 
 namespace { // functions of one name are compiled for several instruction sets: NOLINT(cert-dcl59-cpp)
 
-/// What a codec finds out of the bytes of a block, a bit each: those of 0x80 and above, those from there to 0xBF, those from 0xE0 on.
+/// Masks with a bit for each byte of a block: the bytes of 0x80 and above, the bytes from 0x80 to 0xBF, and the bytes of 0xE0 and above.
 template <class TMask>
 struct TSequences {
     TMask High;
     TMask Continuations;
     TMask LeadsOfThree;
 
-    /// Whether every lead among the first @p count bytes has the continuation bytes that it announces and there are no
-    /// others. @p missing is where the block has to begin with such bytes, and becomes that of the next; @p ends is where sequences end.
+    /// Returns whether each lead among the first @p count bytes has the continuation bytes that it announces, and no others follow it.
+    /// @p missing has a bit for each continuation byte with which the block has to begin, and gets those of the next block.
+    /// @p ends is set to the bytes that are the last of a sequence.
     KEST_STEP bool FindEnds(std::size_t count, TMask& missing, TMask& ends) const noexcept {
         const auto inside = static_cast<TMask>(~TMask{0} >> (8 * sizeof(TMask) - count));
         const TMask leads = High & static_cast<TMask>(~Continuations);
@@ -42,9 +43,9 @@ struct TSequences {
 
 /// The loops around the steps of one instruction set, TSteps:
 ///
-///     BytesOfBlock, UnitsOfBlock, UnitsOfPart, Run    how many elements a step of each kind takes; a run is some blocks, a block some
-///     parts FindCharacters(bytes)                           a bit for each byte of the block that _UTF8Length() counts
-///     CountCharacters(bytes, blocks)                  how many those are in as many blocks, at most 255
+///     BytesOfBlock, UnitsOfBlock, UnitsOfPart, Run    how many elements a step takes: a run is several blocks, a block is several parts
+///     FindCharacters(bytes)                           a bit for each byte of the block that _UTF8Length() counts
+///     CountCharacters(bytes, blocks)                  how many such bytes so many blocks have, at most 255 blocks
 ///     FindLongUnits(units)                            bits of the block's code units that are 0, above 0x7F, above 0x7FF
 ///     CountBytes(units, runs)                         the bytes of so many runs, at most 255, up to the first run that has a 0
 ///     FindEnds<IsFirst>(bytes, count, missing, ends)  whether the first bytes of a block are well formed, and where sequences end
@@ -57,9 +58,9 @@ struct TSequences {
 ///
 /// IsShort(), EncodeShort() and EncodeAny() are called on an object, which can keep what is constant.
 ///
-/// What does not come out even is evened at the beginning of a text: its first block is looked at as a whole, and as many elements of it
-/// count as make the others whole blocks. A mixed text has hardly a run of ASCII of its own, so a run is looked for once a run, and less
-/// often while the encoding finds none.
+/// A text is rarely a whole number of blocks. The loops look at its whole first block, but convert only so many elements of it that whole
+/// blocks remain. Mixed text rarely has a run of ASCII, so the loops look for one only once a run, and while they find none, encoding looks
+/// less often.
 template <class TSteps>
 class TFrame {
     using TMask = typename TSteps::TMask;
@@ -160,7 +161,7 @@ public:
     }
 
 private:
-    /// So many units have to follow those of a step that writes further beyond its own than the slack is.
+    /// How many code units have to follow those of a step. Their bytes take up what the step writes beyond its own bytes and the slack.
     static constexpr std::size_t Spare = TSteps::EncodeOvershoot > _TUTF8Codec::Slack ? TSteps::EncodeOvershoot - _TUTF8Codec::Slack : 0;
 
     KEST_STEP static char* EncodeBlock(const TSteps& steps, const wchar_t* text, char* out) noexcept {
@@ -202,18 +203,18 @@ private:
         return out;
     }
 
-    /// Decodes block after block. Every byte of a block gets the value of the sequence that would end in it, and those at which one ends
-    /// are moved together. That is right as long as every lead has the continuation bytes that it announces and there are no others.
+    /// Decodes block after block. For each byte of a block it computes the value of a sequence that ends there, and keeps the values of
+    /// those bytes where one ends. That is right as long as each lead has the continuation bytes that it announces, and no others follow.
     struct TDecoder {
         const char* Text;
         wchar_t* Out;
         const wchar_t* OutEnd;
-        TMask Missing = 0; ///< where the next block has to begin with continuation bytes
+        TMask Missing = 0; ///< not 0 if the next block has to begin with continuation bytes
 
         KEST_STEP void DecodeOne(const char* end) noexcept { *Out++ = _DecodeUTF8Sequence(Text, end); }
 
-        /// Writes the code units of the sequences that end in the first @p count bytes of a block and moves behind those bytes. False
-        /// when they are not well formed or there is no room; nothing is done then. In front of all but the first block are two bytes.
+        /// Writes the code units of the sequences that end in the first @p count bytes of a block, and moves behind those bytes. Returns
+        /// false and does nothing if the bytes are not well formed or there is no room. Reads two bytes before every block but the first.
         template <bool IsFirst>
         KEST_STEP bool DecodeBlock(const char* block, std::size_t count) noexcept {
             TMask next = Missing;
@@ -231,20 +232,20 @@ private:
             return true;
         }
 
-        /// Decodes as far as the text is well formed and there is room for blocks, up to the beginning of a sequence.
+        /// Decodes blocks while they are well formed and there is room. Stops at the beginning of a sequence.
         KEST_STEP void DecodeWellFormed(const char* limit, const char* end) noexcept {
             Missing = 0;
             if (DecodeFirst(end))
                 DecodeBlocks(limit, end);
-            if (Missing != 0) // back to the lead of what is not complete yet
+            if (Missing != 0) // the last sequence is not complete: back to its lead
                 while (static_cast<signed char>(*--Text) < -64) {
                 }
         }
 
-        /// The first block, or a text that is no longer. False if there is nothing more to do.
+        /// Decodes the first block, or a whole text that is shorter than a block. Returns false if no block can follow.
         KEST_STEP bool DecodeFirst(const char* end) noexcept {
             if (static_cast<std::size_t>(end - Text) % Bytes == 1 && end - Text > std::ptrdiff_t{Bytes})
-                DecodeOne(end); // a block would have but one byte in front of it
+                DecodeOne(end); // otherwise the second block would have only one byte before it
             const auto size = static_cast<std::size_t>(end - Text);
             if (size >= Bytes)
                 return DecodeBlock<true>(Text, size % Bytes == 0 ? Bytes : size % Bytes);
@@ -270,10 +271,10 @@ private:
             }
         }
 
-        /// A run of ASCII and those that follow it.
+        /// Decodes a run of ASCII and the runs of ASCII that follow it.
         KEST_STEP void DecodeASCII(const char* limit, const char* end) noexcept {
             constexpr std::ptrdiff_t run = Run;
-            // Of a long text, no more than until whole lines of the cache are written, which takes half the time.
+            // A long text is written twice as fast in whole lines of the cache, so the first step ends where a line begins.
             const auto over = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(Out) / sizeof(wchar_t) % 16);
             if (over != 0 && end - Text >= 16 * run) {
                 TSteps::StoreASCII(Text, Out);

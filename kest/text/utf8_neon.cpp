@@ -13,7 +13,7 @@ namespace Kest::System {
 
 namespace {
 
-// Bytes are loaded as such at any address; the elements of vectors are in the order of memory.
+// Vectors are loaded and stored as bytes, which may lie at any address.
 
 KEST_STEP uint8x16_t Load(const char* place) noexcept {
     return vld1q_u8(reinterpret_cast<const std::uint8_t*>(place));
@@ -27,9 +27,10 @@ KEST_STEP void Store(char* place, uint8x16_t value) noexcept {
     vst1q_u8(reinterpret_cast<std::uint8_t*>(place), value);
 }
 
-// Compilers know these instructions too, but GCC 12 takes pairs of registers through memory, and computes by itself what an address could.
+// Compilers have functions for the instructions that are written out here. With them GCC 12 takes pairs of registers through memory, and
+// computes addresses by instructions of their own.
 
-/// A value of which the compiler forgets how it was computed.
+/// Returns @p value and hides from the compiler how it was computed.
 template <class TValue>
 KEST_STEP TValue Opaque(TValue value) noexcept {
     asm("" : "+r"(value));
@@ -49,7 +50,7 @@ KEST_STEP void Store(wchar_t* place, uint16x8_t units) noexcept {
     asm volatile("st2 {%0.8h, %1.8h}, [%2]" : : "w"(low), "w"(high), "r"(place) : "memory");
 }
 
-/// A bit of 64 for each byte, all of whose bits are set or none.
+/// A mask of 64 bits with one for each byte. In each byte all bits are set, or none.
 KEST_STEP std::uint64_t BitsOf(uint8x16_t a, uint8x16_t b, uint8x16_t c, uint8x16_t d) noexcept {
     const uint8x16_t weights = vreinterpretq_u8_u64(vdupq_n_u64(0x8040201008040201U));
     const uint8x16_t ab = vpaddq_u8(vandq_u8(a, weights), vandq_u8(b, weights));
@@ -66,12 +67,12 @@ KEST_STEP uint8x16_t FindCounted(uint8x16_t bytes) noexcept {
     return vcgtq_s8(vreinterpretq_s8_u8(bytes), vdupq_n_s8(-64));
 }
 
-/// Where a byte after the two before it has to be a continuation.
+/// Finds the bytes that have to be continuations. @p before has the byte before each, @p leads the one before that.
 KEST_STEP uint8x16_t FindExpected(uint8x16_t before, uint8x16_t leads) noexcept {
     return vorrq_u8(vcgeq_u8(before, vdupq_n_u8(0xC0)), vcgeq_u8(leads, vdupq_n_u8(0xE0)));
 }
 
-/// Eight code units, those above 0xFFFF as that.
+/// Eight code units in words of 16 bits. A code unit above 0xFFFF becomes 0xFFFF.
 KEST_STEP uint16x8_t Narrow(const wchar_t* text) noexcept {
     return vqmovn_high_u32(vqmovn_u32(Load(text)), Load(text + 4));
 }
@@ -132,7 +133,7 @@ struct TSteps {
     KEST_STEP static std::size_t CountCharacters(const char* text, std::size_t blocks) noexcept {
         std::size_t characters = 0;
         while (blocks > 0) {
-            const std::size_t some = std::min<std::size_t>(blocks, 31); // four a block, which a signed byte holds
+            const std::size_t some = std::min<std::size_t>(blocks, 31); // each adds up to four to a count, which is a signed byte
             uint8x16_t minus = vdupq_n_u8(0);
             for (const char* const end = text + some * BytesOfBlock; text < end; text += BytesOfBlock) {
                 const uint8x16_t low = vaddq_u8(FindCounted(Load(text)), FindCounted(Load(text + 16)));
@@ -265,7 +266,7 @@ private:
         return BitsOf(vmovn_high_u16(vmovn_u16(low), high), zero, zero, zero);
     }
 
-    /// The sixteen bytes that begin @p count before @p text, which is the beginning of it all if it is the first.
+    /// The sixteen bytes that begin @p count bytes before @p text. Nothing is read before the first block, so zeros stand for those bytes.
     template <bool IsFirst>
     KEST_STEP static uint8x16_t Before(const char* text, int count) noexcept {
         if constexpr (IsFirst)
@@ -279,7 +280,7 @@ private:
         uint8x16_t High;
     };
 
-    /// The values of the sequences that would end in each of sixteen bytes.
+    /// For each of sixteen bytes, the value of a sequence that ends there.
     KEST_STEP static TWords FindWords(uint8x16_t bytes, uint8x16_t before, uint8x16_t leads) noexcept {
         const uint8x16_t isContinuation = FindContinuations(bytes);
         const uint8x16_t lows = vbslq_u8(isContinuation, vsliq_n_u8(bytes, before, 6), bytes);
