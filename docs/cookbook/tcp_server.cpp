@@ -27,9 +27,10 @@ public:
 
     int Run() override {
         try {
-            TSocket::TStream stream(Socket, 1024);
+            TSocket::TStream in(Socket, 1024); // one stream a direction: a flush drops what its own stream has read ahead
+            TSocket::TStream out(Socket, 1024);
             char line[512]; // a longer line ends the connection
-            while (stream.getline(line, sizeof line) && stream << line << std::endl) {
+            while (in.getline(line, sizeof line) && out << line << std::endl) {
             }
             Socket.Shutdown(false, true);   // the stream's end would send again what a flush that failed has sent already
         } catch (const Kest::EException&) { // the client has gone; an exception that left Run() would end the process

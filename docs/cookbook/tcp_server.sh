@@ -1,4 +1,4 @@
-# Starts the server at a port of the system's choice, talks to it as two clients, and ends it while one client stays.
+# Starts the server at a port of the system's choice, talks to it as two clients, each with two lines at once, and ends it while one client stays.
 "$@" 127.0.0.1:0 >server.output &
 server=$!
 for _ in {1..500}; do
@@ -8,9 +8,11 @@ done
 port=$(sed -n 's/^listening at 127.0.0.1://p' server.output)
 exec 3<>"/dev/tcp/127.0.0.1/$port" 4<>"/dev/tcp/127.0.0.1/$port"
 for client in 3 4; do
-    echo "from client $client" >&"$client"
-    read -r -t 10 line <&"$client"
-    echo "$line"
+    printf 'from client %d\nand again\n' "$client" >&"$client"
+    for _ in 1 2; do
+        read -r -t 10 line <&"$client"
+        echo "$line"
+    done
 done
 exec 3>&-
 kill -INT "$server"

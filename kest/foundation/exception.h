@@ -11,14 +11,16 @@
 namespace Kest {
 
 /// Root of every exception that the library throws. An object is one string, the whole message, and nothing else: no error
-/// number, no source position. Subclasses add no data; they exist so that callers can catch by kind.
+/// number, no source position. Subclasses add no data; they exist so that callers can catch by kind. Sockets throw the
+/// classes of kest/net/socket_errors.h and the end of a directory is one of its own; everything else throws this class itself.
 ///
 /// Messages are UTF-8 and begin with "Kest: ". Where the system gave a reason, its description stands at the end, after ": ".
 ///
 /// The class does not derive from std::exception: a handler for std::exception does not catch it, so programs have a handler for each.
 ///
 /// Thrown by value, caught by reference. The destructor is not virtual: never delete a subclass object through a pointer to this
-/// class. A copy holds the same message. Objects are not locked; an exception belongs to the thread that caught it.
+/// class. A copy holds the same message, and copying throws std::bad_alloc when memory runs out. Objects are not locked; an exception
+/// belongs to the thread that caught it.
 class KEST_EXPORT EException {
 public:
     /// Sets the message to "Kest: " followed by @p text; callers do not write the prefix themselves.

@@ -20,6 +20,8 @@ public:
     /// The reference is valid until the process ends or the library that holds the instance is unloaded, where the instance is
     /// destroyed, in reverse order of construction among the other static objects.
     ///
+    /// Requires: the constructor of @p T does not call GetObject(). Whether threads may share the instance is for @p T to say.
+    ///
     /// Never inlined: a caller that carried a copy of the object's guard would destroy the object when that caller is unloaded.
     __attribute__((noinline)) static T& GetObject() {
         static T Object;

@@ -14,11 +14,11 @@ namespace Kest::_Gadgets {
 /// A standard input and output stream whose bytes come from and go to a transport. It is its own stream buffer, with one buffer for
 /// input and one for output, both of one size, or with none (unbuffered mode: every character is a transport call of its own).
 ///
-/// | BufferSize  | state                                                                                       |
+/// | size        | state                                                                                       |
 /// |-------------|---------------------------------------------------------------------------------------------|
 /// | 2 and more  | buffered: one transport call for a refill or a flush                                        |
-/// | 1           | unbuffered                                                                                  |
-/// | 0           | no buffers, after DestroyBuffer(): reading and writing fail at once without transport calls |
+/// | 0 and 1     | unbuffered                                                                                  |
+/// | none        | no buffers, after DestroyBuffer(): reading and writing fail at once without transport calls |
 ///
 /// The transport is borrowed and must outlive the stream. Streams are not copied. A stream and its transport belong to one thread at
 /// a time. Transport calls block as long as the transport does, and are cancellation points if it is (never with libc++).
@@ -28,7 +28,8 @@ namespace Kest::_Gadgets {
 ///
 /// A cancellation in the transport's write passes through the stream, and the stream gives up what was pending: nobody can tell how much
 /// of it went out. So the destructor writes none of it again, and does not wait for the transport on the way. While std::unitbuf is set,
-/// sync() holds a cancellation off, and nothing is given up. An exception of the transport leaves everything pending.
+/// sync() holds a cancellation off, and nothing is given up. An exception of the transport leaves everything pending. An exception of
+/// the transport in a read sets badbit in the reading operation, as with any standard stream.
 ///
 /// A thread that is cancelled inside a stream operation while it is handling an exception ends the process: the standard library's own
 /// stream operations catch a cancellation and pass it on, which its runtime cannot do inside a handler. Read and write outside handlers,

@@ -38,8 +38,7 @@ namespace Kest::System {
 /// | EINTR                        | EShutdown "interrupted system call"                                                |
 /// | EAGAIN, EINPROGRESS          | EWouldBlock                                                                        |
 /// | EINVAL, ENOTCONN             | ENotConnected                                                                      |
-/// | EPIPE                        | EShutdown "when send" after Shutdown() of the sending side, else EIOError          |
-/// |                              | "broken pipe"                                                                      |
+/// | EPIPE                        | EIOError "broken pipe"; EShutdown "when send" after Shutdown() of the sending side |
 /// | ENETRESET, ECONNRESET        | EReset                                                                             |
 /// | ECONNABORTED                 | EAbort                                                                             |
 /// | ETIMEDOUT                    | ETimeout                                                                           |

@@ -48,7 +48,10 @@ private:
 ///
 /// When reading fails with -1, or with -2 by a signal, nothing is lost: failbit stays set until clear(), and then reading goes on where it
 /// stopped. The result of the failed operation holds what it has read. std::getline leaves the beginning of a line in its string, and
-/// empties the string when it is called again: keep the beginning.
+/// empties the string when it is called again: keep the beginning. A failed read also stops writing through this stream until clear().
+///
+/// A last line without a line end is in the string too when the peer has closed its side, but the stream has failed. No code tells that
+/// close from a signal, or why a result is -3: the exceptions of the socket's own Receive() and Send() do.
 ///
 /// With a send limit, after any failure of a flush (-1, -2 by a signal, -3) a part may have gone out. Nobody knows how much, and the stream
 /// still has all of it pending: any further flush, that of the destructor included, sends it again from its beginning. The peer would read
@@ -56,7 +59,8 @@ private:
 /// again. That throws ENotConnected where a reset has ended the connection, and nothing more can go out then. Without a send limit the
 /// system may take a part of a flush, and what is left goes out with the next flush, once; a flush that fails has sent nothing.
 ///
-/// A flush also drops input that was read ahead: read an answer to its end before the next flush.
+/// A flush also drops input that its stream has read ahead. Read an answer to its end before the next flush, or let two streams use the
+/// socket in one thread, one to read and one to write: a flush of one drops nothing of the other.
 ///
 /// Reading and writing are cancellation points (not with libc++). A cancellation in a flush makes the stream give up what was pending, with
 /// a limit and without one: a part may have gone out, and the destructor sends nothing of it. While std::unitbuf is set, a cancellation

@@ -72,14 +72,13 @@ class _TStartGate;
 
 /// A thread with a body. The constructor creates the system thread, which waits at its start gate; the body runs after Start().
 ///
-/// | State       | Entered by                             | The system's thread                                              |
-/// |-------------|----------------------------------------|------------------------------------------------------------------|
-/// | Created     | the constructor                        | waits at the gate                                                |
-/// | Running     | Start()                                | passes the gate and runs Run()                                   |
-/// | Ended       | Run() returned, or was cancelled       | has ended; its exit value is kept                                |
-/// | Joined      | WaitFor(), Finish(), CancelAndFinish() | is gone; the handle is 0                                         |
-/// | Turned away | Finish(), CancelAndFinish() or the     | ends with exit value 0 without running Run(), and is waited for  |
-/// |             | destructor before the gate was passed  | by the operation that turned it away                             |
+/// | State       | Entered by                                               | The system's thread                                        |
+/// |-------------|----------------------------------------------------------|------------------------------------------------------------|
+/// | Created     | the constructor                                          | waits at the gate                                          |
+/// | Running     | Start()                                                  | passes the gate and runs Run()                             |
+/// | Ended       | Run() returned, or was cancelled                         | has ended; its exit value is kept                          |
+/// | Joined      | WaitFor(), Finish(), CancelAndFinish()                   | is gone; the handle is 0                                   |
+/// | Turned away | Finish(), CancelAndFinish(), destructor, before the gate | ends with exit value 0 without Run(); that operation waits |
 ///
 /// A Cancel() before Start() has no effect on a thread that is then turned away.
 ///
