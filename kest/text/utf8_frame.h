@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 // Functions that are compiled for an instruction set are the codec's alone: no other file must get them.
 #define KEST_STEP KEST_TARGET __attribute__((always_inline)) inline
@@ -18,6 +19,12 @@
 namespace Kest::System {
 
 namespace { // functions of one name are compiled for several instruction sets: NOLINT(cert-dcl59-cpp)
+
+/// Whether the steps of an instruction set have StoreRuns.
+template <class TSteps, class = void>
+constexpr bool HasRuns = false;
+template <class TSteps>
+constexpr bool HasRuns<TSteps, std::void_t<decltype(&TSteps::StoreRuns)>> = true;
 
 /// Masks with a bit for each byte of a block: the bytes of 0x80 and above, the bytes from 0x80 to 0xBF, and the bytes of 0xE0 and above.
 template <class TMask>
@@ -51,6 +58,8 @@ struct TSequences {
 ///     FindEnds<IsFirst>(bytes, count, missing, ends)  whether the first bytes of a block are well formed, and where sequences end
 ///     StoreUnits<IsFirst>(bytes, ends, out)           the code units of the sequences that end where a bit is set, and a few more
 ///     IsASCII(bytes), StoreASCII(bytes, out)          of a run
+///     StoreRuns(bytes, out, runs)                     stores those of so many runs that come before one that is not ASCII, or a few
+///                                                     less, and returns their number; need not exist; writes some of the other runs too
 ///     EncodeASCII(units, out)                         the bytes of a run; false when it is not all ASCII
 ///     IsShort(units)                                  whether a block has nothing above 0x7FF
 ///     EncodeShort(units, out), EncodeAny(units, out)  the bytes of such a block; of any part
@@ -222,8 +231,9 @@ private:
             if (!TSteps::template FindEnds<IsFirst>(block, count, next, ends))
                 return false;
             const auto units = static_cast<std::ptrdiff_t>(CountOf(ends));
-            constexpr std::ptrdiff_t spare = std::ptrdiff_t{TSteps::StoreOvershoot} - std::ptrdiff_t{_TUTF8Codec::Slack};
-            if (units + spare > OutEnd - Out)
+            static_assert(TSteps::StoreOvershoot <= _TUTF8Codec::Slack);
+            constexpr std::uintptr_t more = (_TUTF8Codec::Slack - TSteps::StoreOvershoot) * sizeof(wchar_t);
+            if (reinterpret_cast<std::uintptr_t>(Out) + CountOf(ends) * sizeof(wchar_t) > reinterpret_cast<std::uintptr_t>(OutEnd) + more)
                 return false;
             TSteps::template StoreUnits<IsFirst>(block, ends, Out);
             Out += units;
@@ -247,8 +257,17 @@ private:
             if (static_cast<std::size_t>(end - Text) % Bytes == 1 && end - Text > std::ptrdiff_t{Bytes})
                 DecodeOne(end); // otherwise the second block would have only one byte before it
             const auto size = static_cast<std::size_t>(end - Text);
-            if (size >= Bytes)
-                return DecodeBlock<true>(Text, size % Bytes == 0 ? Bytes : size % Bytes);
+            if (size >= Bytes) {
+                const std::size_t count = size % Bytes == 0 ? Bytes : size % Bytes;
+                if constexpr (HasRuns<TSteps> && Run == Bytes)
+                    if (OutEnd - Out >= std::ptrdiff_t{Run} && TSteps::IsASCII(Text)) {
+                        TSteps::StoreASCII(Text, Out);
+                        Text += count;
+                        Out += count;
+                        return true;
+                    }
+                return DecodeBlock<true>(Text, count);
+            }
             if (size < Bytes / 2)
                 return false;
             std::array<char, Bytes> block{};
@@ -260,12 +279,13 @@ private:
         KEST_STEP void DecodeBlocks(const char* limit, const char* end) noexcept {
             constexpr std::ptrdiff_t run = Run;
             constexpr std::ptrdiff_t block = Bytes;
+            constexpr std::ptrdiff_t look = HasRuns<TSteps> ? 4 * run : run; // StoreRuns is worth a look for as many only
             while (Text < limit && end - Text >= block) {
                 if (Missing == 0 && Text < limit && end - Text >= run && OutEnd - Out >= run && TSteps::IsASCII(Text)) {
                     DecodeASCII(limit, end);
                     continue;
                 }
-                for (const char* const stop = end - Text >= run ? Text + run : end - (block - 1); Text < stop;)
+                for (const char* const stop = std::min(limit, end - Text >= look ? Text + look : end - (block - 1)); Text < stop;)
                     if (!DecodeBlock<false>(Text, Bytes))
                         return;
             }
@@ -274,8 +294,10 @@ private:
         /// Decodes a run of ASCII and the runs of ASCII that follow it.
         KEST_STEP void DecodeASCII(const char* limit, const char* end) noexcept {
             constexpr std::ptrdiff_t run = Run;
-            // A long text is written twice as fast in whole lines of the cache, so the first step ends where a line begins.
-            const auto over = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(Out) / sizeof(wchar_t) % 16);
+            // A long text is written twice as fast in whole lines of the cache, so the first step ends where a line begins. An instruction
+            // that StoreRuns uses writes sixteen bytes after sixteen, and crosses no line if it begins at a multiple of sixteen.
+            constexpr std::uintptr_t unitsOfStore = HasRuns<TSteps> ? 4 : 16;
+            const auto over = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(Out) / sizeof(wchar_t) % unitsOfStore);
             if (over != 0 && end - Text >= 16 * run) {
                 TSteps::StoreASCII(Text, Out);
                 Text += 16 - over;
@@ -283,6 +305,14 @@ private:
                 return;
             }
             std::ptrdiff_t runs = std::min({(limit - Text + run - 1) / run, (end - Text) / run, (OutEnd - Out) / run});
+            if constexpr (HasRuns<TSteps>) {
+                const std::ptrdiff_t stored = TSteps::StoreRuns(Text, Out, runs);
+                Text += stored * run;
+                Out += stored * run;
+                runs -= stored;
+                if (runs == 0 || (stored > 0 && !TSteps::IsASCII(Text)))
+                    return;
+            }
             do {
                 TSteps::StoreASCII(Text, Out);
                 Text += run;
