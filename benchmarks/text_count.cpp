@@ -1,5 +1,6 @@
 // Converts texts of 4 KiB by each codec for an emulator that counts instructions: see scripts/count_text.sh. Called with the name of a
-// codec, "decode" or "encode", the name of a script and how often.
+// codec, what to do, the name of a script and how often. "decode" and "encode" count the result, allocate it and convert, as a program's
+// call does; "decode-alone" and "encode-alone" convert into a buffer that is there.
 #include <benchmarks/text_samples.h>
 #include <kest/text/utf8_strings.h>
 
@@ -11,18 +12,32 @@ using namespace Kest;
 
 namespace {
 
+/// How many elements the results have together.
 template <class TWay>
-int Convert(const TWay& way, int rounds) {
+std::size_t Repeat(const TWay& way, int rounds) {
     std::size_t elements = 0;
     for (int round = 0; round < rounds; ++round)
-        elements += way().size();
-    return elements > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        elements += way();
+    return elements;
 }
 
-int Convert(const System::_TUTF8Codec& codec, bool decodes, const std::string& narrow, int rounds) {
+std::size_t Convert(const System::_TUTF8Codec& codec, const std::string& task, const std::string& narrow, int rounds) {
     const std::wstring wide = System::UTF8ToUCS(narrow);
-    return decodes ? Convert([&] { return System::_DecodeUTF8String(codec, narrow); }, rounds)
-                   : Convert([&] { return System::_EncodeUTF8String(codec, wide); }, rounds);
+    std::wstring units(wide.size() + System::_TUTF8Codec::Slack, 0);
+    std::string bytes(narrow.size() + System::_TUTF8Codec::Slack, 0);
+    if (task == "decode")
+        return Repeat([&] { return System::_DecodeUTF8String(codec, narrow).size(); }, rounds);
+    if (task == "encode")
+        return Repeat([&] { return System::_EncodeUTF8String(codec, wide).size(); }, rounds);
+    if (task == "encode-alone")
+        return Repeat([&] { return static_cast<std::size_t>(codec.Encode(wide.data(), wide.size(), bytes.data()) - bytes.data()); },
+                      rounds);
+    const auto decode = [&] {
+        const char* text = narrow.data();
+        const char* const end = text + narrow.size();
+        return codec.Decode(text, end, end, units.data(), wide.size());
+    };
+    return task == "decode-alone" ? Repeat(decode, rounds) : 0;
 }
 
 } // namespace
@@ -33,8 +48,9 @@ int main(int count, char** arguments) {
     for (std::size_t index = 0; count == 5 && index < usable; ++index)
         for (const Benchmark::TScript& script : Benchmark::Scripts)
             if (std::strcmp(codecs[index]->Name, arguments[1]) == 0 && std::strcmp(script.Name, arguments[3]) == 0)
-                return Convert(*codecs[index], std::strcmp(arguments[2], "decode") == 0, MakeText(script, 4096), std::atoi(arguments[4]));
-    std::fprintf(stderr, "usage: text_count CODEC decode|encode SCRIPT ROUNDS; this processor has");
+                return Convert(*codecs[index], arguments[2], MakeText(script, 4096), std::atoi(arguments[4])) > 0 ? EXIT_SUCCESS
+                                                                                                                  : EXIT_FAILURE;
+    std::fprintf(stderr, "usage: text_count CODEC decode|encode|decode-alone|encode-alone SCRIPT ROUNDS; this processor has");
     for (std::size_t index = 0; index < usable; ++index)
         std::fprintf(stderr, " %s", codecs[index]->Name);
     std::fputs("\n", stderr);
