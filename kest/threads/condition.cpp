@@ -44,12 +44,4 @@ bool TCondition::Wait(Interface::TProtectionGuard& guard, const double& timeout)
     return code == 0;
 }
 
-void TCondition::Signal() {
-    (void)::pthread_cond_signal(&Condition);
-}
-
-void TCondition::Broadcast() {
-    (void)::pthread_cond_broadcast(&Condition);
-}
-
 } // namespace Kest::System

@@ -53,10 +53,10 @@ public:
     /// Wakes at most one waiting thread. The caller may hold the guard or not. Never throws.
     /// A C library before 2.41 may, rarely, lose the wake-up when many threads signal and wait at once (glibc bug 25847). Broadcast() is
     /// free of that.
-    void Signal() override;
+    KEST_EXPORT void Signal() override { (void)::pthread_cond_signal(&Condition); }
 
     /// Wakes every waiting thread. The caller may hold the guard or not. Never throws.
-    void Broadcast() override;
+    KEST_EXPORT void Broadcast() override { (void)::pthread_cond_broadcast(&Condition); }
 
     /// Destroys the condition. A thread that has called Broadcast() may do so at once: the destructor waits a moment for threads that were
     /// woken and have not left their wait yet. A signal does not end this wait. Not a cancellation point.
