@@ -4,6 +4,7 @@
 #include <kest/filesystem/file_move.h>
 #include <kest/filesystem/file_state.h>
 #include <kest/foundation/failure.h>
+#include <kest/foundation/system_name.h>
 #include <kest/foundation/system_text.h>
 #include <kest/foundation/unwinding.h>
 
@@ -45,9 +46,10 @@ KEST_LEFT_BY_CANCELLATION bool Overwrite(const _TOpenFile& source, const _TOpenF
 /// source and destination are hard links of one file.
 std::optional<struct stat> FindLeftHardLink(const std::string& source, const std::string& destination) {
     struct stat from {};
+    if (::lstat(source.c_str(), &from) != 0)
+        return std::nullopt;
     struct stat to {};
-    if (::lstat(source.c_str(), &from) != 0 || ::lstat(destination.c_str(), &to) != 0 || !_IsSameFile(from, to) || S_ISDIR(from.st_mode) ||
-        from.st_nlink < 2)
+    if (::lstat(destination.c_str(), &to) != 0 || !_IsSameFile(from, to) || S_ISDIR(from.st_mode) || from.st_nlink < 2)
         return std::nullopt;
     return from;
 }
@@ -80,9 +82,9 @@ void TFile::Copy(const std::string& source, const std::string& destination) {
         _ThrowLastError("SetLastModificationTime failed: ");
 }
 
-void _RenameHelper(const std::string& source, const std::string& destination) {
-    const std::string systemSource = UTF8ToSystem(source);
-    const std::string systemDestination = UTF8ToSystem(destination);
+KEST_LEFT_BY_CANCELLATION void _RenameHelper(const std::string& source, const std::string& destination) {
+    const std::string& systemSource = _LendToSystem(source);
+    const std::string& systemDestination = _LendToSystem(destination);
     int error = ::rename(systemSource.c_str(), systemDestination.c_str()) == 0 ? 0 : errno;
     if (error == 0)
         if (const auto file = FindLeftHardLink(systemSource, systemDestination))

@@ -157,7 +157,6 @@ const TRow Rows[] = {
     {"file state", [](TWorld& w) { TFile::TState{w.From}; }},
     {"full path", [](TWorld& w) { (void)TFile::GetPathName(w.From); }},
     {"copy", [](TWorld& w) { TFile::Copy(w.From, w.To); }},
-    {"rename", [](TWorld& w) { TFile::Rename(w.From, w.To); }},
     {"rename over file systems", MoveFar},
     {"file removed", [](TWorld& w) { TFile::Remove(w.From); }},
     {"directory made", [](TWorld& w) { TDirectory::Create(w.Place / "d"); }},
