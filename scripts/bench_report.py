@@ -308,7 +308,8 @@ def page_of(runs, pictures, run, quick):
             lines += ["", f"### {title}, on 32 bits", "", table_of(*topics_32[topic])]
     count, missed = summary_of(runs)
     lines += ["", "## For those who work on Kest: goals", "",
-              "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count]
+              "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count,
+              "Of five cases there is a [profile](performance/profiles.md)."]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
