@@ -7,6 +7,7 @@ repetitions is divided among places by the samples: a system call with all that 
 import argparse
 import collections
 import json
+import os
 import pathlib
 import platform
 import re
@@ -26,8 +27,9 @@ file is replaced it would fail first, and cost a call more."""),
 place. Nothing of the library is on the way."""),
     "copy": ("A copy of 256 MiB on the disk", [("limit", 1.05)], """
 The kernel moves the bytes in both. The bare calls name up to 1 GiB in a call of `copy_file_range`. Kest names 64 MiB, so that a
-cancellation is acted on between two calls, and then reads until the true end. Both are in the tables. What a run's figures differ by
-beyond that is the disk, which writes back meanwhile: compare the two ends of the column "between"."""),
+cancellation is acted on between two calls, then reads until the true end, and gives the copy the time of its source. The table of
+calls shows what that takes, beside what moving the bytes takes. What the figures of a run differ by beyond that is the disk, which
+writes back meanwhile: the column "between" shows how far apart the repetitions are."""),
     "echo": ("An echo of 64 bytes over \"fs\"", [("limit", 1.03)], """
 Both make the same calls. They differ in the wait: the bare calls name one set of descriptors for readable and for urgent, and Kest two.
 The second set cannot go. Without it a lone urgent byte would count as something to receive."""),
@@ -202,14 +204,16 @@ def main():
     if arguments.page is None:
         return
     model = re.search(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
+    load = os.getloadavg()[1] # of the last five minutes
     arguments.page.write_text("\n".join([
         "# Where the time goes that Kest adds", "",
-        "Written by `scripts/profile.sh`. These five cases took more than their goals allow when that was written. Each is measured beside",
-        "the bare calls, in one program, in random order and on one processor, and then sampled. A share is one of the bare calls' time.",
+        "Written by `scripts/profile.sh`. These five cases have taken more than their goals allow. Each is measured beside the bare",
+        "calls, in one program, in random order and on one processor, and then sampled. A share is one of the bare calls' time.",
         "The time is the lower quartile, since whatever else the machine does only adds. A place is a system call with all that the kernel",
         "does in it, or a function. A sample names the instruction that comes next, so the costly one may be the one before.", "",
-        f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, {platform.libc_ver()[1]} as the C library, "
-        f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.", text]))
+        f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
+        f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor. At the end of the run {load:.0f}",
+        "programs ran or wanted to: with more than two, some per cent of difference say nothing.", text]))
 
 
 if __name__ == "__main__":
