@@ -54,7 +54,7 @@ def place_of(frames):
     if name.startswith("ld-") or name.startswith("libbenchmark"):
         return None
     symbol = re.sub(r"\+0x[0-9a-f]+$", "", symbol)
-    symbol = re.sub(r"@@?GLIBC\S*$|^__GI_+|\[abi:cxx11\]", "", symbol)
+    symbol = re.sub(r"@@?GLIBC\S*$|^__GI_+|\[abi:cxx11\]|\(anonymous namespace\)::", "", symbol)
     if name.startswith("bench_"):
         return "the measuring program"
     return f"`{symbol}`, {re.sub(r'[-.].*', '', name)}" if symbol != "[unknown]" else re.sub(r"[-.].*", "", name)
@@ -147,7 +147,8 @@ def table_of_instructions(times, samples, instructions, library):
             match = re.search(rf"^\s*{place:x}:\t(.*)$", listing, re.M)
             text = re.sub(r"\s+", " ", re.sub(r"#.*|<.*>", "", match[1])).strip() if match else "?"
         share = 100 * count / samples["kest"].total() * low(times["kest"]) / low(times["limit"])
-        rows.append([f"`{name}`", f"`{text}`", f"{share:.1f}"])
+        shown = re.sub(r"\(anonymous namespace\)::|\[abi:cxx11\]", "", name) # the manual would take what follows "::" for a link
+        rows.append([f"`{shown}`", f"`{text}`", f"{share:.1f}"])
     return table(rows) if len(rows) > 1 else ["None of the samples is in the library."]
 
 
@@ -212,8 +213,8 @@ def main():
         "The time is the lower quartile, since whatever else the machine does only adds. A place is a system call with all that the kernel",
         "does in it, or a function. A sample names the instruction that comes next, so the costly one may be the one before.", "",
         f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
-        f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor. At the end of the run {load:.0f}",
-        "programs ran or wanted to: with more than two, some per cent of difference say nothing.", text]))
+        f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.",
+        f"At the end of the run {load:.0f} programs ran or wanted to: with more than two, some per cent of difference say nothing.", text]))
 
 
 if __name__ == "__main__":
