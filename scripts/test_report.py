@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Counts the results of a test run, and names each test that was skipped with its reason.
+"""Counts the results of a test run, names each test that was skipped with its reason, and the text codecs that this processor could run.
 
 Usage: test_report.py RESULT, a file that ctest --output-junit has written.
 """
@@ -19,6 +19,9 @@ def main(path):
         # GoogleTest prints the place, the word, and the reason on the next line.
         reason = re.search(r": Skipped\n(.+)", case.findtext("system-out") or "")
         print(f"  skipped: {case.get('name')}: {reason.group(1) if reason else 'no reason was given'}")
+    codecs = [name for case in run.iter("testcase") for name in re.findall(r"^codec: (\S+)", case.findtext("system-out") or "", re.M)]
+    if codecs:
+        print(f"  text codecs: {', '.join(codecs)}")
 
 
 if __name__ == "__main__":
