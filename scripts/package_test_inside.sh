@@ -146,5 +146,5 @@ if compgen -G '/packages/libkest-doc_*' >/dev/null; then
 fi
 mapfile -t installed < <(dpkg-query -W -f '${binary:Package}\n' 'libkest*')
 apt-get purge -y -qq "${installed[@]}" >"$work/apt.log" 2>&1 || fail "the packages cannot be removed"
-left=$(find /usr /etc -name '*kest*' -not -path '/usr/share/doc/libkest*' | head)
+left=$(find /usr /etc -name '*kest*' | head)
 [[ -z $left ]] || fail "removing the packages left: $left"
