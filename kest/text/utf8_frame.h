@@ -22,9 +22,9 @@ namespace { // functions of one name are compiled for several instruction sets: 
 
 /// Whether the steps of an instruction set have StoreRuns.
 template <class TSteps, class = void>
-constexpr bool HasRuns = false;
+inline constexpr bool HasRuns = false;
 template <class TSteps>
-constexpr bool HasRuns<TSteps, std::void_t<decltype(&TSteps::StoreRuns)>> = true;
+inline constexpr bool HasRuns<TSteps, std::void_t<decltype(&TSteps::StoreRuns)>> = true;
 
 /// Masks with a bit for each byte of a block: the bytes of 0x80 and above, the bytes from 0x80 to 0xBF, and the bytes of 0xE0 and above.
 template <class TMask>
