@@ -304,12 +304,12 @@ private:
         const __m256i isTwo = _mm256_cmpeq_epi32(_mm256_and_si256(units, _mm256_set1_epi32(~0x7FF)), _mm256_setzero_si256());
         const __m256i kinds = _mm256_packs_epi32(isOne, isTwo);
         const std::uint32_t mask = BitsOf(_mm256_packs_epi16(kinds, kinds));
-        // The three bytes, and the unit itself as the fourth.
+        // The three bytes of a long sequence, and as the fourth byte the code unit itself, for a sequence of one.
         const __m256i first = _mm256_and_si256(_mm256_srli_epi32(units, 12), _mm256_set1_epi32(0xFF));
         const __m256i second = _mm256_and_si256(_mm256_slli_epi32(units, 2), _mm256_set1_epi32(0x3F00));
         const __m256i third = _mm256_and_si256(_mm256_slli_epi32(units, 16), _mm256_set1_epi32(0x3F0000));
         const __m256i payload = _mm256_or_si256(_mm256_or_si256(first, second), _mm256_or_si256(third, _mm256_slli_epi32(units, 24)));
-        // The second of them is the lead of a sequence of two.
+        // In a sequence of two the second byte is the lead.
         const __m256i marks = _mm256_or_si256(_mm256_set1_epi32(0x8080E0), _mm256_and_si256(isTwo, _mm256_set1_epi32(0x4000)));
         const __m256i bytes = _mm256_or_si256(payload, marks);
         out = StoreThreeBytes(_mm256_castsi256_si128(bytes), mask & 0xFF, out);

@@ -230,10 +230,11 @@ private:
             TMask ends = 0;
             if (!TSteps::template FindEnds<IsFirst>(block, count, next, ends))
                 return false;
-            const auto units = static_cast<std::ptrdiff_t>(CountOf(ends));
+            const std::size_t units = CountOf(ends);
             static_assert(TSteps::StoreOvershoot <= _TUTF8Codec::Slack);
             constexpr std::uintptr_t more = (_TUTF8Codec::Slack - TSteps::StoreOvershoot) * sizeof(wchar_t);
-            if (reinterpret_cast<std::uintptr_t>(Out) + CountOf(ends) * sizeof(wchar_t) > reinterpret_cast<std::uintptr_t>(OutEnd) + more)
+            // As addresses: a difference of pointers is divided, and a pointer may not point beyond the room.
+            if (reinterpret_cast<std::uintptr_t>(Out) + units * sizeof(wchar_t) > reinterpret_cast<std::uintptr_t>(OutEnd) + more)
                 return false;
             TSteps::template StoreUnits<IsFirst>(block, ends, Out);
             Out += units;

@@ -311,10 +311,10 @@ struct TSteps {
         const std::uint32_t weights[4] = {0x01, 0x02, 0x04, 0x08};
         const uint32x4_t weight = vld1q_u32(weights);
         const std::uint32_t mask = vaddvq_u32(vorrq_u32(vandq_u32(isOne, weight), vandq_u32(isTwo, vshlq_n_u32(weight, 4))));
-        // The three bytes, and the unit itself as the fourth.
+        // The three bytes of a long sequence, and as the fourth byte the code unit itself, for a sequence of one.
         const uint32x4_t two = vsliq_n_u32(vshrq_n_u32(units, 12), vshrq_n_u32(units, 6), 8);
         const uint32x4_t payload = vsliq_n_u32(vsliq_n_u32(two, units, 16), units, 24);
-        // The second of them is the lead of a sequence of two.
+        // In a sequence of two the second byte is the lead.
         const uint32x4_t marks = vorrq_u32(vdupq_n_u32(0x8080E0), vandq_u32(isTwo, vdupq_n_u32(0x4000)));
         const uint32x4_t bytes = vorrq_u32(vbicq_u32(payload, vdupq_n_u32(0xC0C000)), marks);
         Store(out, vqtbl1q_u8(vreinterpretq_u8_u32(bytes), Load(_ThreeByteShuffles, mask)));
