@@ -11,8 +11,8 @@
 namespace Kest {
 
 /// Root of every exception that the library throws. An object is one string, the whole message, and nothing else: no error
-/// number, no source position. Subclasses add no data; they exist so that callers can catch by kind. Sockets throw the
-/// classes of kest/net/socket_errors.h and the end of a directory is one of its own; everything else throws this class itself.
+/// number, no source position. Subclasses add no data; they exist so that callers can catch by kind. Sockets have
+/// the classes of kest/net/socket_errors.h, and the end of a directory has one. Any other failure throws this class itself.
 ///
 /// Messages are UTF-8 and begin with "Kest: ". Where the system gave a reason, its description stands at the end, after ": ".
 ///
