@@ -1,7 +1,8 @@
 #!/bin/bash
-# Counts the instructions of the text conversions on arm64: count_text.sh [page]. There was no arm64 machine to measure times on, so an emulator
-# reports each instruction that runs while texts of 4 KiB are converted. Prints a table: instructions per byte of UTF-8 by each codec, and the
-# ratio of the codecs, for a whole call, which counts and allocates too, and for the conversion alone. With "page" it also writes docs/performance/arm64.md.
+# Counts the instructions of the text conversions on arm64: count_text.sh [page]. There was no arm64 machine to measure times on, so an
+# emulator reports each instruction that runs while texts of 4 KiB are converted. Prints a table: instructions per byte of UTF-8 by each
+# codec, and the ratio of the codecs, for a whole call, which counts and allocates too, and for the conversion alone. With "page" it also
+# writes docs/performance/arm64.md.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 install_missing g++-12-aarch64-linux-gnu qemu-user

@@ -1,4 +1,5 @@
-# Starts the server at a port of the system's choice, talks to it as two clients, each with two lines at once, and ends it while one client stays.
+# Starts the server at a port of the system's choice, and talks to it as two clients that send two lines at once. Ends the server while one
+# client stays.
 "$@" 127.0.0.1:0 >server.output &
 server=$!
 for _ in {1..500}; do
