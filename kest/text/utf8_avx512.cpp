@@ -62,8 +62,13 @@ KEST_STEP __m512i Choose(char choice, __m512i first, __m512i second) noexcept {
     return _mm512_ternarylogic_epi32(_mm512_set1_epi8(choice), first, second, 0xCA);
 }
 
+/// A bit for each byte that is not 0, and the bits of @p always.
+KEST_STEP __mmask64 FindUsed(__m512i bytes, std::uint64_t always) noexcept {
+    return _kor_mask64(_mm512_test_epi8_mask(bytes, bytes), _cvtu64_mask64(always));
+}
+
 /// Writes those bytes whose bits are set in @p used, one behind the other, and zeros up to 64 bytes. Returns the end of the bytes.
-KEST_STEP char* StoreBytes(__m512i bytes, std::uint64_t used, char* out) noexcept {
+KEST_STEP char* StoreBytes(__m512i bytes, __mmask64 used, char* out) noexcept {
     _mm512_storeu_si512(out, _mm512_maskz_compress_epi8(used, bytes));
     return out + __builtin_popcountll(used);
 }
@@ -100,21 +105,22 @@ struct TSteps {
     }
 
     KEST_STEP static std::size_t CountBytes(const wchar_t* text, std::size_t& runs) noexcept {
-        __m512i longer = _mm512_setzero_si512();
+        std::size_t longer = 0;
         std::size_t run = 0;
         for (; run < runs; ++run, text += Run) {
             const __m512i a = Load(text);
             const __m512i b = Load(text + 16);
             const __m512i c = Load(text + 32);
             const __m512i d = Load(text + 48);
-            const __m512i least = _mm512_min_epu32(_mm512_min_epu32(a, b), _mm512_min_epu32(c, d));
-            if (_mm512_testn_epi32_mask(least, least) != 0)
+            const __m512i least = _mm512_min_epi32(_mm512_min_epi32(a, b), _mm512_min_epi32(c, d));
+            // A negative code unit ends the loop too.
+            if (_mm512_cmple_epi32_mask(least, _mm512_setzero_si512()) != 0)
                 break;
             if (FindAbove(_mm512_or_si512(_mm512_or_si512(a, b), _mm512_or_si512(c, d)), 0x7F) != 0)
-                longer = AddLonger(AddLonger(AddLonger(AddLonger(longer, a), b), c), d);
+                longer += CountLonger(_mm512_packs_epi32(a, b), _mm512_packs_epi32(c, d));
         }
         runs = run;
-        return run * Run + static_cast<std::size_t>(_mm512_reduce_add_epi32(longer));
+        return run * Run + longer;
     }
 
     template <bool IsFirst>
@@ -169,35 +175,37 @@ struct TSteps {
     }
 
     KEST_STEP static char* EncodeShort(const wchar_t* text, char* out) noexcept {
-        const __m256i low = _mm512_cvtepi32_epi16(Load(text));
-        const __m512i words = _mm512_inserti64x4(_mm512_castsi256_si512(low), _mm512_cvtepi32_epi16(Load(text + 16)), 1);
+        const __m512i eighths = _mm512_packus_epi32(Load(text), Load(text + 16)); // in the order 0, 4, 1, 5, 2, 6, 3, 7
+        const __m512i words = _mm512_permutexvar_epi64(_mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7), eighths);
         const __mmask32 isTwo = _mm512_cmpgt_epu16_mask(words, _mm512_set1_epi16(0x7F));
         const __m512i second = _mm512_and_si512(_mm512_slli_epi16(words, 8), _mm512_set1_epi16(0x3F00));
         const __m512i both =
             _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi16(words, 6), second), _mm512_set1_epi16(static_cast<short>(0x80C0)));
         const __m512i bytes = _mm512_mask_mov_epi16(words, isTwo, both);
-        return StoreBytes(bytes, _mm512_test_epi8_mask(bytes, bytes) | 0x5555555555555555U, out);
+        return StoreBytes(bytes, FindUsed(bytes, 0x5555555555555555U), out);
     }
 
     KEST_STEP static char* EncodeAny(const wchar_t* text, char* out) noexcept {
         const __m512i units = Load(text);
-        // Each byte gets eight bits of its code unit: for three bytes those from bit 12, 6 and 0 on, for two bytes those from bit 6 and 0
-        // on.
+        // Each byte gets eight bits of its code unit: those from bit 12, 6 and 0 on. Two bytes are the last two of the three.
         const __m512i three = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x0020262C'0000060C), units);
-        const __m512i two = _mm512_multishift_epi64_epi8(_mm512_set1_epi64(0x00202026'00000006), units);
+        const __m512i two = _mm512_srli_epi32(three, 8);
         const __m512i twoBytes = _mm512_or_si512(_mm512_and_si512(two, _mm512_set1_epi32(0x3F1F)), _mm512_set1_epi32(0x80C0));
         const __m512i threeBytes = _mm512_or_si512(_mm512_and_si512(three, _mm512_set1_epi32(0x3F3FFF)), _mm512_set1_epi32(0x8080E0));
         const __m512i longBytes = _mm512_mask_mov_epi32(units, FindAbove(units, 0x7F), twoBytes);
         const __m512i bytes = _mm512_mask_mov_epi32(longBytes, FindAbove(units, 0x7FF), threeBytes);
-        return StoreBytes(bytes, _mm512_test_epi8_mask(bytes, bytes) | 0x1111111111111111U, out);
+        return StoreBytes(bytes, FindUsed(bytes, 0x1111111111111111U), out);
     }
 
 private:
-    /// Adds 1 to each count for a unit above 0x7F, and once more for one above 0x7FF.
-    KEST_STEP static __m512i AddLonger(__m512i counts, __m512i units) noexcept {
-        const __m512i one = _mm512_set1_epi32(1);
-        counts = _mm512_mask_add_epi32(counts, FindAbove(units, 0x7F), counts, one);
-        return _mm512_mask_add_epi32(counts, FindAbove(units, 0x7FF), counts, one);
+    /// Counts the words above 0x7F, and those above 0x7FF once more. No word is negative.
+    KEST_STEP static std::size_t CountLonger(__m512i low, __m512i high) noexcept {
+        const __m512i most = _mm512_set1_epi16(0x7FF);
+        // As bytes, the words above 0x7F have the highest bit set.
+        int longer = __builtin_popcountll(_mm512_movepi8_mask(_mm512_packus_epi16(low, high)));
+        if (_mm512_cmpgt_epi16_mask(_mm512_or_si512(low, high), most) != 0)
+            longer += __builtin_popcount(_mm512_cmpgt_epi16_mask(low, most)) + __builtin_popcount(_mm512_cmpgt_epi16_mask(high, most));
+        return static_cast<std::size_t>(longer);
     }
 
     /// Moves each byte one place up, and puts a zero at the first place.
