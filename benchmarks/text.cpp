@@ -57,16 +57,16 @@ struct TLoop {
         const auto byte = [&](std::size_t place) -> unsigned { return static_cast<unsigned char>(text[place]); };
         for (std::size_t index = 0; index < text.size() && count < characters;) {
             const unsigned lead = byte(index);
-            const std::size_t form = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : 3;
-            if (index + form > text.size())
+            const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : 3;
+            if (index + length > text.size())
                 break;
             unsigned value = lead;
-            if (form == 2)
+            if (length == 2)
                 value = (lead & 0x1FU) << 6 | (byte(index + 1) & 0x3FU);
-            else if (form == 3)
+            else if (length == 3)
                 value = (lead & 0x0FU) << 12 | (byte(index + 1) & 0x3FU) << 6 | (byte(index + 2) & 0x3FU);
             result[count++] = static_cast<wchar_t>(value);
-            index += form;
+            index += length;
         }
         return result;
     }
