@@ -4,9 +4,10 @@
 #include <benchmarks/text_samples.h>
 #include <kest/text/utf8_strings.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <string>
 
 using namespace Kest;
 
@@ -14,14 +15,14 @@ namespace {
 
 /// How many elements the results have together.
 template <class TWay>
-std::size_t Repeat(const TWay& way, int rounds) {
+std::size_t Repeat(const TWay& way, long rounds) {
     std::size_t elements = 0;
-    for (int round = 0; round < rounds; ++round)
+    for (long round = 0; round < rounds; ++round)
         elements += way();
     return elements;
 }
 
-std::size_t Convert(const System::_TUTF8Codec& codec, const std::string& task, const std::string& narrow, int rounds) {
+std::size_t Convert(const System::_TUTF8Codec& codec, const std::string& task, const std::string& narrow, long rounds) {
     const std::wstring wide = System::UTF8ToUCS(narrow);
     std::wstring units(wide.size() + System::_TUTF8Codec::Slack, 0);
     std::string bytes(narrow.size() + System::_TUTF8Codec::Slack, 0);
@@ -45,14 +46,14 @@ std::size_t Convert(const System::_TUTF8Codec& codec, const std::string& task, c
 int main(int count, char** arguments) {
     const System::_TUTF8Codec* codecs[4];
     const std::size_t usable = System::_GetUTF8Codecs(codecs);
+    const long rounds = count == 5 ? std::strtol(arguments[4], nullptr, 10) : 0;
     for (std::size_t index = 0; count == 5 && index < usable; ++index)
         for (const Benchmark::TScript& script : Benchmark::Scripts)
             if (std::strcmp(codecs[index]->Name, arguments[1]) == 0 && std::strcmp(script.Name, arguments[3]) == 0)
-                return Convert(*codecs[index], arguments[2], MakeText(script, 4096), std::atoi(arguments[4])) > 0 ? EXIT_SUCCESS
-                                                                                                                  : EXIT_FAILURE;
-    std::fprintf(stderr, "usage: text_count CODEC decode|encode|decode-alone|encode-alone SCRIPT ROUNDS; this processor has");
+                return Convert(*codecs[index], arguments[2], MakeText(script, 4096), rounds) > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::cerr << "usage: text_count CODEC decode|encode|decode-alone|encode-alone SCRIPT ROUNDS; this processor has";
     for (std::size_t index = 0; index < usable; ++index)
-        std::fprintf(stderr, " %s", codecs[index]->Name);
-    std::fputs("\n", stderr);
+        std::cerr << ' ' << codecs[index]->Name;
+    std::cerr << '\n';
     return 2;
 }
