@@ -37,7 +37,8 @@ KEST_EXPORT void _UTF8FromUCS2(const wchar_t* text, unsigned int length, char* o
 /// | 0x80 to 0xDF | ((lead & 0x1F) << 6) + (b & 0x7F)                                |
 /// | 0xE0 to 0xFF | ((lead & 0x0F) << 12) + ((b & 0x7F) << 6) + (c & 0x7F)           |
 ///
-/// b and c are the bytes behind the lead, whatever they are. A sequence that the end of the input cuts off gives one 0xFFFD.
+/// b and c are the bytes behind the lead, whatever they are. A sequence that the end of the input cuts off gives one 0xFFFD. Malformed text
+/// can give values above 0xFFFF, up to 0x1103F.
 /// @return the number of code units written.
 KEST_EXPORT unsigned int _UCS2FromUTF8(const char* text, unsigned int length, wchar_t* out, unsigned int outCapacity);
 
