@@ -305,7 +305,7 @@ private:
                 Out += 16 - over;
                 return;
             }
-            std::ptrdiff_t runs = std::min({(limit - Text + run - 1) / run, (end - Text) / run, (OutEnd - Out) / run});
+            std::ptrdiff_t runs = std::min({(limit - Text - 1) / run + 1, (end - Text) / run, (OutEnd - Out) / run});
             if constexpr (HasRuns<TSteps>) {
                 const std::ptrdiff_t stored = TSteps::StoreRuns(Text, Out, runs);
                 Text += stored * run;
