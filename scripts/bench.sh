@@ -21,12 +21,10 @@ for file in benchmarks/*.cpp; do
 done
 topics=("$@")
 (($# > 0)) || topics=("${all[@]}")
-for topic in "${topics[@]}"; do
-    if [[ " ${all[*]} " != *" $topic "* ]]; then
-        echo "bench: no topic '$topic'; there are: ${all[*]}" >&2
-        exit 2
-    fi
-done
+if ! are_known all topics; then
+    echo "usage: bench.sh [--quick] [${all[*]}]..." >&2
+    exit 2
+fi
 
 "$root/scripts/setup.sh" libbenchmark-dev libpoco-dev libapr1-dev libboost-dev libboost-chrono-dev libboost-filesystem-dev \
     libboost-thread-dev libicu-dev libglib2.0-dev libboost-locale-dev python3-matplotlib

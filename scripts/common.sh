@@ -1,5 +1,6 @@
 # shellcheck shell=bash
 # What the scripts share. Each script begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", which also changes to the root of the checkout.
+unset CDPATH # with it, cd would print where it went
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit
 logs=$root/build/logs
@@ -15,6 +16,20 @@ logged() { # NAME COMMAND...
     "${@:2}" >"$log" 2>&1 </dev/null && return
     show_end "$log"
     return 1
+}
+
+# Whether WORDS are some of KNOWN, each at most once.
+are_known() { # KNOWN WORDS, each an array's name
+    local -n known_words=$1 given_words=$2
+    local one_word
+    local -A rest_of_words=()
+    for one_word in "${known_words[@]}"; do
+        rest_of_words[$one_word]=1
+    done
+    for one_word in "${given_words[@]}"; do
+        [[ -n $one_word && -n ${rest_of_words[$one_word]:-} ]] || return 1
+        unset "rest_of_words[$one_word]"
+    done
 }
 
 build_preset() { # PRESET [TARGET...]

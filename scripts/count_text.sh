@@ -4,6 +4,7 @@
 # codec, and the ratio of the codecs, for a whole call, which counts and allocates too, and for the conversion alone. With "page" it also
 # writes docs/performance/arm64.md.
 set -euo pipefail
+shopt -s inherit_errexit # a program that dies in the emulator ends the script, not the count
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 install_missing g++-12-aarch64-linux-gnu qemu-user
 

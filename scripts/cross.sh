@@ -96,9 +96,8 @@ test_musl() {
 
 tasks=("$@")
 (($# > 0)) || tasks=("${architectures[@]}")
-for task in "${tasks[@]}"; do
-    [[ " ${architectures[*]} compilers " == *" $task "* ]] || { echo "usage: cross.sh [${architectures[*]} compilers]..." >&2; exit 2; }
-done
+known=("${architectures[@]}" compilers)
+are_known known tasks || { echo "usage: cross.sh [${known[*]}]..." >&2; exit 2; }
 "$root/scripts/setup.sh"
 for task in "${tasks[@]}"; do
     if [[ $task == compilers ]]; then

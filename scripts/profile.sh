@@ -17,9 +17,7 @@ declare -A measured=(
 all=(rename signal copy echo list)
 cases=("$@")
 (($# > 0)) || cases=("${all[@]}")
-for case in "${cases[@]}"; do
-    [[ " ${all[*]} " == *" $case "* ]] || { echo "usage: profile.sh [${all[*]}]..." >&2; exit 2; }
-done
+are_known all cases || { echo "usage: profile.sh [${all[*]}]..." >&2; exit 2; }
 
 "$root/scripts/setup.sh" libbenchmark-dev linux-perf
 logged profile-build build_preset bench bench_copy bench_condition bench_directory bench_echo
@@ -27,6 +25,8 @@ logged profile-build build_preset bench bench_copy bench_condition bench_directo
 work=$(mktemp -d /var/tmp/kest-profile.XXXXXX) # on a disk, unlike /tmp on many systems
 memory=$(mktemp -d /dev/shm/kest-profile.XXXXXX)
 trap 'rm -rf "$work" "$memory"' EXIT
+trap 'exit 130' INT # perf takes the signal for the end of its recording, and ends well
+trap 'exit 143' TERM
 export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory KEST_BENCHMARK_WHOLE=1
 processor=$(($(nproc) - 1))
 
