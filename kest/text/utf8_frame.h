@@ -54,7 +54,8 @@ struct TSequences {
 ///     FindCharacters(bytes)                           a bit for each byte of the block that _UTF8Length() counts
 ///     CountCharacters(bytes, blocks)                  how many such bytes so many blocks have, at most 255 blocks
 ///     FindLongUnits(units)                            bits of the block's code units that are 0, above 0x7F, above 0x7FF
-///     CountBytes(units, runs)                         the bytes of so many runs, at most 255, up to the first run that has a 0
+///     CountBytes(units, runs)                         the bytes of so many runs, at most 255, up to the first run that has a 0, or
+///                                                     that the step cannot count; sets runs to the number of those counted
 ///     FindEnds<IsFirst>(bytes, count, missing, ends)  whether the first bytes of a block are well formed, and where sequences end
 ///     StoreUnits<IsFirst>(bytes, ends, out)           the code units of the sequences that end where a bit is set, and a few more
 ///     IsASCII(bytes), StoreASCII(bytes, out)          of a run

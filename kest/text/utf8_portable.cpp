@@ -37,7 +37,7 @@ KEST_CODEC_ENTRY std::size_t CountCharacters(const char* text, std::size_t lengt
     for (; index + step <= length; index += step) {
         std::uint8_t count = 0;
         for (std::size_t each = 0; each < step; ++each)
-            count = static_cast<std::uint8_t>(count + (static_cast<signed char>(text[index + each]) > -64 ? 1 : 0));
+            count = static_cast<std::uint8_t>(count + (static_cast<signed char>(text[index + each]) > -64 ? 1U : 0U));
         characters += count;
     }
     for (; index + shortStep <= length; index += shortStep) {
@@ -47,7 +47,7 @@ KEST_CODEC_ENTRY std::size_t CountCharacters(const char* text, std::size_t lengt
         characters += static_cast<std::size_t>(counted * 0x0101010101010101U >> 56U);
     }
     for (; index < length; ++index)
-        characters += _IsUTF8Counted(text[index]) ? 1 : 0;
+        characters += _IsUTF8Counted(text[index]) ? 1U : 0U;
     return characters;
 }
 
