@@ -21,7 +21,7 @@ for file in benchmarks/*.cpp; do
 done
 topics=("$@")
 (($# > 0)) || topics=("${all[@]}")
-if ! are_known all topics; then
+if ! are_known all "${topics[@]}"; then
     echo "usage: bench.sh [--quick] [${all[*]}]..." >&2
     exit 2
 fi

@@ -18,15 +18,15 @@ logged() { # NAME COMMAND...
     return 1
 }
 
-# Whether WORDS are some of KNOWN, each at most once.
-are_known() { # KNOWN WORDS, each an array's name
-    local -n known_words=$1 given_words=$2
+# Whether the words are some of those in the array of the name KNOWN, each at most once.
+are_known() { # KNOWN [WORD...]
+    local -n known_words=$1
     local one_word
     local -A rest_of_words=()
     for one_word in "${known_words[@]}"; do
         rest_of_words[$one_word]=1
     done
-    for one_word in "${given_words[@]}"; do
+    for one_word in "${@:2}"; do
         [[ -n $one_word && -n ${rest_of_words[$one_word]:-} ]] || return 1
         unset "rest_of_words[$one_word]"
     done

@@ -97,7 +97,7 @@ test_musl() {
 tasks=("$@")
 (($# > 0)) || tasks=("${architectures[@]}")
 known=("${architectures[@]}" compilers)
-are_known known tasks || { echo "usage: cross.sh [${known[*]}]..." >&2; exit 2; }
+are_known known "${tasks[@]}" || { echo "usage: cross.sh [${known[*]}]..." >&2; exit 2; }
 "$root/scripts/setup.sh"
 for task in "${tasks[@]}"; do
     if [[ $task == compilers ]]; then

@@ -17,7 +17,7 @@ declare -A measured=(
 all=(rename signal copy echo list)
 cases=("$@")
 (($# > 0)) || cases=("${all[@]}")
-are_known all cases || { echo "usage: profile.sh [${all[*]}]..." >&2; exit 2; }
+are_known all "${cases[@]}" || { echo "usage: profile.sh [${all[*]}]..." >&2; exit 2; }
 
 "$root/scripts/setup.sh" libbenchmark-dev linux-perf
 logged profile-build build_preset bench bench_copy bench_condition bench_directory bench_echo

@@ -13,12 +13,10 @@ stages_32_bits=(release-32-clang asan-32)
 stages_on_demand=(debug asan-clang tsan-clang package)
 
 known=("${stages[@]}" "${stages_32_bits[@]}" "${stages_on_demand[@]}")
-for stage in "$@"; do
-    if [[ " ${known[*]} " != *" $stage "* ]]; then
-        echo "usage: test.sh [${known[*]}]..." >&2
-        exit 2
-    fi
-done
+if ! are_known known "$@"; then
+    echo "usage: test.sh [${known[*]}]..." >&2
+    exit 2
+fi
 
 "$root/scripts/setup.sh"
 

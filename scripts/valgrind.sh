@@ -8,9 +8,7 @@ set -euo pipefail
 known=(memcheck helgrind)
 tools=("$@")
 (($# > 0)) || tools=("${known[@]}")
-for tool in "${tools[@]}"; do
-    [[ " ${known[*]} " == *" $tool "* ]] || { echo "usage: valgrind.sh [${known[*]}]..." >&2; exit 2; }
-done
+are_known known "${tools[@]}" || { echo "usage: valgrind.sh [${known[*]}]..." >&2; exit 2; }
 
 "$root/scripts/setup.sh" valgrind
 logged valgrind-build build_preset debug
