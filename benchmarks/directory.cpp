@@ -10,6 +10,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +39,27 @@ std::size_t BareListing(const std::string& path) {
         length += std::strlen(entry->d_name);
     (void)::closedir(stream);
     return length;
+}
+
+/// The bare calls with what Kest promises beyond them: threads may share the directory, and a name outlives the next call.
+std::size_t SharedListing(const std::string& path) {
+    struct TEnd {};
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    DIR* stream = ::opendir(path.c_str());
+    const auto read = [&] {
+        (void)::pthread_mutex_lock(&lock);
+        const std::unique_ptr<pthread_mutex_t, int (*)(pthread_mutex_t*)> locked(&lock, ::pthread_mutex_unlock);
+        const dirent* entry = ::readdir(stream);
+        return entry != nullptr ? std::string(entry->d_name) : throw TEnd();
+    };
+    std::size_t length = 0;
+    try {
+        for (;;)
+            length += read().size();
+    } catch (const TEnd&) {
+        (void)::closedir(stream);
+        return length;
+    }
 }
 
 std::size_t KestListing(const std::string& path) {
@@ -120,6 +142,7 @@ void AddAll(const std::string& variant, TFolder::TPlace place, std::int64_t size
     const auto filled = std::make_shared<TFilled>(place, size);
     const std::string name = "list/" + variant + '/';
     Add(name + "limit", size, filled, BareListing);
+    Add(name + "shared", size, filled, SharedListing);
     Add(name + "kest", size, filled, KestListing);
     Add(name + "std", size, filled, StandardListing<std::filesystem::directory_iterator>);
 #ifdef KEST_BENCHMARK_POCO

@@ -23,13 +23,14 @@ matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402 (the backend is chosen before)
 
 FIRST = ["limit", "kest", "std"]
-OWN = ["limit", "kest", "kest-avx512", "kest-avx2", "kest-sse4", "kest-portable", "loop"]
+OWN = ["limit", "shared", "kest", "kest-avx512", "kest-avx2", "kest-sse4", "kest-portable", "loop"]
 NARROW = "\u00a0" # between a number and its unit, which stay together
 MOST_PERCENT = 350 # that the first picture shows
 # Colours that can be told apart on white and on black.
 COLORS = dict(limit="#888888", kest="#d62728", std="#3a87c8", poco="#2ca02c", apr="#9467bd", boost="#d9700a")
 MORE_COLORS = ["#a0705f", "#d059ac", "#97982a", "#1798a8", "#7f8fc8", "#5f9f52", "#b0803f", "#7d7d7d"]
-NAMES = dict(limit="bare calls", kest="Kest", std="standard library", poco="POCO", apr="APR", boost="Boost", glib="GLib", icu="ICU")
+NAMES = dict(limit="bare calls", shared="shared bare calls", kest="Kest", std="standard library", poco="POCO", apr="APR", boost="Boost",
+             glib="GLib", icu="ICU")
 INK, DARK_INK, PLACE_OF_INK = "#2f4153", "#d2dbde", "#010203" # of what is written on a picture, by the reader's scheme
 Case = collections.namedtuple("Case", "workload variant size")
 
@@ -53,7 +54,8 @@ SUBJECTS = {
     "condition": "Conditions. There and back: two threads wake each other by turns.",
     "thread": "Threads. From the constructor to the end of the wait.",
     "file": "Files. The state of a file, the full path of a file, a name compared with a pattern.",
-    "directory": "Directories. All entries of a directory, by their number.",
+    "directory": "Directories. All entries of a directory, by their number. The \"shared bare calls\" are made "
+                 "under a lock, and each name is copied into a string, as Kest promises.",
     "copy": "Copying and renaming. By size, within a disk, within memory, and from disk to memory.",
     "connection": "Connections. A connection is made, accepted and closed.",
     "echo": "Transfers. A block is sent to another thread and sent back, by the size of the block.",
@@ -203,7 +205,8 @@ def save_picture(figure, path):
         figure.savefig(written, format="svg", metadata={"Date": None}, transparent=True, bbox_inches="tight")
         text = written.getvalue()
     pyplot.close(figure)
-    scheme = f"<style>:root {{ color-scheme: light dark; --ink: {INK}; }} @media (prefers-color-scheme: dark) {{ :root {{ --ink: {DARK_INK}; }} }}</style>"
+    scheme = (f"<style>:root {{ color-scheme: light dark; --ink: {INK}; }} "
+              f"@media (prefers-color-scheme: dark) {{ :root {{ --ink: {DARK_INK}; }} }}</style>")
     text = text.replace(PLACE_OF_INK, "var(--ink)").replace("<defs>", scheme + "\n <defs>", 1)
     # A text without a colour of its own is black.
     text = re.sub(r'(<text style=")(?![^"]*fill:)', r"\1fill: var(--ink); ", text)
@@ -293,7 +296,8 @@ def page_of(runs, pictures, run, quick):
     lines += [
         "Kest makes the calls of the system that a program would make itself, and adds little to them. The picture and the table show ten tasks.",
         "Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost, POCO).",
-        "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "", table_of_tasks(topics), "",
+        "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "",
+        table_of_tasks(topics), "",
         "The bare calls are those that Kest makes, in its order. What they leave out stands on the page of [profiles](performance/profiles.md).",
         "Another library may make fewer calls, and then takes less time. Kest waits for readiness before it receives, since its limits",
         "promise that.", "",

@@ -14,6 +14,7 @@ declare -A measured=(
     [echo]="echo there_and_back/fs/WHO/64"
     [list]="directory list/memory/WHO/1000"
 )
+declare -A sampled=([list]="limit shared kest") # of the other cases limit and kest
 all=(rename signal copy echo list)
 cases=("$@")
 (($# > 0)) || cases=("${all[@]}")
@@ -45,11 +46,11 @@ for case in "${cases[@]}"; do
     echo "profile: $case" >&2
     measured_now=${measured[$case]}
     for turn in 1 2 3; do # in random order, so that whatever else the machine does meanwhile meets both alike
-        logged "profile-$case" run '(limit|kest|std)' "$work/$case.$turn.json" --benchmark_repetitions=100 \
+        logged "profile-$case" run '(limit|shared|kest|std)' "$work/$case.$turn.json" --benchmark_repetitions=100 \
             --benchmark_min_time=0.002 --benchmark_enable_random_interleaving=true
     done
     for turn in 1 2 3; do
-        for who in limit kest; do
+        for who in ${sampled[$case]:-limit kest}; do
             data=$work/$case.$who.$turn
             logged "profile-$case" perf record -q -g -e cpu-clock -F 4999 -o "$data.data" -- \
                 bash -c "run $who /dev/null --benchmark_min_time=0.4"

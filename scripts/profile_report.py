@@ -15,6 +15,9 @@ import statistics
 import subprocess
 import time
 
+# What each who is called.
+NAMES = dict(limit="bare calls", shared="shared bare calls", kest="Kest", std="standard library")
+
 # What a case is called, its goals (over whom, at most), and why the rest stays. The text is only printed under the figures of the run.
 ABOUT = {
     "rename": ("A rename in memory", [("limit", 1.05), ("std", 1.30)], """
@@ -36,8 +39,9 @@ The second set cannot go. Without it a lone urgent byte would count as something
     "list": ("Listing 1,000 entries in memory", [("limit", 1.08)], """
 For each entry Kest takes and leaves a lock and makes a string. The lock cannot go: several threads may read one directory, and what
 `readdir` returns lasts until the next call only. The string cannot go: an entry outlives its directory. It allocates when a name has
-more than 15 bytes, as these have. The end is an exception, one for each listing. Both make the same calls of `readdir`. Why those take
-longer in Kest is not known."""),
+more than 15 bytes, as these have. The end is an exception, one for each listing. The "shared bare calls" have
+a lock, a string and an exception too, without Kest. What they add cannot go. With so much between the calls of `readdir`, the same calls take
+longer in the kernel."""),
 }
 PREPARING = {"write", "writev", "unlink", "unlinkat", "mknodat", "execve", "exit_group", "mmap", "munmap", "mprotect", "clone3", "rseq"}
 
@@ -85,7 +89,7 @@ def read_times(paths):
         for entry in json.loads(path.read_text())["benchmarks"]:
             if entry.get("run_type") == "iteration":
                 name = entry["run_name"].split("/")
-                who = next(each for each in name if each in ("limit", "kest", "std"))
+                who = next(each for each in name if each in NAMES)
                 clock = "real_time" if "manual_time" in name else "cpu_time"
                 times[who].append(entry[clock] * {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[entry["time_unit"]])
     return times
@@ -106,7 +110,7 @@ def table(rows):
 
 def table_of_times(times):
     rows = [["", "lowest", "lower quartile", "lowest of the bare calls", "lower quartile of the bare calls", "between"]]
-    for who, name in ("limit", "bare calls"), ("kest", "Kest"), ("std", "standard library"):
+    for who, name in NAMES.items():
         if who in times:
             of_bare = [each / low(times["limit"]) for each in statistics.quantiles(times[who], n=4, method="inclusive")]
             rows.append([name, time_text(min(times[who])), time_text(low(times[who])), f"{min(times[who]) / min(times['limit']):.2f}",
@@ -117,15 +121,15 @@ def table_of_times(times):
 def table_of_places(times, samples):
     """Shares of the bare calls' time in per cent; what has less than half a per cent in both is put together."""
     shares = {}
-    for who in "limit", "kest":
+    for who in samples:
         total = samples[who].total()
         shares[who] = {place: 100 * count / total * low(times[who]) / low(times["limit"]) for place, count in samples[who].items()}
-    places = sorted(set(shares["limit"]) | set(shares["kest"]), key=lambda place: -max(each.get(place, 0) for each in shares.values()))
+    places = sorted(set().union(*shares.values()), key=lambda place: -max(each.get(place, 0) for each in shares.values()))
     shown = [place for place in places if max(each.get(place, 0) for each in shares.values()) >= 0.5][:16]
-    rows = [["Where", "bare calls, %", "Kest, %", "Kest adds"]]
+    rows = [["Where", *(f"{NAMES[who]}, %" for who in samples), "Kest adds"]]
     for name, those in [(place, [place]) for place in shown] + [("everything else", set(places) - set(shown)), ("together", places)]:
-        bare, kest = (sum(shares[who].get(place, 0) for place in those) for who in ("limit", "kest"))
-        rows.append([name, f"{bare:.1f}", f"{kest:.1f}", f"{kest - bare:+.1f}"])
+        sums = [sum(shares[who].get(place, 0) for place in those) for who in samples]
+        rows.append([name, *(f"{each:.1f}" for each in sums), f"{round(sums[-1] - sums[0], 1) + 0.0:+.1f}"]) # + 0.0 leaves no -0.0
     return table(rows)
 
 
@@ -172,9 +176,10 @@ def section_of(results, case, library):
     title, goals, why = ABOUT[case]
     times = read_times(sorted(results.glob(f"{case}.*.json")))
     samples, instructions = {}, collections.Counter()
-    for who in "limit", "kest":
-        samples[who], found = read_samples(sorted(results.glob(f"{case}.{who}.*.samples")))
-        instructions = found if who == "kest" else instructions
+    for who in NAMES:
+        paths = sorted(results.glob(f"{case}.{who}.*.samples"))
+        if paths:
+            samples[who], instructions = read_samples(paths) # of Kest's in the end, which has the library's
     lines = [f"## {title}", "", f"Of {len(times['kest'])} repetitions each:", "", *table_of_times(times), ""]
     for base, most in goals:
         of_base = "the bare calls" if base == "limit" else "the standard library"
@@ -183,7 +188,7 @@ def section_of(results, case, library):
         lines += [f"Goal: at most {most:.2f} of {of_base}. {verdict}: {by_low:.2f} by the lower quartiles, {by_least:.2f} by the lowest." +
                   (f" The bare calls alone: {low(times['limit']) / low(times[base]):.2f} and {min(times['limit']) / min(times[base]):.2f}."
                    if base != "limit" else ""), ""]
-    counted = " and ".join(f"{samples[who].total()} of {'the bare calls' if who == 'limit' else 'Kest'}" for who in ("limit", "kest"))
+    counted = ", ".join(f"{NAMES[who]} {each.total()}" for who, each in samples.items())
     lines += [f"Samples: {counted}.", "", *table_of_places(times, samples), ""]
     if (results / f"{case}.kest.calls").exists():
         lines += ["The calls of five copies, waits for the disk included, with those that start the program:", "",
@@ -215,7 +220,8 @@ def main():
         "does in it, or a function. A sample names the instruction that comes next, so the costly one may be the one before.", "",
         f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
         f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.",
-        f"At the end of the run {load:.0f} programs ran or wanted to: with more than two, some per cent of difference say nothing.", text]))
+        f"At the end of the run {load:.1f} programs on average ran or wanted to: with more than two, some per cent of difference say nothing.",
+        text]))
 
 
 if __name__ == "__main__":
