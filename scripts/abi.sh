@@ -1,11 +1,11 @@
 #!/bin/bash
-# Compares the library's binary interface with abi/: abi.sh [check|update] [TARGET...]. A target is x86-64, i386 or an architecture of cross.sh;
-# without a target x86-64, i386 and arm64 are compared.
-# The exported symbols must be those of abi/TARGET.symbols, no more and no less. Nothing in abi/TARGET.abi, which lists types and functions, may
-# have changed or gone while the SONAME is the old one. Types are compared only for x86-64 and i386: other processors are built from the same
-# sources.
-# "abi.sh update" writes both kinds of files, which makes additions part of the interface. It also refuses an incompatible change under the old
-# SONAME. Under another SONAME everything passes, but the test of the version fails until "abi.sh update" has run.
+# Compares the library's binary interface with abi/: abi.sh [check|update] [TARGET...]. A target is x86-64, i386 or an architecture of
+# cross.sh; without a target x86-64, i386 and arm64 are compared.
+# The exported symbols must be those of abi/TARGET.symbols, no more and no less. Nothing in abi/TARGET.abi, which lists types and functions,
+# may have changed or gone while the SONAME is the old one. Types are compared only for x86-64 and i386: other processors are built from the
+# same sources.
+# "abi.sh update" writes both kinds of files, which makes additions part of the interface. It also refuses an incompatible change under the
+# old SONAME. Under another SONAME everything passes, but the test of the version fails until "abi.sh update" has run.
 # The environment variable KEST_ABI_SOURCE names another tree to compare, for trying changes.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -34,7 +34,8 @@ build() { # BUILD_DIR FLAGS
 
 soname_of() { sed -nE "s/^<abi-corpus .*\bsoname='([^']*)'.*/\1/p" "$1"; }
 
-# Writes kind and mangled name of each symbol. Weak symbols are inline functions, virtual tables and type information, which callers may have too.
+# Writes kind and mangled name of each symbol. Weak symbols are inline functions, virtual tables and type information, which callers may
+# have too.
 write_symbols() { # LIBRARY
     nm -D --defined-only --format=posix "$1" | awk '{ print $2, $1 }' | LC_ALL=C sort -k 2 >"$work/$target.symbols"
 }

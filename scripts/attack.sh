@@ -1,7 +1,7 @@
 #!/bin/bash
 # Attacks the examples with hostile peers and with lack of memory, threads and descriptors: attack.sh [PRESET [ATTACK...]]. Builds them with
-# PRESET, by default release. Makes the attacks that are named, by default all, in about a minute, on this machine alone. Prints a line for each
-# attack. Fails when a program did not hold out.
+# PRESET, by default release. Makes the attacks that are named, by default all, in about a minute, on this machine alone. Prints a line for
+# each attack. Fails when a program did not hold out.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 preset=${1:-release}

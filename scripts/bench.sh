@@ -1,8 +1,8 @@
 #!/bin/bash
-# Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...]. A topic is a file of benchmarks/, mutex for instance. Prints a
-# table for each topic: the times of the library and of its peers, as ratios to the bare calls that do the same work. A run of all topics also
-# writes docs/performance.md and its plots; it takes about half an hour, during which the machine must do nothing else. --quick leaves out the
-# largest sizes and measures for a short time: enough to see that everything runs, and no figure to quote.
+# Builds the benchmarks, runs them and compares: bench.sh [--quick] [TOPIC...]. A topic is a file of benchmarks/, mutex for instance. Prints
+# a table for each topic: the times of the library and of its peers, as ratios to the bare calls that do the same work. A run of all topics
+# also writes docs/performance.md and its plots; it takes about half an hour, during which the machine must do nothing else. --quick leaves
+# out the largest sizes and measures for a short time: enough to see that everything runs, and no figure to quote.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 

@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# What the scripts share. Each script begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", which also changes to the root of the checkout.
+# What the scripts share. Each script begins with . "$(dirname "${BASH_SOURCE[0]}")/common.sh", which also changes to the root of the
+# checkout.
 unset CDPATH # with it, cd would print where it went
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit
@@ -68,8 +69,8 @@ install_missing() { # PACKAGE...
     as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# Installs what both compilers need for 32 bits. The package g++-multilib, without the version, conflicts with each cross compiler. Only that
-# package brings the link by which 32-bit programs find the headers of the kernel, so the link is made here.
+# Installs what both compilers need for 32 bits. The package g++-multilib, without the version, conflicts with each cross compiler. Only
+# that package brings the link by which 32-bit programs find the headers of the kernel, so the link is made here.
 install_multilib() {
     install_missing "g++-$(/usr/bin/g++ -dumpversion)-multilib"
     [[ -e /usr/include/asm || ! -d /usr/include/x86_64-linux-gnu/asm ]] || as_root ln -s x86_64-linux-gnu/asm /usr/include/asm

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs the tests and tells which lines and branches of kest/ they ran: a table of lines and a table of branches, with a row for each file, then
-# a summary. Each row names the lines that have something that never ran. Branches that only an exception takes are left out.
+# Runs the tests and tells which lines and branches of kest/ they ran: a table of lines and a table of branches, with a row for each file,
+# then a summary. Each row names the lines that have something that never ran. Branches that only an exception takes are left out.
 # build/coverage/report/index.html is the report for a browser.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -15,7 +15,8 @@ logged coverage ctest --preset coverage -j2 -E '^faults\.page$'
 
 mkdir -p "$build/report"
 gcovr --root "$root" --filter 'kest/' --exclude-throw-branches --exclude-unreachable-branches \
-    --html-details "$build/report/index.html" --json "$build/coverage.json" --txt "$build/lines.txt" --print-summary "$build" >"$build/summary.txt"
+    --html-details "$build/report/index.html" --json "$build/coverage.json" --txt "$build/lines.txt" \
+    --print-summary "$build" >"$build/summary.txt"
 cat "$build/lines.txt"
 gcovr --root "$root" --add-tracefile "$build/coverage.json" --exclude-throw-branches --exclude-unreachable-branches --branches --txt -
 cat "$build/summary.txt"

@@ -1,9 +1,9 @@
 #!/bin/bash
 # Builds Kest for other processors and runs the tests of their presets under qemu's emulation of a process: cross.sh [ARCHITECTURE...], by
-# Debian's names; without an argument for all. Prints what was built, how many tests passed, and each skipped test with its reason. Fails when a
-# build warns, a test fails, or the exported symbols are not those in abi/.
-# "cross.sh compilers" builds the library with every compiler of the distribution, and its headers in every standard that the compiler knows.
-# Then it links the examples with -static and runs one, and tells which of the library's imports musl lacks.
+# Debian's names; without an argument for all. Prints what was built, how many tests passed, and each skipped test with its reason. Fails
+# when a build warns, a test fails, or the exported symbols are not those in abi/.
+# "cross.sh compilers" builds the library with every compiler of the distribution, and its headers in every standard that the compiler
+# knows. Then it links the examples with -static and runs one, and tells which of the library's imports musl lacks.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -43,7 +43,8 @@ declare -A compilers=(
 
 build_with() { # COMPILER
     local build=build/compiler-$1 standard
-    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_COMPILER=$1" -DKEST_WERROR=ON -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_COMPILER=$1" -DKEST_WERROR=ON \
+        -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
         cmake --build "$build" -j2 || return
     for standard in c++17 ${compilers[$1]}; do
         echo '#include <kest/kest.h>' | "$1" "-std=$standard" -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror \
@@ -57,7 +58,8 @@ test_compilers() {
     install_missing "${names[@]/clang++/clang}"
     for compiler in "${names[@]}"; do
         if logged "compiler-$compiler" build_with "$compiler"; then
-            echo "$compiler: builds without a warning, headers as c++17 ${compilers[$compiler]}; $(needs "build/compiler-$compiler/kest/libkest.so")"
+            echo "$compiler: builds without a warning, headers as c++17 ${compilers[$compiler]};" \
+                "$(needs "build/compiler-$compiler/kest/libkest.so")"
         else
             echo "$compiler: FAILED"
             failures=$((failures + 1))
@@ -90,7 +92,8 @@ test_musl() {
     {
         awk '{ print "char " $1 "();" } END { print "int main(void) { return 0" }' <<<"$imported"
         awk '{ print "+ " $1 "()" } END { print "; }" }' <<<"$imported"
-    } | musl-gcc -w -fno-builtin -x c - -o build/musl 2>&1 | sed -nE 's/.*undefined reference to .([A-Za-z0-9_]+).$/\1/p' | sort -u >build/missing || true # the program lacks what musl lacks
+    } | musl-gcc -w -fno-builtin -x c - -o build/musl 2>&1 |
+        sed -nE 's/.*undefined reference to .([A-Za-z0-9_]+).$/\1/p' | sort -u >build/missing || true # the program lacks what musl lacks
     echo "musl: of what the library imports it lacks: $(paste -sd ' ' build/missing)"
 }
 

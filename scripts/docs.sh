@@ -1,6 +1,6 @@
 #!/bin/bash
-# Builds the manual into build/docs/docs/html. A warning of Doxygen is an error. "docs.sh check" then opens every page in a headless browser,
-# wide and narrow, light and dark, and fails on what a reader would find broken (check_manual.py).
+# Builds the manual into build/docs/docs/html. A warning of Doxygen is an error. "docs.sh check" then opens every page in a headless
+# browser, wide and narrow, light and dark, and fails on what a reader would find broken (check_manual.py).
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 if (($# > 1)) || [[ ${1:-check} != check ]]; then

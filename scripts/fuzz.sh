@@ -1,7 +1,7 @@
 #!/bin/bash
-# Runs the fuzz targets: fuzz.sh SECONDS|corpus [TARGET]. Each target begins with its seeds in fuzz/corpus and runs for SECONDS; "corpus" means
-# the seeds and three seconds. Prints a line for each target. New inputs stay out of the checkout. Fails on a finding, and copies its input to
-# build/findings. The input of a fault that is mended belongs into fuzz/corpus.
+# Runs the fuzz targets: fuzz.sh SECONDS|corpus [TARGET]. Each target begins with its seeds in fuzz/corpus and runs for SECONDS; "corpus"
+# means the seeds and three seconds. Prints a line for each target. New inputs stay out of the checkout. Fails on a finding, and copies its
+# input to build/findings. The input of a fault that is mended belongs into fuzz/corpus.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Builds the Debian packages into build/packages: package.sh [ARCHITECTURE...], by default amd64 and i386; the architectures of cross.sh can be
-# named too. Builds the source package, and from the source package libkest1, its debug symbols and libkest-dev for each architecture, and
-# libkest-doc with the packages of this machine's own architecture. Then runs lintian. Fails when lintian finds anything that
+# Builds the Debian packages into build/packages: package.sh [ARCHITECTURE...], by default amd64 and i386; the architectures of cross.sh can
+# be named too. Builds the source package, and from the source package libkest1, its debug symbols and libkest-dev for each architecture,
+# and libkest-doc with the packages of this machine's own architecture. Then runs lintian. Fails when lintian finds anything that
 # debian/*.lintian-overrides does not explain. debian/ says what is packaged; this script chooses the sources and the compiler.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"

@@ -1,8 +1,8 @@
 #!/bin/bash
-# Tests the Debian packages in a clean system: package_test.sh [amd64] [i386], by default both. Builds the packages, installs them into the clean
-# system, and builds and runs every example there as a user would: with find_package, pkg-config and add_subdirectory, with the shared and the
-# static library. Needs root, since it enters the clean system with chroot, and the package mirror of this system. The clean system is made once
-# and kept in build/clean-root; the environment variable KEST_CLEAN_ROOT names another place.
+# Tests the Debian packages in a clean system: package_test.sh [amd64] [i386], by default both. Builds the packages, installs them into the
+# clean system, and builds and runs every example there as a user would: with find_package, pkg-config and add_subdirectory, with the shared
+# and the static library. Needs root, since it enters the clean system with chroot, and the package mirror of this system. The clean system
+# is made once and kept in build/clean-root; the environment variable KEST_CLEAN_ROOT names another place.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 architectures=("$@")

@@ -1,6 +1,7 @@
 #!/bin/bash
 # package_test.sh runs this inside the clean system: package_test_inside.sh "EXAMPLE..." ARCHITECTURE.... The packages are in /packages, the
-# library's tree is in /source. The examples are those that the packages bring. They are copied to /examples, where they find only the packages.
+# library's tree is in /source. The examples are those that the packages bring. They are copied to /examples, where they find only the
+# packages.
 set -euo pipefail
 read -ra examples <<<"$1"
 shift

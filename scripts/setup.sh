@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs what the build, the tests and the lint need on a Debian system, and the packages that are named as arguments. Does nothing when all
-# packages are there.
+# Installs what the build, the tests and the lint need on a Debian system, and the packages that are named as arguments. Does nothing when
+# all packages are there.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Runs the library for long: soak.sh [SECONDS [CLIENTS [SEED]]]. Runs the soak program (benchmarks/soak.cpp) for SECONDS, by default 10. Then runs
-# moves of files that meet other moves, for about as long; those need root, since they mount file systems of their own. The environment variable
-# PRESET names another preset than release, asan or tsan for instance. Fails when anything was lost or left.
+# Runs the library for long: soak.sh [SECONDS [CLIENTS [SEED]]]. Runs the soak program (benchmarks/soak.cpp) for SECONDS, by default 10.
+# Then runs moves of files that meet other moves, for about as long; those need root, since they mount file systems of their own. The
+# environment variable PRESET names another preset than release, asan or tsan for instance. Fails when anything was lost or left.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 "$root/scripts/setup.sh"

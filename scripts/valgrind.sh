@@ -40,7 +40,8 @@ for tool in "${tools[@]}"; do
             --soname-synonyms=somalloc=nouserintercepts \
             --suppressions=tests/valgrind.supp "$program" --gtest_brief=1 --gtest_filter="*-${without[$tool]}" >"$log" 2>&1 || result=$?
         reports=$(grep -cE '^==[0-9]+== +at 0x' "$log" || true)
-        printf '%-10s %-26s %4d s  %s\n' "$tool" "$name" $((SECONDS - begin)) "$([[ $result == 0 ]] && echo clean || echo "FAILED ($result), $reports reports")"
+        printf '%-10s %-26s %4d s  %s\n' "$tool" "$name" $((SECONDS - begin)) \
+            "$([[ $result == 0 ]] && echo clean || echo "FAILED ($result), $reports reports")"
         ((result == 0)) || { failures=$((failures + 1)); show_end "$log"; }
     done
 done

@@ -12,8 +12,8 @@ import re
 import subprocess
 import sys
 
-# What a library in C++ imports besides calls of the system. Without the optimiser a call changes the order of bytes. With libc++ the library
-# calls pthread_exit to go on with a cancellation.
+# What a library in C++ imports besides calls of the system. Without the optimiser a call changes the order of bytes. With libc++ the
+# library calls pthread_exit to go on with a cancellation.
 LANGUAGE = re.compile(r"_Z|__cxa_|_ITM_|_Unwind_|__g(cc|xx)_|__gmon_start__|__dynamic_cast|__stack_chk_(fail|guard)|__getauxval$|__aeabi_|__errno_location|abort$|__assert_fail$|"
                       r"__(u?div|u?mod)[dt]i\d$|_*w?(mem|str)[a-z]+(_chk)?$|__(asan|tsan|ubsan|sanitizer)_|__tls_get_addr|__cpu_|bcmp$|"
                       r"__libc_single_threaded$|pthread_exit$|_GLOBAL_OFFSET_TABLE_$|[hn]to[hn]s$")

@@ -12,7 +12,8 @@ grep -q 'int main' "$work_dir/readme.cpp" || { echo "README.md has no program"; 
     "$work_dir/readme.cpp" "-L$library_dir" "-Wl,-rpath,$library_dir" -lkest -o "$work_dir/readme"
 
 port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-# Twice, as people do: the first run must leave its address free. The system keeps the address of the side that ends a connection for a while.
+# Twice, as people do: the first run must leave its address free. The system keeps the address of the side that ends a connection for a
+# while.
 for _ in first second; do
     answer=$(${KEST_EMULATOR:+"$KEST_EMULATOR"} "$work_dir/readme" "127.0.0.1:$port")
     echo "$answer"
