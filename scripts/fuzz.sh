@@ -24,6 +24,8 @@ logged fuzz-build build_preset fuzz
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT # libFuzzer takes the signal for the end of its run
+trap 'exit 143' TERM
 mkdir "$work/tmp"
 export TMPDIR=$work/tmp # targets make their folders here, which a finding leaves behind
 export ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1
