@@ -9,15 +9,14 @@
 # The environment variable KEST_ABI_SOURCE names another tree to compare, for trying changes.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-action=${1:-check}
+action=${1-check}
 targets=("${@:2}")
 (($# > 1)) || targets=(x86-64 i386 arm64)
-for target in "$action" "${targets[@]}"; do
-    if [[ $action != check && $action != update || " $action x86-64 i386 ${!cross_machines[*]} " != *" $target "* ]]; then
-        echo "usage: abi.sh [check|update] [x86-64 i386 ${!cross_machines[*]}]..." >&2
-        exit 2
-    fi
-done
+known=(x86-64 i386 "${!cross_machines[@]}")
+if [[ $action != check && $action != update ]] || ! are_known known "${targets[@]}"; then
+    echo "usage: abi.sh [check|update] [${known[*]}]..." >&2
+    exit 2
+fi
 source_dir=${KEST_ABI_SOURCE:-$root}
 "$root/scripts/setup.sh" abigail-tools
 work=$(mktemp -d)

@@ -19,7 +19,7 @@ logged() { # NAME COMMAND...
     return 1
 }
 
-# Whether the words are some of those in the array of the name KNOWN, each at most once.
+# Returns whether each WORD is an element of the array named KNOWN, and none is given twice.
 are_known() { # KNOWN [WORD...]
     local -n known_words=$1
     local one_word

@@ -6,13 +6,13 @@
 set -euo pipefail
 shopt -s inherit_errexit # a program that dies in the emulator ends the script, not the count
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-install_missing g++-12-aarch64-linux-gnu qemu-user
 
-page=${1:-}
-if (($# > 1)) || [[ $page && $page != page ]]; then
+page=${1-}
+if (($# > 1)) || [[ ${1-page} != page ]]; then
     echo "usage: count_text.sh [page]" >&2
     exit 2
 fi
+install_missing g++-12-aarch64-linux-gnu qemu-user
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

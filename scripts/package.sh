@@ -5,12 +5,10 @@
 # debian/*.lintian-overrides does not explain. debian/ says what is packaged; this script chooses the sources and the compiler.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-architectures=("${@:-amd64}")
+architectures=("$@")
 (($# > 0)) || architectures=(amd64 i386)
-for architecture in "${architectures[@]}"; do
-    [[ " amd64 i386 ${!cross_machines[*]} " == *" $architecture "* ]] ||
-        { echo "usage: package.sh [amd64 i386 ${!cross_machines[*]}]..." >&2; exit 2; }
-done
+known=(amd64 i386 "${!cross_machines[@]}")
+are_known known "${architectures[@]}" || { echo "usage: package.sh [${known[*]}]..." >&2; exit 2; }
 
 # Only what the packages need, and not all tools of developers, so that a user waits less.
 needed=(cmake ninja-build g++ build-essential debhelper dpkg-dev lintian doxygen doxygen-awesome-css python3 file xz-utils)
