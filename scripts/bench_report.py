@@ -4,7 +4,7 @@
 Measurements are named workload/variant/who[/size]. Measurements that differ only in who make one row. A goal is a line of bench_goals.csv:
 a ratio, its largest good value, the bits (64 or 32), and for a goal that is missed the reason. The size "1000+" means 1000 and more. A
 ratio to "others" compares with the fastest of them. The value "spread" is reached within the spread of the repetitions of the compared one.
-A goal without a measurement in its topic counts as missed.
+A goal without a measurement in its topic counts as missed. A goal of a codec that the processor does not have is left out.
 """
 import argparse
 import collections
@@ -23,7 +23,8 @@ matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402 (the backend is chosen before)
 
 FIRST = ["limit", "kest", "std"]
-OWN = ["limit", "shared", "kest", "kest-avx512", "kest-avx2", "kest-sse4", "kest-portable", "loop"]
+CODECS = ["kest-avx512", "kest-avx2", "kest-sse4", "kest-neon", "kest-portable"]
+OWN = ["limit", "shared", "kest", *CODECS, "loop"]
 NARROW = "\u00a0" # between a number and its unit, which stay together
 MOST_PERCENT = 350 # that the first picture shows
 # Colours that can be told apart on white and on black.
@@ -61,8 +62,9 @@ SUBJECTS = {
     "echo": "Transfers. A block is sent to another thread and sent back, by the size of the block.",
     "stream": "Streams. 64 KiB in blocks, lines and characters, by the size of the stream's buffer.",
     "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string. "
-            "The columns that begin with \"kest-\" are the codecs that this processor has. Kest takes one of them, by the length of the text, "
-            "so the column \"Kest\" repeats one of theirs: what these two differ by is what a measurement can differ by. "
+            "The columns that begin with \"kest-\" are the codecs that this processor has. Kest chooses one of them by the length of the "
+            "text. For long texts the column \"Kest\" therefore repeats the column of one codec, and what the two differ by is what a "
+            "measurement can differ by. "
             "For arm64 [instructions were counted](performance/arm64.md) instead of times.",
     "symbol": "Symbols of loaded libraries",
     "clock": "The clock",
@@ -279,7 +281,7 @@ def summary_of(runs):
         for goal in goals:
             times = topics.get(goal["topic"], ({},))[0]
             who = goal["ratio"].split("/")[0]
-            if who.startswith("kest-") and not any(who in whos for whos in times.values()):
+            if who in CODECS and not any(who in whos for whos in times.values()):
                 continue # a codec that this processor does not have
             if times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
                 counts[False] += 1
@@ -298,7 +300,8 @@ def page_of(runs, pictures, run, quick):
         "Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost, POCO).",
         "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "",
         table_of_tasks(topics), "",
-        "The bare calls are those that Kest makes, in its order. What they leave out stands on the page of [profiles](performance/profiles.md).",
+        "The bare calls are those that Kest makes, in its order, with few exceptions. The page of [profiles](performance/profiles.md)",
+        "names the exceptions in five cases.",
         "Another library may make fewer calls, and then takes less time. Kest waits for readiness before it receives, since its limits",
         "promise that.", "",
         "`scripts/bench.sh` measured the figures, on this machine. The same command repeats the measurement.", "",
@@ -320,7 +323,7 @@ def page_of(runs, pictures, run, quick):
     lines += ["", "## For those who work on Kest: goals", "",
               "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count,
               "Goals of codecs that this processor does not have are left out. Of five cases there is a [profile](performance/profiles.md),",
-              "which repeats the measurement more often."]
+              "which repeats the measurement more often and compares the lower quartiles. Its ratios therefore differ from those here."]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
@@ -348,6 +351,9 @@ def main():
 
     with options.goals.open(newline="") as file:
         goals = list(csv.DictReader(file))
+    for goal in goals:
+        if goal["topic"] not in SUBJECTS or goal["bits"] not in ("64", "32"):
+            parser.error(f"no such topic or bits: {goal}")
     runs = []
     for bits, results, addition in ("64", options.results, ""), ("32", options.results_32, ", 32 bits"):
         topics = {topic: read_topic(results / f"{topic}.json") for topic in options.topics} if results else {}

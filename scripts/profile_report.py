@@ -220,8 +220,7 @@ def main():
         "does in it, or a function. A sample names the instruction that comes next, so the costly one may be the one before.", "",
         f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
         f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.",
-        f"At the end of the run {load:.1f} programs on average ran or wanted to: with more than two, some per cent of difference say nothing.",
-        text]))
+        f"The load of the last five minutes of the run was {load:.1f}: above 2, some per cent of difference say nothing.", text]))
 
 
 if __name__ == "__main__":
