@@ -108,19 +108,19 @@ public:
     KEST_CODEC_ENTRY KEST_TARGET static std::size_t CountBytes(const wchar_t* text, std::size_t& length) noexcept {
         std::size_t bytes = 0;
         std::size_t index = 0;
-        bool hasZero = false;
+        bool isCut = false;
         if (const std::size_t odd = length % Units; odd != 0 && length >= Units) {
             const auto units = TSteps::FindLongUnits(text);
-            hasZero = (units.Zeros & FirstOf(odd)) != 0;
-            bytes = hasZero ? 0 : BytesOf(units, odd);
-            index = hasZero ? 0 : odd;
+            isCut = (units.Zeros & FirstOf(odd)) != 0;
+            bytes = isCut ? 0 : BytesOf(units, odd);
+            index = isCut ? 0 : odd;
         }
-        while (!hasZero && length - index >= Run) {
+        while (!isCut && length - index >= Run) {
             const std::size_t most = std::min((length - index) / Run, Most);
             std::size_t runs = most;
             bytes += TSteps::CountBytes(text + index, runs);
             index += runs * Run;
-            hasZero = runs < most;
+            isCut = runs < most;
         }
         for (; length - index >= Units; index += Units) {
             const auto units = TSteps::FindLongUnits(text + index);

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <cwchar>
 
-#ifdef __SSE2__
+#ifdef __SSE2__ // every 64-bit x86 has it, so packing ASCII may take its instructions here
 #include <emmintrin.h>
 #endif
 
