@@ -3,7 +3,8 @@
 
 Measurements are named workload/variant/who[/size]. Measurements that differ only in who make one row. A goal is a line of bench_goals.csv:
 a ratio, its largest good value, the bits (64 or 32), and for a goal that is missed the reason. The size "1000+" means 1000 and more. A
-ratio to "others" compares with the fastest of them. The value "spread" is reached within the spread of the repetitions of the compared one.
+ratio to "others" compares with the fastest of them, one to "codecs" with the fastest of the library's own. The value "spread" is reached
+within the spread of the repetitions of the compared one.
 A goal without a measurement in its topic counts as missed. A goal of a codec that the processor does not have is left out.
 """
 import argparse
@@ -13,6 +14,7 @@ import fnmatch
 import io
 import json
 import math
+import os
 import pathlib
 import re
 import statistics
@@ -23,7 +25,9 @@ matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402 (the backend is chosen before)
 
 FIRST = ["limit", "kest", "std"]
-CODECS = ["kest-avx512", "kest-avx2", "kest-sse4", "kest-neon", "kest-portable"]
+# The library's codecs, and what the processor's flags must have for them.
+CODECS = {"kest-avx512": {"avx512_vbmi2", "avx512vbmi", "avx512bw", "popcnt"}, "kest-avx2": {"avx2", "popcnt"},
+          "kest-sse4": {"sse4_2", "popcnt"}, "kest-neon": {"asimd"}, "kest-portable": set()}
 OWN = ["limit", "shared", "kest", *CODECS, "loop"]
 NARROW = "\u00a0" # between a number and its unit, which stay together
 MOST_PERCENT = 350 # that the first picture shows
@@ -129,8 +133,9 @@ def goals_of(goals, topic, case, whos):
                 or not fnmatch.fnmatchcase(case.variant, goal["variant"]) or not size_matches(goal["size"], case.size):
             continue
         who, base = goal["ratio"].split("/")
-        if base == "others":
-            base = min((each for each in whos if each not in OWN), key=lambda each: statistics.median(whos[each]), default=base)
+        if base in ("others", "codecs"):
+            compared = [each for each in whos if (each in CODECS if base == "codecs" else each not in OWN)]
+            base = min(compared, key=lambda each: statistics.median(whos[each]), default=base)
         if who not in whos or base not in whos:
             continue
         reached = statistics.median(whos[who]) / statistics.median(whos[base])
@@ -202,6 +207,13 @@ def begin_picture():
                                 "xtick.minor.size": 0, "ytick.minor.size": 0})
 
 
+def write(path, text):
+    """Replaces the file by a whole one, or leaves the old one."""
+    new = path.with_name(path.name + ".new")
+    new.write_text(text)
+    os.replace(new, path)
+
+
 def save_picture(figure, path):
     with io.StringIO() as written:
         figure.savefig(written, format="svg", metadata={"Date": None}, transparent=True, bbox_inches="tight")
@@ -213,7 +225,7 @@ def save_picture(figure, path):
     # A text without a colour of its own is black.
     text = re.sub(r'(<text style=")(?![^"]*fill:)', r"\1fill: var(--ink); ", text)
     text = re.sub(r"(\.\d\d)\d+", r"\1", text) # a hundredth of a point is small enough
-    path.write_text(re.sub(r"[ \t]+$", "", text, flags=re.M))
+    write(path, re.sub(r"[ \t]+$", "", text, flags=re.M))
 
 
 def plot_tasks(topics, path):
@@ -268,9 +280,23 @@ def plot_topic(times, path):
     return True
 
 
+def read_goals(path):
+    with path.open(newline="") as file:
+        goals = list(csv.DictReader(file))
+    for goal in goals:
+        who, _, base = goal["ratio"].partition("/")
+        if goal["topic"] not in SUBJECTS or goal["bits"] not in ("64", "32") or who not in OWN or not base \
+                or goal["reach"] != "spread" and not 0 < float(goal["reach"]) < math.inf:
+            raise SystemExit(f"bench: this is no goal: {goal}")
+    if not goals:
+        raise SystemExit(f"bench: no goals in {path}")
+    return goals
+
+
 def summary_of(runs):
-    """Gets (topics, goals, addition to the topics' names) of each run. Returns how many goals are reached, and a row for each missed goal."""
-    counts, missed = collections.Counter(), []
+    """Gets (topics, goals, addition to the topics' names) of each run. Returns how many goals are reached, and a row for each other."""
+    counts, missed, left_out = collections.Counter(), [], 0
+    flags = set(re.sub(r"\s", " ", pathlib.Path("/proc/cpuinfo").read_text()).split(" "))
     for topics, goals, addition in runs:
         for topic, (times, _) in topics.items():
             for case in sorted(times, key=by_size):
@@ -281,13 +307,14 @@ def summary_of(runs):
         for goal in goals:
             times = topics.get(goal["topic"], ({},))[0]
             who = goal["ratio"].split("/")[0]
-            if who in CODECS and not any(who in whos for whos in times.values()):
-                continue # a codec that this processor does not have
-            if times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
+            if times and CODECS.get(who, set()) - flags:
+                left_out += 1
+            elif times and not any(True for case in times for _ in goals_of([goal], goal["topic"], case, times[case])):
                 counts[False] += 1
                 name = ", ".join(each for each in (goal["workload"], goal["variant"], goal["size"]) if each)
                 missed.append([goal["topic"] + addition, name, f"{goal['ratio']} {goal['reach']}", "not measured", ""])
-    return f"{counts[True]} of {counts.total()} goals are reached.", missed
+    return f"{counts[True]} of {counts.total()} goals are reached." + \
+        (f" {left_out} goals of codecs that this processor does not have are left out." if left_out > 0 else ""), missed
 
 
 def page_of(runs, pictures, run, quick):
@@ -296,8 +323,9 @@ def page_of(runs, pictures, run, quick):
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
     lines += [
-        "Kest makes the calls of the system that a program would make itself, and adds little to them. The picture and the table show ten tasks.",
-        "Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost, POCO).",
+        "Kest makes the calls of the system that a program would make itself, and adds little to them. The picture and the table show ten",
+        "tasks. Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost,",
+        "POCO).",
         "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "",
         table_of_tasks(topics), "",
         "The bare calls are those that Kest makes, in its order, with few exceptions. The page of [profiles](performance/profiles.md)",
@@ -307,9 +335,9 @@ def page_of(runs, pictures, run, quick):
         "`scripts/bench.sh` measured the figures, on this machine. The same command repeats the measurement.", "",
         table([["", ""]] + [[name, value] for name, value in run.items()]), "",
         "## How to read the tables", "",
-        "\"Bare calls\" is the time of the calls of the system alone, the median of the repetitions. The other columns are ratios to that time:",
-        "1.05 takes 5 % longer. The middle half of Kest's repetitions lies within the ratios in \"between\". The repetitions run in random",
-        "order. Every program has a second, sleeping thread. The pictures show the time per byte, character or entry over the size."]
+        "\"Bare calls\" is the time of the calls of the system alone, the median of the repetitions. The other columns are ratios to that",
+        "time: 1.05 takes 5 % longer. The middle half of Kest's repetitions lies within the ratios in \"between\". The repetitions run in",
+        "random order. Every program has a second, sleeping thread. The pictures show the time per byte, character or entry over the size."]
     for topic, about in SUBJECTS.items():
         if topic not in topics:
             continue
@@ -322,8 +350,8 @@ def page_of(runs, pictures, run, quick):
     count, missed = summary_of(runs)
     lines += ["", "## For those who work on Kest: goals", "",
               "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count,
-              "Goals of codecs that this processor does not have are left out. Of five cases there is a [profile](performance/profiles.md),",
-              "which repeats the measurement more often and compares the lower quartiles. Its ratios therefore differ from those here."]
+              "Of five cases there is a [profile](performance/profiles.md), which repeats the measurement more often and compares",
+              "the lower quartiles. Its ratios therefore differ from those here."]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
@@ -332,11 +360,11 @@ def page_of(runs, pictures, run, quick):
 def write_page(path, runs, run, quick):
     pictures = path.with_suffix("")
     pictures.mkdir(exist_ok=True)
-    for old in pictures.glob("*.svg"):
-        old.unlink()
     plot_tasks(runs[0][0], pictures / "tasks.svg")
     drawn = [topic for topic, (times, _) in runs[0][0].items() if plot_topic(times, pictures / f"{topic}.svg")]
-    path.write_text(page_of(runs, drawn, run, quick))
+    write(path, page_of(runs, drawn, run, quick))
+    for old in set(pictures.glob("*.svg")) - {pictures / f"{name}.svg" for name in ["tasks", *drawn]}:
+        old.unlink()
 
 
 def main():
@@ -349,11 +377,7 @@ def main():
     parser.add_argument("topics", nargs="+")
     options = parser.parse_args()
 
-    with options.goals.open(newline="") as file:
-        goals = list(csv.DictReader(file))
-    for goal in goals:
-        if goal["topic"] not in SUBJECTS or goal["bits"] not in ("64", "32"):
-            parser.error(f"no such topic or bits: {goal}")
+    goals = read_goals(options.goals)
     runs = []
     for bits, results, addition in ("64", options.results, ""), ("32", options.results_32, ", 32 bits"):
         topics = {topic: read_topic(results / f"{topic}.json") for topic in options.topics} if results else {}
