@@ -7,6 +7,7 @@ repetitions is divided among places by the samples: a system call with all that 
 import argparse
 import collections
 import json
+import math
 import os
 import pathlib
 import platform
@@ -87,6 +88,8 @@ def read_times(paths):
     times = collections.defaultdict(list)
     for path in paths:
         for entry in json.loads(path.read_text())["benchmarks"]:
+            if entry.get("error_occurred"):
+                raise SystemExit(f"profile: {entry['name']}: {entry['error_message']}")
             if entry.get("run_type") == "iteration":
                 name = entry["run_name"].split("/")
                 who = next(each for each in name if each in NAMES)
@@ -175,11 +178,15 @@ def table_of_calls(results, case):
 def section_of(results, case, library):
     title, goals, why = ABOUT[case]
     times = read_times(sorted(results.glob(f"{case}.*.json")))
+    if any(not 0 < each < math.inf for whos in times.values() for each in whos):
+        raise SystemExit(f"profile: {case}: not each repetition has a time")
     samples, instructions = {}, collections.Counter()
     for who in NAMES:
         paths = sorted(results.glob(f"{case}.{who}.*.samples"))
         if paths:
             samples[who], instructions = read_samples(paths) # of Kest's in the end, which has the library's
+            if samples[who].total() < 100 * len(paths):
+                raise SystemExit(f"profile: {case}: too few samples of {who}")
     lines = [f"## {title}", "", f"Of {len(times['kest'])} repetitions each:", "", *table_of_times(times), ""]
     for base, most in goals:
         of_base = "the bare calls" if base == "limit" else "the standard library"
@@ -212,7 +219,8 @@ def main():
         return
     model = re.search(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
     load = os.getloadavg()[1] # of the last five minutes
-    arguments.page.write_text("\n".join([
+    new = arguments.page.with_name(arguments.page.name + ".new") # a full disk leaves the old page
+    new.write_text("\n".join([
         "# Where the time goes that Kest adds", "",
         "Written by `scripts/profile.sh`. These five cases have taken more than their goals allow. Each is measured beside the bare",
         "calls, in one program, in random order and on one processor, and then sampled. A share is one of the bare calls' time.",
@@ -221,6 +229,7 @@ def main():
         f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
         f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.",
         f"The load of the last five minutes of the run was {load:.1f}: above 2, some per cent of difference say nothing.", text]))
+    os.replace(new, arguments.page)
 
 
 if __name__ == "__main__":
