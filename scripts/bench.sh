@@ -32,6 +32,7 @@ fi
 work=$(mktemp -d /var/tmp/kest-bench.XXXXXX) # on a disk, unlike /tmp on many systems
 memory=$(mktemp -d /dev/shm/kest-bench.XXXXXX)
 trap 'rm -rf "$work" "$memory"' EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory

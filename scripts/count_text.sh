@@ -16,6 +16,8 @@ install_missing g++-12-aarch64-linux-gnu qemu-user
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
 size=4096
 logged count_text aarch64-linux-gnu-g++-12 -std=c++23 -O3 -DNDEBUG -static -I. -o "$work/text_count" \
     benchmarks/text_count.cpp kest/text/utf8.cpp kest/text/utf8_*.cpp
@@ -30,6 +32,7 @@ of_one_round() { # CODEC TASK SCRIPT
     local three two
     two=$(executed "$@" 2)
     three=$(executed "$@" 3)
+    ((three > two)) || { echo "count_text: no count of $*" >&2; exit 1; }
     echo "$((three - two))"
 }
 
@@ -54,12 +57,14 @@ table() {
 table >"$work/table"
 cat "$work/table"
 [[ $page ]] || exit 0
-cat - "$work/table" >docs/performance/arm64.md <<END
+emulator=$(qemu-aarch64 --version | head -n 1)
+compiler=$(aarch64-linux-gnu-g++-12 --version | head -n 1)
+cat - "$work/table" >"$work/page" <<END
 # Text on arm64: instructions, not times
 
-Written by \`scripts/count_text.sh page\`. There was no such machine to measure on. An emulator ($(qemu-aarch64 --version | head -n 1))
+Written by \`scripts/count_text.sh page\`. There was no such machine to measure on. An emulator ($emulator)
 reported each instruction that ran while a text of 4 KiB was converted, compiled by
-$(aarch64-linux-gnu-g++-12 --version | head -n 1) with -O3. The figures are instructions per byte of UTF-8. They say nothing of what a
+$compiler with -O3. The figures are instructions per byte of UTF-8. They say nothing of what a
 processor does at once or waits for.
 
 A whole call counts the elements of the result, allocates the result and converts. The conversion alone writes into a buffer that is
@@ -70,3 +75,4 @@ the bytes of a wide text, the portable codec first looks for a zero with the C l
 The neon codec looks for the zero while it counts.
 
 END
+mv "$work/page" docs/performance/arm64.md

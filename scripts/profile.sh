@@ -26,6 +26,7 @@ logged profile-build build_preset bench bench_copy bench_condition bench_directo
 work=$(mktemp -d /var/tmp/kest-profile.XXXXXX) # on a disk, unlike /tmp on many systems
 memory=$(mktemp -d /dev/shm/kest-profile.XXXXXX)
 trap 'rm -rf "$work" "$memory"' EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT # perf takes the signal for the end of its recording, and ends well
 trap 'exit 143' TERM
 export KEST_BENCHMARK_DISK=$work KEST_BENCHMARK_MEMORY=$memory KEST_BENCHMARK_WHOLE=1
