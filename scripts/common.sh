@@ -79,7 +79,7 @@ install_multilib() {
 # Whether the kernel runs 32-bit programs of x86. Needs a compiler that makes them.
 runs_32_bits() {
     local folder result=0
-    folder=$(mktemp -d)
+    folder=$(mktemp -d) || exit # of the script: there is no answer
     echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o "$folder/program" && "$folder/program" 2>/dev/null || result=1
     rm -r "$folder"
     return "$result"
