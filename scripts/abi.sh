@@ -27,7 +27,8 @@ mkdir -p abi
 build() { # BUILD_DIR FLAGS
     # Paths in the debug information begin at the root of the tree, so that no path of this machine gets into abi/.
     cmake -S "$source_dir" -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=g++ \
-        "-DCMAKE_CXX_FLAGS=$2 -g -ffile-prefix-map=$source_dir=. -fdebug-prefix-map=$1=." -DKEST_BUILD_TESTS=OFF -DKEST_BUILD_EXAMPLES=OFF &&
+        "-DCMAKE_CXX_FLAGS=$2 -g '-ffile-prefix-map=$source_dir=.' '-fdebug-prefix-map=$1=.'" -DKEST_BUILD_TESTS=OFF \
+        -DKEST_BUILD_EXAMPLES=OFF &&
         cmake --build "$1" -j2 --target kest
 }
 
