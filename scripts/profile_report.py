@@ -41,8 +41,9 @@ The second set cannot go. Without it a lone urgent byte would count as something
 For each entry Kest takes and leaves a lock and makes a string. The lock cannot go: several threads may read one directory, and what
 `readdir` returns lasts until the next call only. The string cannot go: an entry outlives its directory. It allocates when a name has
 more than 15 bytes, as these have. The end is an exception, one for each listing. The "shared bare calls"
-have a lock, a string and an exception too, without Kest. What they add cannot go. With so much between the calls of `readdir`, the same
-calls take longer in the kernel."""),
+have a lock, a string and an exception too, without Kest. What they add cannot go. What Kest adds to them is the way into functions of
+the library. It cannot go either: a program that is built already takes these functions from a later version. All three make the same
+calls of `readdir`, and what the rows of `getdents64` differ by changes from run to run."""),
 }
 PREPARING = {"write", "writev", "unlink", "unlinkat", "mknodat", "execve", "exit_group", "mmap", "munmap", "mprotect", "clone3", "rseq"}
 
