@@ -12,6 +12,8 @@ int main(int, char** arguments) {
     int count = 0;
     for (const auto& seed : std::filesystem::directory_iterator(arguments[1])) {
         std::ifstream file(seed.path(), std::ios_base::binary);
+        if (!file)
+            return 1;
         const std::vector<char> data{std::istreambuf_iterator<char>(file), {}};
         (void)LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
         ++count;
