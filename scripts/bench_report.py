@@ -210,8 +210,11 @@ def begin_picture():
 def write(path, text):
     """Replaces the file by a whole one, or leaves the old one."""
     new = path.with_name(path.name + ".new")
-    new.write_text(text)
-    os.replace(new, path)
+    try:
+        new.write_text(text)
+        os.replace(new, path)
+    finally:
+        new.unlink(missing_ok=True)
 
 
 def save_picture(figure, path):

@@ -182,12 +182,11 @@ def section_of(results, case, library):
     if any(not 0 < each < math.inf for whos in times.values() for each in whos):
         raise SystemExit(f"profile: {case}: not each repetition has a time")
     samples, instructions = {}, collections.Counter()
-    for who in NAMES:
-        paths = sorted(results.glob(f"{case}.{who}.*.samples"))
-        if paths:
-            samples[who], instructions = read_samples(paths) # of Kest's in the end, which has the library's
-            if samples[who].total() < 100 * len(paths):
-                raise SystemExit(f"profile: {case}: too few samples of {who}")
+    for who in ("limit", "shared", "kest") if "shared" in times else ("limit", "kest"):
+        # The last instructions are those of Kest.
+        samples[who], instructions = read_samples(sorted(results.glob(f"{case}.{who}.*.samples")))
+        if samples[who].total() < 300:
+            raise SystemExit(f"profile: {case}: too few samples of {who}")
     lines = [f"## {title}", "", f"Of {len(times['kest'])} repetitions each:", "", *table_of_times(times), ""]
     for base, most in goals:
         of_base = "the bare calls" if base == "limit" else "the standard library"
@@ -221,7 +220,7 @@ def main():
     model = re.search(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
     load = os.getloadavg()[1] # of the last five minutes
     new = arguments.page.with_name(arguments.page.name + ".new") # a full disk leaves the old page
-    new.write_text("\n".join([
+    text = "\n".join([
         "# Where the time goes that Kest adds", "",
         "Written by `scripts/profile.sh`. These five cases have taken more than their goals allow. Each is measured beside the bare",
         "calls, in one program, in random order and on one processor, and then sampled. A share is one of the bare calls' time.",
@@ -229,8 +228,12 @@ def main():
         "does in it, or a function. A sample names the instruction that comes next, so the costly one may be the one before.", "",
         f"Machine: {model[1] if model else platform.machine()}, Linux {platform.release()}, glibc {platform.libc_ver()[1]}, "
         f"{time.strftime('%Y-%m-%d', time.gmtime())}. It is a virtual one without counters of the processor.",
-        f"The load of the last five minutes of the run was {load:.1f}: above 2, some per cent of difference say nothing.", text]))
-    os.replace(new, arguments.page)
+        f"The load of the last five minutes of the run was {load:.1f}: above 2, some per cent of difference say nothing.", text])
+    try:
+        new.write_text(text)
+        os.replace(new, arguments.page)
+    finally:
+        new.unlink(missing_ok=True)
 
 
 if __name__ == "__main__":
