@@ -16,6 +16,7 @@ install_missing g++-12-aarch64-linux-gnu qemu-user
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 size=4096

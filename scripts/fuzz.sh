@@ -24,6 +24,7 @@ logged fuzz-build build_preset fuzz
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT # libFuzzer takes the signal for the end of its run
 trap 'exit 143' TERM
 mkdir "$work/tmp"
