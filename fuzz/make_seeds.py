@@ -20,6 +20,13 @@ def utf8():
     for unit in ("H", "I"):
         units = [0x41, 0x7F, 0x80, 0x7FF, 0x800, 0xD83D, 0xDE00, 0xFFFF] + ([0x10000, 0x7FFFFFFF, 0xFFFFFFFF] if unit == "I" else [0x3F])
         yield b"".join(struct.pack("<" + unit, each) for each in reversed(units)) + bytes([unit == "I", 20])
+    # Long enough for the vectors of every codec: whole texts, texts with a byte that is none in the middle, and code units around each limit.
+    for sample in ["plain text ", "grüße ñ", "привет мир", "漢ࠀ字仮名", "aé漢😀"]:
+        long = (sample * 50).encode()[:470]
+        yield long + bytes([0, 255])
+        yield long[:201] + b"\xc0\xe0\xff" + long[201:] + bytes([0, 160])
+    for units in [0x41, 0x7F], [0x7F, 0x80], [0x80, 0x7FF], [0x41, 0x7FF, 0x800], [0xFFFF, 0x800, 0xD800], [0x41, 0xE9, 0x4E00, 0x7F]:
+        yield struct.pack(f"<{len(units)}H", *units) * (480 // len(units) // 2) + bytes([0, 7])
 
 
 def address():
