@@ -67,8 +67,8 @@ SUBJECTS = {
     "stream": "Streams. 64 KiB in blocks, lines and characters, by the size of the stream's buffer.",
     "text": "Text. UTF-8 to wide text and back, by script and number of characters. The bare call is a plain copy into a new string. "
             "The columns that begin with \"kest-\" are the codecs that this processor has. Kest chooses one of them by the length of the "
-            "text. For long texts the column \"Kest\" therefore repeats the column of one codec, and what the two differ by is what a "
-            "measurement can differ by. "
+            "text. For long texts the column \"Kest\" therefore repeats the column of one codec, and most of what the two differ by is "
+            "what a measurement can differ by. "
             "For arm64 [instructions were counted](performance/arm64.md) instead of times.",
     "symbol": "Symbols of loaded libraries",
     "clock": "The clock",
@@ -288,8 +288,8 @@ def read_goals(path):
         goals = list(csv.DictReader(file))
     for goal in goals:
         who, _, base = goal["ratio"].partition("/")
-        if goal["topic"] not in SUBJECTS or goal["bits"] not in ("64", "32") or who not in OWN or not base \
-                or goal["reach"] != "spread" and not 0 < float(goal["reach"]) < math.inf:
+        if None in goal or goal["topic"] not in SUBJECTS or goal["bits"] not in ("64", "32") or who not in OWN or not base \
+                or not re.fullmatch(r"\*|(\d+\+?)?", goal["size"]) or not re.fullmatch(r"spread|\d+\.\d+", goal["reach"] or ""):
             raise SystemExit(f"bench: this is no goal: {goal}")
     if not goals:
         raise SystemExit(f"bench: no goals in {path}")
@@ -326,11 +326,12 @@ def page_of(runs, pictures, run, quick):
     if quick:
         lines += ["**From a quick run, which shows that everything runs and no more: no figure here is to be quoted.**", ""]
     lines += [
-        "Kest makes the calls of the system that a program would make itself, and adds little to them. The picture and the table show ten",
-        "tasks. Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR, Boost,",
-        "POCO).",
-        "", "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)", "",
-        table_of_tasks(topics), "",
+        "Kest makes the calls of the system that a program would make itself, and adds little to most of them. The picture and the table",
+        "show ten tasks. Each is done with bare calls, with Kest, and with what a program would take instead (the standard library, APR,",
+        "Boost, POCO).",
+        "",
+        "![Ten tasks, done by Kest and by others; an arrow stands for a time beyond the edge of the picture](performance/tasks.svg)",
+        "", table_of_tasks(topics), "",
         "The bare calls are those that Kest makes, in its order, with few exceptions. The page of [profiles](performance/profiles.md)",
         "names the exceptions in five cases.",
         "Another library may make fewer calls, and then takes less time. Kest waits for readiness before it receives, since its limits",
@@ -353,8 +354,8 @@ def page_of(runs, pictures, run, quick):
     count, missed = summary_of(runs)
     lines += ["", "## For those who work on Kest: goals", "",
               "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count,
-              "Of five cases there is a [profile](performance/profiles.md), which repeats the measurement more often and compares",
-              "the lower quartiles. Its ratios therefore differ from those here."]
+              "Of five cases there is a [profile](performance/profiles.md) from a run of its own. It compares the lower quartiles and",
+              "repeats four of the cases more often. Its ratios differ from those here for these reasons, and from run to run."]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"

@@ -31,19 +31,19 @@ file is replaced it would fail first, and cost a call more."""),
 place. Nothing of the library is on the way."""),
     "copy": ("A copy of 256 MiB on the disk", [("limit", 1.05)], """
 The kernel moves the bytes in both. The bare calls name up to 1 GiB in a call of `copy_file_range`. Kest names 64 MiB, so that a
-cancellation is acted on between two calls, then reads until the true end, and gives the copy the time of its source. The table of
-calls shows what that takes, beside what moving the bytes takes. What the figures of a run differ by beyond that is the disk, which
-writes back meanwhile: the column "between" shows how far apart the repetitions are."""),
+cancellation is acted on between two calls, then reads until the true end, and gives the copy the time of its source. It also looks at
+the two files, three times in all. The table of calls shows what that takes, beside what moving the bytes takes. What the figures of a
+run differ by beyond that is the disk, which writes back meanwhile: the column "between" shows how far apart the repetitions are."""),
     "echo": ("An echo of 64 bytes over \"fs\"", [("limit", 1.03)], """
 Both make the same calls. They differ in the wait: the bare calls name one set of descriptors for readable and for urgent, and Kest two.
 The second set cannot go. Without it a lone urgent byte would count as something to receive."""),
     "list": ("Listing 1,000 entries in memory", [("limit", 1.08)], """
 For each entry Kest takes and leaves a lock and makes a string. The lock cannot go: several threads may read one directory, and what
 `readdir` returns lasts until the next call only. The string cannot go: an entry outlives its directory. It allocates when a name has
-more than 15 bytes, as these have. The end is an exception, one for each listing. The "shared bare calls"
-have a lock, a string and an exception too, without Kest. What they add cannot go. What Kest adds to them is the way into functions of
-the library. It cannot go either: a program that is built already takes these functions from a later version. All three make the same
-calls of `readdir`, and what the rows of `getdents64` differ by changes from run to run."""),
+more than 15 bytes, as these have. The end is an exception, one for each listing. The "shared bare calls" have a
+lock, a string and an exception too, without Kest. What they add cannot go. Kest adds to them mostly the functions of the library that
+are called for each entry. They stay in the library, so that a later version can change them. Its exception also costs more. All three
+make the same calls of `readdir`, and what the rows of `getdents64` differ by changes from run to run."""),
 }
 PREPARING = {"write", "writev", "unlink", "unlinkat", "mknodat", "execve", "exit_group", "mmap", "munmap", "mprotect", "clone3", "rseq"}
 
@@ -130,7 +130,7 @@ def table_of_places(times, samples):
         shares[who] = {place: 100 * count / total * low(times[who]) / low(times["limit"]) for place, count in samples[who].items()}
     places = sorted(set().union(*shares.values()), key=lambda place: -max(each.get(place, 0) for each in shares.values()))
     shown = [place for place in places if max(each.get(place, 0) for each in shares.values()) >= 0.5][:16]
-    rows = [["Where", *(f"{NAMES[who]}, %" for who in samples), "Kest adds"]]
+    rows = [["Where", *(f"{NAMES[who]}, %" for who in samples), "Kest adds to the bare calls"]]
     for name, those in [(place, [place]) for place in shown] + [("everything else", set(places) - set(shown)), ("together", places)]:
         sums = [sum(shares[who].get(place, 0) for place in those) for who in samples]
         rows.append([name, *(f"{each:.1f}" for each in sums), f"{round(sums[-1] - sums[0], 1) + 0.0:+.1f}"]) # + 0.0 leaves no -0.0
