@@ -76,4 +76,5 @@ the bytes of a wide text, the portable codec first looks for a zero with the C l
 The neon codec looks for the zero while it counts.
 
 END
-mv "$work/page" docs/performance/arm64.md
+cp "$work/page" docs/performance/arm64.md.new
+mv docs/performance/arm64.md.new docs/performance/arm64.md
