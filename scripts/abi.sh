@@ -1,22 +1,28 @@
 #!/bin/bash
 # Compares the library's binary interface with abi/: abi.sh [check|update] [TARGET...]. A target is x86-64, i386 or an architecture of
 # cross.sh; without a target x86-64, i386 and arm64 are compared.
-# The exported symbols must be those of abi/TARGET.symbols, no more and no less. Nothing in abi/TARGET.abi, which lists types and functions,
-# may have changed or gone while the SONAME is the old one. Types are compared only for x86-64 and i386: other processors are built from the
-# same sources.
+# The exported symbols must be those of abi/TARGET.symbols, no more and no less. For x86-64 and i386 nothing in abi/TARGET.abi, which lists
+# types and functions, may have changed or gone while the SONAME is the old one; under another SONAME everything passes there, but the test
+# of the version fails until "abi.sh update" has run. The other targets are built from the same sources: their symbols alone are compared.
 # "abi.sh update" writes both kinds of files, which makes additions part of the interface. It also refuses an incompatible change under the
-# old SONAME. Under another SONAME everything passes, but the test of the version fails until "abi.sh update" has run.
-# The environment variable KEST_ABI_SOURCE names another tree to compare on x86-64 and i386, for trying changes.
+# old SONAME.
+# The environment variable KEST_ABI_SOURCE names another tree, for trying changes: its x86-64 and i386 can be compared with abi/.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 source_dir=${KEST_ABI_SOURCE:-$root}
+actions=(check)
+known=(x86-64 i386)
+defaults=("${known[@]}")
+if [[ $source_dir == "$root" ]]; then
+    actions+=(update)
+    known+=("${!cross_machines[@]}")
+    defaults+=(arm64)
+fi
 action=${1-check}
 targets=("${@:2}")
-(($# > 1)) || targets=(x86-64 i386)
-(($# > 1)) || [[ $source_dir != "$root" ]] || targets+=(arm64)
-known=(x86-64 i386 "${!cross_machines[@]}")
-if [[ $action != check && $action != update ]] || ! are_known known "${targets[@]}"; then
-    echo "usage: abi.sh [check|update] [${known[*]}]..." >&2
+(($# > 1)) || targets=("${defaults[@]}")
+if ! are_known actions "$action" || ! are_known known "${targets[@]}"; then
+    echo "usage: abi.sh [$(IFS='|'; echo "${actions[*]}")] [${known[*]}]..." >&2
     exit 2
 fi
 "$root/scripts/setup.sh" abigail-tools
@@ -56,7 +62,6 @@ compare_symbols() { # WHAT_ELSE
 
 for target in "${targets[@]}"; do
     if [[ ${cross_machines[$target]:-} ]]; then
-        [[ $source_dir == "$root" ]] || { echo "abi: another tree can be compared for x86-64 and i386 alone" >&2; exit 2; }
         install_cross "$target"
         logged "abi-$target" build_preset "release-$target" kest
         write_symbols "$root/build/release-$target/kest/libkest.so"
@@ -74,7 +79,7 @@ for target in "${targets[@]}"; do
     # Only what callers can see: types of the headers, no paths, no lines.
     abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed --headers-dir "$source_dir/kest" --drop-private-types \
         "$library" >"$work/$target.abi"
-    ! grep -nF "='$root/" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
+    ! grep -nF "='$source_dir/" "$work/$target.abi" || { echo "abi: a path of this machine in the description of $target"; exit 1; }
 
     if [[ -e abi/$target.abi ]]; then
         old=$(soname_of "abi/$target.abi") new=$(soname_of "$work/$target.abi")
