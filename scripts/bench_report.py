@@ -355,7 +355,7 @@ def page_of(runs, pictures, run, quick):
     lines += ["", "## For those who work on Kest: goals", "",
               "A goal is a ratio that the library should not exceed. `scripts/bench_goals.csv` has all goals. " + count,
               "Of five cases there is a [profile](performance/profiles.md) from a run of its own. It compares the lower quartiles and",
-              "repeats four of the cases more often. Its ratios differ from those here for these reasons, and from run to run."]
+              "repeats each case more often. Its ratios differ from those here for these reasons, and from run to run."]
     if missed:
         lines += ["", table([["Subject", "Case", "Goal", "Reached", "Why"], *missed])]
     return "\n".join(lines) + "\n"
