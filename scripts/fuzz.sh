@@ -24,9 +24,14 @@ logged fuzz-build build_preset fuzz
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-trap 'exit 129' HUP
-trap 'exit 130' INT # libFuzzer takes the signal for the end of its run
-trap 'exit 143' TERM
+running= # the target that runs, as a process
+end() { # STATUS
+    [[ -z $running ]] || { kill "$running" && wait "$running"; } 2>/dev/null || true
+    exit "$1"
+}
+trap 'end 129' HUP
+trap 'end 130' INT
+trap 'end 143' TERM
 mkdir "$work/tmp"
 export TMPDIR=$work/tmp # targets make their folders here, which a finding leaves behind
 export ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1
@@ -42,7 +47,10 @@ for name in "${targets[@]}"; do
     output=$work/$name/output
     result=0
     "build/fuzz/fuzz/fuzz_$name" "$work/$name/corpus" -max_total_time="$seconds" -max_len="${lengths[$name]}" -timeout=10 \
-        -artifact_prefix="$work/$name/findings/" -print_final_stats=1 >"$output" 2>&1 </dev/null || result=$?
+        -artifact_prefix="$work/$name/findings/" -print_final_stats=1 >"$output" 2>&1 </dev/null &
+    running=$!
+    wait "$running" || result=$?
+    running=
     crashes=$(find "$work/$name/findings" -type f | wc -l)
     # A target that fails without a finding, or that ran nothing, is a failure too.
     executions=$(statistic number_of_executed_units "$output")
