@@ -78,12 +78,14 @@ build_32() {
 }
 
 begin=$SECONDS
+runs_32=yes
+runs_32_bits || runs_32= # asked first: when there is no answer, nothing was measured in vain
 logged bench build bench >&2
 run bench 15
 
 # Figures of an emulated processor say nothing about a real one.
 results_32=()
-if ! runs_32_bits; then
+if [[ -z $runs_32 ]]; then
     about_32="none: this machine runs no 32-bit programs itself, and figures from an emulation would say nothing"
 elif ! logged bench-32 build_32 >/dev/null; then
     about_32="none: no Google Benchmark for 32 bits was to be had"
