@@ -41,7 +41,8 @@ std::size_t BareListing(const std::string& path) {
     return length;
 }
 
-/// The bare calls with what Kest promises beyond them: threads may share the directory, and a name outlives the next call.
+/// The bare calls with a lock, a string for each name and an exception at the end: threads may share the directory, and a name outlives the
+/// next call.
 std::size_t SharedListing(const std::string& path) {
     struct TEnd {};
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;

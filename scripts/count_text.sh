@@ -15,7 +15,7 @@ fi
 install_missing g++-12-aarch64-linux-gnu qemu-user
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+trap 'rm -rf "$work" docs/performance/arm64.md.new' EXIT
 trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM

@@ -12,8 +12,10 @@ int main(int, char** arguments) {
     int count = 0;
     for (const auto& seed : std::filesystem::directory_iterator(arguments[1])) {
         std::ifstream file(seed.path(), std::ios_base::binary);
-        if (!file)
+        if (!file) {
+            (void)std::printf("%s cannot be read\n", seed.path().c_str());
             return 1;
+        }
         const std::vector<char> data{std::istreambuf_iterator<char>(file), {}};
         (void)LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
         ++count;
