@@ -20,7 +20,7 @@ def utf8():
     for unit in ("H", "I"):
         units = [0x41, 0x7F, 0x80, 0x7FF, 0x800, 0xD83D, 0xDE00, 0xFFFF] + ([0x10000, 0x7FFFFFFF, 0xFFFFFFFF] if unit == "I" else [0x3F])
         yield b"".join(struct.pack("<" + unit, each) for each in reversed(units)) + bytes([unit == "I", 20])
-    # As long as the vectors of every codec: texts, the same with bytes in the middle that no text has, and code units around each limit.
+    # Long enough for the vectors of every codec: texts, the same with a malformed sequence in the middle, and code units around each limit.
     for sample in ["plain text ", "grüße ñ", "привет мир", "漢ࠀ字仮名", "aé漢😀"]:
         long = (sample * 50).encode()[:470]
         yield long + bytes([0, 255])

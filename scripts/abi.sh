@@ -6,10 +6,10 @@
 # of the version fails until "abi.sh update" has run. The other targets are built from the same sources: their symbols alone are compared.
 # "abi.sh update" writes both kinds of files, which makes additions part of the interface. It also refuses an incompatible change under the
 # old SONAME.
-# The environment variable KEST_ABI_SOURCE names another tree, for trying changes: its x86-64 and i386 can be compared with abi/.
+# The environment variable KEST_ABI_SOURCE names another tree, for trying changes. Only "check" of x86-64 and i386 works with it.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-source_dir=${KEST_ABI_SOURCE:-$root}
+source_dir=$(cd "${KEST_ABI_SOURCE:-$root}" && pwd)
 actions=(check)
 known=(x86-64 i386)
 defaults=("${known[@]}")

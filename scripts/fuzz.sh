@@ -26,6 +26,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 running= # the target that runs, as a process
 end() { # STATUS
+    running=${running:-$(jobs -pr)} # the signal may come before its number is known
     [[ -z $running ]] || { kill "$running" && wait "$running"; } 2>/dev/null || true
     exit "$1"
 }

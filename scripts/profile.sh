@@ -1,8 +1,8 @@
 #!/bin/bash
 # Shows where the time goes in five cases that have taken more than their goals allow: profile.sh [CASE...], without one all of rename,
-# signal, copy, echo and list. Measures the library and the bare calls by turns on one processor, then samples both with perf by the clock, which
-# virtual machines have too. Prints a table by system call and function, as shares of the bare calls' time, and the instructions of the
-# library at which most samples are. Takes some minutes. A run of all cases also writes docs/performance/profiles.md.
+# signal, copy, echo and list. Measures the library and the bare calls by turns on one processor, then samples both with perf by the clock,
+# which virtual machines have too. Prints a table by system call and function, as shares of the bare calls' time, and the instructions of
+# the library at which most samples are. Takes some minutes. A run of all cases also writes docs/performance/profiles.md.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 

@@ -42,8 +42,9 @@ For each entry Kest takes and leaves a lock and makes a string. The lock cannot 
 `readdir` returns lasts until the next call only. The string cannot go: an entry outlives its directory. It allocates when a name has
 more than 15 bytes, as these have. The end is an exception, one for each listing. The "shared bare calls" have a
 lock, a string and an exception too, without Kest. What they add cannot go. What Kest adds to the shared bare calls is mostly the
-functions of the library that are called for each entry. They stay in the library, so that a later version can change them. Its exception
-also costs more. All three make the same calls of `readdir`, and what the rows of `getdents64` differ by changes from run to run."""),
+functions of the library that are called for each entry. They stay in the library, so that a later version can change them. Kest's
+exception also costs more. All three make the same calls of `readdir`, and what the rows of `getdents64` differ by changes from run to
+run."""),
 }
 PREPARING = {"write", "writev", "unlink", "unlinkat", "mknodat", "execve", "exit_group", "mmap", "munmap", "mprotect", "clone3", "rseq"}
 

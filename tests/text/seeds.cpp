@@ -1,4 +1,4 @@
-// Gives each file of a directory to a fuzz target, as libFuzzer would: for processors that libFuzzer does not run on.
+// Gives each file of a directory to a fuzz target, as libFuzzer would: builds for another processor have no fuzz targets.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
