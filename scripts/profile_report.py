@@ -124,7 +124,7 @@ def table_of_times(times):
 
 
 def table_of_places(times, samples):
-    """Shares of the bare calls' time in per cent; what has less than half a per cent in both is put together."""
+    """Shares of the bare calls' time in per cent; what has less than half a per cent in every column is put together."""
     shares = {}
     for who in samples:
         total = samples[who].total()
